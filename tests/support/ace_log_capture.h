@@ -1,0 +1,41 @@
+// Captures what the process logs through ACE_Log_Msg, from every thread.
+#ifndef ZERVA_TESTS_SUPPORT_ACE_LOG_CAPTURE_H_
+#define ZERVA_TESTS_SUPPORT_ACE_LOG_CAPTURE_H_
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace zerva_test {
+
+// One captured line, split at the "%D %M (%t) " prefix.
+struct AceLine {
+  std::string raw;       // the whole formatted text, as logged
+  std::string priority;  // "LM_ERROR", ... ("" when the prefix is absent)
+  std::string text;      // what follows "(<thread id>) ", without the final newline
+};
+
+// While alive, routes ACE logging to memory (and away from stderr).
+class AceLogCapture {
+ public:
+  AceLogCapture();
+  ~AceLogCapture();
+  AceLogCapture(const AceLogCapture&) = delete;
+  AceLogCapture& operator=(const AceLogCapture&) = delete;
+
+  std::vector<AceLine> lines() const;
+  // The texts only, in order.
+  std::vector<std::string> texts() const;
+  void clear();
+
+  class Backend;
+
+ private:
+  std::unique_ptr<Backend> backend_;
+  void* previousBackend_;
+  unsigned long previousFlags_;
+};
+
+}  // namespace zerva_test
+
+#endif  // ZERVA_TESTS_SUPPORT_ACE_LOG_CAPTURE_H_

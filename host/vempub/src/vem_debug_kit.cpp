@@ -236,5 +236,18 @@ void CVEMDebugKitMgr::write(const CVEMLogRecord& record) {
   sink->write(record);
 }
 
+void VEMLog(unsigned int kitNo, EVEMLogLevel level, const char* function, unsigned int line,
+            const char* format, ...) {
+  CVEMDebugKit* kit = CVEMDebugKitMgrSingleton::instance()->find(kitNo);
+  va_list args;
+  va_start(args, format);
+  switch (level) {
+    case VEM_LOG_ERROR: kit->error(0x1002E, function, line, format, args); break;
+    case VEM_LOG_WARN: kit->warn(0xFFFF, function, line, format, args); break;
+    default: kit->debug(0xFFFF, function, line, format, args); break;
+  }
+  va_end(args);
+}
+
 // The one instantiation of the manager singleton, exported to every binary.
 template class ACE_Unmanaged_Singleton<CVEMDebugKitMgr, ACE_Thread_Mutex>;

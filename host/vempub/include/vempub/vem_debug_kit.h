@@ -161,6 +161,16 @@ class CVEMDebugKitMgr {
 
 typedef ACE_Unmanaged_Singleton<CVEMDebugKitMgr, ACE_Thread_Mutex> CVEMDebugKitMgrSingleton;
 
+// Kits of the host platform's own code.
+enum : unsigned int {
+  VEM_KIT_HOST = 1,   // platform libraries: device configuration, back-end transport, capabilities
+  VEM_KIT_AGENT = 2,  // the SNMP agent program
+};
+
+// Writes one message on a kit: errors with code 0x1002E, the rest with 0xFFFF.
+void VEMLog(unsigned int kitNo, EVEMLogLevel level, const char* function, unsigned int line,
+            const char* format, ...) __attribute__((format(printf, 5, 6)));
+
 // libvempub holds the only instantiation of the singleton template.
 ACE_EXPORT_SINGLETON_DECLARE(ACE_Unmanaged_Singleton, CVEMDebugKitMgr, ACE_Thread_Mutex)
 

@@ -1,0 +1,220 @@
+// Throughput of the TLV codec against a plain memcpy of the same bytes.
+//
+// Two packages of about 1 MiB each:
+//
+//  - "stats": what the back end answers to statistics and table queries.
+//    Batches of 160 objects, each a record with the object's ID string
+//    (tag 13) and its 13 comma-separated counters as one string (tag 9),
+//    then table rows of 16 numeric cells (type 3, 4 bytes, tags 1..16).
+//    Many small records and cells: the common case.
+//  - "large": records of one ~4 KiB string cell each (a big listing), to
+//    show how much of the cost is per record and per cell.
+//
+// Every benchmark reports bytes/second over the encoded size of the package;
+// bench/run_codec_bench.sh prints the ratios to memcpy.
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tlv/vem_message_package.h"
+
+namespace {
+
+constexpr unsigned int kTargetSize = 1u << 20;  // about 1 MiB encoded
+constexpr unsigned int kBatchObjects = 160;
+constexpr unsigned int kValuesPerObject = 13;
+constexpr unsigned int kRowCells = 16;
+constexpr unsigned int kRowsPerBatch = 40;
+constexpr unsigned int kLargeCellSize = 4096;
+
+// Command codes of the table queries answered with rows.
+constexpr unsigned long long kRowCommands[] = {0xD0000C000ULL, 0xD0000C001ULL, 0xD00010002ULL};
+
+// The encoded size of a package (header plus body).
+unsigned int EncodedSize(const CTLVPackage& pkg) { return TLVMsgHeadV3::SIZE + pkg.bodyLength(); }
+
+// Counters of a statistics object: a mix of small gauges and large running
+// totals (bytes, I/Os), as the back end reports them.
+std::string CounterText(std::mt19937_64& rng) {
+  std::string text;
+  for (unsigned int v = 0; v < kValuesPerObject; ++v) {
+    unsigned long long value;
+    switch (v % 4) {
+      case 0: value = rng() % 100; break;                     // percentages
+      case 1: value = rng() % 100000; break;                  // IOPS, latency in us
+      case 2: value = rng() % 10000000000ULL; break;          // bandwidth in KB
+      default: value = rng() % 1000000000000000ULL; break;    // running totals
+    }
+    if (v != 0) text += ',';
+    text += std::to_string(value);
+  }
+  return text;
+}
+
+// Statistics answers and table rows until the encoded size reaches ~1 MiB.
+void BuildStatsPackage(CTLVPackage& pkg) {
+  std::mt19937_64 rng(20261122);
+  unsigned int objectId = 12345;
+  unsigned int batch = 0;
+  while (EncodedSize(pkg) < kTargetSize) {
+    for (unsigned int i = 0; i < kBatchObjects && EncodedSize(pkg) < kTargetSize; ++i) {
+      CTLVRecordV3* record = new CTLVRecordV3(CTLVRecordV3::RESPONSE_ID, CTLVRecordV3::DEFAULT_BUCKETS);
+      pkg.push_back(record);
+      record->append(tlv::NewStringCell(13, std::to_string(objectId++)));
+      record->append(tlv::NewStringCell(9, CounterText(rng)));
+    }
+    for (unsigned int r = 0; r < kRowsPerBatch && EncodedSize(pkg) < kTargetSize; ++r) {
+      const unsigned long long id = kRowCommands[(batch + r) % (sizeof kRowCommands / sizeof kRowCommands[0])];
+      CTLVRecordV3* record = new CTLVRecordV3(id, CTLVRecordV3::DEFAULT_BUCKETS);
+      pkg.push_back(record);
+      for (unsigned short tag = 1; tag <= kRowCells; ++tag) {
+        record->append(tlv::NewUintCell(tag, CTLVCell::TLV_TYPE_UINT, rng() % 4000000000ULL, 4));
+      }
+    }
+    ++batch;
+  }
+}
+
+// Records of one ~4 KiB listing string each until ~1 MiB.
+void BuildLargePackage(CTLVPackage& pkg) {
+  unsigned int n = 0;
+  while (EncodedSize(pkg) < kTargetSize) {
+    std::string listing;
+    while (listing.size() + 32 < kLargeCellSize) {
+      listing += "lun" + std::to_string(n * 1000 + listing.size()) + ",pool0,ONLINE;";
+    }
+    listing.resize(kLargeCellSize - 1, ' ');  // plus the NUL: 4096 bytes
+    CTLVRecordV3* record = new CTLVRecordV3(CTLVRecordV3::RESPONSE_ID, CTLVRecordV3::DEFAULT_BUCKETS);
+    pkg.push_back(record);
+    record->append(tlv::NewStringCell(1, listing));
+    ++n;
+  }
+}
+
+enum Variant { kStats = 0, kLarge = 1 };
+
+// The package of a variant, built once, and its encoding.
+struct Fixture {
+  CTLVPackage pkg;
+  std::vector<unsigned char> wire;
+
+  explicit Fixture(Variant v) {
+    if (v == kStats) {
+      BuildStatsPackage(pkg);
+    } else {
+      BuildLargePackage(pkg);
+    }
+    wire.resize(EncodedSize(pkg));
+    if (pkg.encode(wire.data(), static_cast<unsigned int>(wire.size())) != wire.size()) {
+      std::fprintf(stderr, "tlv_codec_bench: encoding the fixture failed\n");
+      std::abort();
+    }
+  }
+};
+
+Fixture& GetFixture(Variant v) {
+  static Fixture stats(kStats);
+  static Fixture large(kLarge);
+  return v == kStats ? stats : large;
+}
+
+void SetCommonCounters(benchmark::State& state, const Fixture& f) {
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(f.wire.size()));
+  state.counters["size"] = static_cast<double>(f.wire.size());
+  state.counters["records"] = static_cast<double>(f.pkg.size());
+}
+
+// The floor: copying the encoded bytes between two preallocated buffers.
+void BM_Memcpy(benchmark::State& state, Variant v) {
+  const Fixture& f = GetFixture(v);
+  std::vector<unsigned char> src(f.wire);
+  std::vector<unsigned char> dst(f.wire.size());
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(src.data());
+    std::memcpy(dst.data(), src.data(), src.size());
+    benchmark::DoNotOptimize(dst.data());
+    benchmark::ClobberMemory();
+  }
+  SetCommonCounters(state, f);
+}
+
+// encode(buf, size) into a preallocated buffer.
+void BM_Encode(benchmark::State& state, Variant v) {
+  Fixture& f = GetFixture(v);
+  std::vector<unsigned char> buf(f.wire.size());
+  const unsigned int size = static_cast<unsigned int>(buf.size());
+  for (auto _ : state) {
+    unsigned int n = f.pkg.encode(buf.data(), size);
+    benchmark::DoNotOptimize(n);
+    benchmark::ClobberMemory();
+  }
+  SetCommonCounters(state, f);
+}
+
+// encode(out): allocation of the result included, then delete[].
+void BM_EncodeAlloc(benchmark::State& state, Variant v) {
+  Fixture& f = GetFixture(v);
+  for (auto _ : state) {
+    unsigned char* out = nullptr;
+    unsigned int n = f.pkg.encode(out);
+    benchmark::DoNotOptimize(out);
+    benchmark::DoNotOptimize(n);
+    benchmark::ClobberMemory();
+    delete[] out;
+  }
+  SetCommonCounters(state, f);
+}
+
+// decode() of the encoded package. The clear() that frees the records again
+// is outside the timed part; only the decode is counted.
+void BM_Decode(benchmark::State& state, Variant v) {
+  Fixture& f = GetFixture(v);
+  std::vector<unsigned char> wire(f.wire);
+  CTLVPackage pkg;
+  for (auto _ : state) {
+    unsigned int n = pkg.decode(wire.data(), static_cast<unsigned int>(wire.size()));
+    benchmark::DoNotOptimize(n);
+    state.PauseTiming();
+    if (n == CTLVPackage::FAILED || pkg.size() != f.pkg.size()) {
+      state.SkipWithError("decode of the fixture failed");
+      break;
+    }
+    pkg.clear();
+    state.ResumeTiming();
+  }
+  SetCommonCounters(state, f);
+}
+
+// decode() plus the clear() that destroys what it built: the full cost of a
+// received message.
+void BM_DecodeAndClear(benchmark::State& state, Variant v) {
+  Fixture& f = GetFixture(v);
+  std::vector<unsigned char> wire(f.wire);
+  CTLVPackage pkg;
+  for (auto _ : state) {
+    unsigned int n = pkg.decode(wire.data(), static_cast<unsigned int>(wire.size()));
+    benchmark::DoNotOptimize(n);
+    pkg.clear();
+  }
+  SetCommonCounters(state, f);
+}
+
+}  // namespace
+
+BENCHMARK_CAPTURE(BM_Memcpy, stats, kStats)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_Memcpy, large, kLarge)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_Encode, stats, kStats)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_Encode, large, kLarge)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_EncodeAlloc, stats, kStats)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_EncodeAlloc, large, kLarge)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_Decode, stats, kStats)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_Decode, large, kLarge)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_DecodeAndClear, stats, kStats)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_DecodeAndClear, large, kLarge)->Unit(benchmark::kMicrosecond);
+
+BENCHMARK_MAIN();

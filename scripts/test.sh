@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds, and runs every test: the unit and
+# integration tests in a normal build, the same suite under AddressSanitizer
+# and UndefinedBehaviorSanitizer, and a bounded libFuzzer run.
+#
+#   scripts/test.sh            everything
+#   FUZZ_SECONDS=0 scripts/test.sh    skip the fuzz run
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+FUZZ_SECONDS="${FUZZ_SECONDS:-60}"
+JOBS="$(nproc)"
+
+scripts/deps.sh
+
+echo "== normal build"
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZERVA_BUILD_BENCH=ON >/dev/null
+cmake --build build -j "$JOBS"
+echo "== tests"
+ctest --test-dir build --output-on-failure -j "$JOBS"
+
+echo "== sanitizer build (ASan + UBSan)"
+cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DZERVA_SANITIZE=ON -DZERVA_BUILD_BENCH=OFF >/dev/null
+cmake --build build-asan -j "$JOBS"
+echo "== tests under sanitizers"
+ASAN_OPTIONS="detect_leaks=1:abort_on_error=1" UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1" \
+  ctest --test-dir build-asan --output-on-failure -j "$JOBS"
+
+if [ "$FUZZ_SECONDS" -gt 0 ]; then
+  echo "== fuzz smoke run (${FUZZ_SECONDS}s per target)"
+  fuzz/run.sh "$FUZZ_SECONDS"
+fi
+
+echo "== all tests passed"

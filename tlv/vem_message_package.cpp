@@ -207,10 +207,11 @@ unsigned int CTLVPackageV3<HEAD>::getRecord(unsigned char* buf, unsigned int siz
     return 0;
   }
 
-  // Positions are 16-bit, as is the record end in the cell bound check: a
-  // usRecordLen of 65526 or more can never be accepted.
+  // The record end of the cell bound check is 16-bit: a usRecordLen of 65526
+  // or more can never be accepted. The position itself is kept wide so that
+  // a cell header near the 64 KiB mark cannot wrap it back into the record.
   const unsigned short recordEnd16 = static_cast<unsigned short>(recordEnd);
-  unsigned short pos = MIN_RECORD_SIZE;
+  unsigned int pos = MIN_RECORD_SIZE;
   PendingCells cells;
   while (pos - MIN_RECORD_SIZE < usRecordLen) {
     if (size - pos < MIN_TLV_SIZE) {
@@ -219,14 +220,14 @@ unsigned int CTLVPackageV3<HEAD>::getRecord(unsigned char* buf, unsigned int siz
       break;
     }
     const unsigned short tagWord = tlv::DecodeFixed16(buf + pos);
-    pos = static_cast<unsigned short>(pos + 2);
+    pos += 2;
     if ((tagWord & 0xF) > CTLVCell::TLV_TYPE_MAX_ACCEPTED) {
       VEM_ACE_ERROR_TEXT(where(__LINE__) + " : data type unmated, received type is " + std::to_string(tagWord & 0xF));
       break;
     }
     const unsigned short sDataLen = tlv::DecodeFixed16(buf + pos);
-    pos = static_cast<unsigned short>(pos + 2);
-    if (static_cast<unsigned int>(sDataLen) + pos > recordEnd16) {
+    pos += 2;
+    if (sDataLen + pos > recordEnd16) {
       VEM_ACE_ERROR_TEXT(where(__LINE__) +
                          " : data length is too long, ((sDataLen + pos) > usRecordLen + MIN_RECORD_SIZE) ->" +
                          std::to_string(sDataLen) + "+" + std::to_string(pos) + " > " +
@@ -236,7 +237,7 @@ unsigned int CTLVPackageV3<HEAD>::getRecord(unsigned char* buf, unsigned int siz
     CTLVCell* cell = new CTLVCell();
     cells.add(cell);
     cell->setCell(tagWord, reinterpret_cast<const char*>(buf + pos), sDataLen);
-    pos = static_cast<unsigned short>(pos + cell->length());
+    pos += cell->length();
   }
 
   // The position alone decides, also after a loop left by an error above.

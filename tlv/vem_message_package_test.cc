@@ -200,6 +200,34 @@ TEST(DecodeTest, RecordLength65526OrMoreIsNeverAccepted) {
   }
 }
 
+// A record of 65525 bytes of cells whose second cell header starts 4 bytes
+// before the 64 KiB mark: the parse position must not wrap into the record.
+Bytes NearWrapMessage(unsigned secondCellLen) {
+  Bytes body = Wire()
+                   .u64(1).u16(65525)
+                   .u16((1 << 4) | 2).u16(65518).zeros(65518)
+                   .u16((2 << 4) | 2).u16(secondCellLen).zeros(3)
+                   .u64(2).u16(0)
+                   .bytes();
+  return Message(body);
+}
+
+TEST(DecodeTest, CellHeaderNearThe64KiBMarkIsRejectedNotWrapped) {
+  for (unsigned len : {65535u, 10u, 0u}) {
+    AceLogCapture log;
+    Bytes msg = NearWrapMessage(len);
+    CTLVPackage pkg;
+    EXPECT_EQ(pkg.decode(msg.data(), msg.size()), 0xFFFFFFFFu) << len;
+    EXPECT_EQ(pkg.size(), 0u);
+    auto texts = log.texts();
+    ASSERT_EQ(texts.size(), 2u) << len;
+    EXPECT_THAT(texts[0], AtFileLine(Escape(std::string(kGetRecordFn) +
+                                            " : data length is too long, ((sDataLen + pos) > usRecordLen + "
+                                            "MIN_RECORD_SIZE) ->" +
+                                            std::to_string(len) + "+65536 > 65525+10")));
+  }
+}
+
 TEST(DecodeTest, RecordLength65525IsAccepted) {
   Bytes body = Wire().u64(1).u16(65525).u16(0x0012).u16(65521).zeros(65521).bytes();
   Bytes msg = Message(body);

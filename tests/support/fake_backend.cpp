@@ -171,6 +171,33 @@ void FakeBackend::reset() {
   stats_.clear();
 }
 
+Answer PagedListing::operator()(const CTLVPackage& req, bool) const {
+  const CTLVRecordV3& first = *req[0];
+  const std::string key = first.hasTag(1) ? first[1]->toString() : std::string();
+  asked_->push_back(key);
+  size_t start = 0;
+  if (!key.empty()) {
+    size_t i = 0;
+    while (i < keys_.size() && keys_[i] != key) ++i;
+    start = i < keys_.size() ? i + 1 : keys_.size();
+  }
+  Answer answer;
+  size_t pos = start;
+  for (size_t n = 0; n < pageSize_; ++n) {
+    if (pos >= keys_.size()) {
+      if (!wrap_ || keys_.empty()) break;
+      pos = 0;
+    }
+    answer.records.push_back(Rec(kListingCmd).t6(0, 11).str(1, keys_[pos]));
+    ++pos;
+  }
+  const bool more = wrap_ ? !keys_.empty() : pos < keys_.size();
+  answer.records.push_back(Rec(kListingCmd).u32(4095, more ? 0 : 1));
+  return answer;
+}
+
+std::vector<std::string> PagedListing::keysAsked() const { return *asked_; }
+
 namespace {
 
 const char kTestDeviceConfig[] =

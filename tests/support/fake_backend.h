@@ -112,6 +112,26 @@ enum : unsigned long long {
   kListingCmd = 0xD0000C000ULL,
 };
 
+// Answers the object listing 0xD0000C000 (and the sorted listings) page by
+// page, as a back end does: objects after the key in tag 1 (from the first
+// without one), at most pageSize per reply, then a control record (tag 4095:
+// 0 when more objects follow, 1 at the end). With wrap set the listing never
+// ends: after the last object it starts again from the first.
+class PagedListing {
+ public:
+  PagedListing(std::vector<std::string> keys, size_t pageSize, bool wrap = false)
+      : keys_(std::move(keys)), pageSize_(pageSize), wrap_(wrap) {}
+  Answer operator()(const CTLVPackage& req, bool listing) const;
+  // Keys asked for, in order ("" for a listing without key).
+  std::vector<std::string> keysAsked() const;
+
+ private:
+  std::vector<std::string> keys_;
+  size_t pageSize_;
+  bool wrap_;
+  std::shared_ptr<std::vector<std::string>> asked_ = std::make_shared<std::vector<std::string>>();
+};
+
 // Installs a FakeBackend, the test device configuration and a capability
 // set for the lifetime of the object.
 class BackendFixture {

@@ -2,7 +2,10 @@
 # Builds the libFuzzer targets with clang (ASan + UBSan) in build-fuzz/ and
 # runs each one for a bounded time on a copy of its seed corpus.
 #
-#   fuzz/run.sh [seconds]      seconds per target, 60 by default
+#   fuzz/run.sh [seconds] [libFuzzer flags...]
+#
+# seconds per target, 60 by default; further arguments go to every target
+# (e.g. -max_len=70000 to let inputs grow past the 4096-byte default).
 #
 # Exits non-zero when a target crashes, leaks, times out or runs out of
 # memory; the input that did it is kept in build-fuzz/artifacts/<target>/.
@@ -12,8 +15,10 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 SECONDS_PER_TARGET="${1:-60}"
+shift || true
+EXTRA_FLAGS=("$@")
 if ! [[ "$SECONDS_PER_TARGET" =~ ^[0-9]+$ ]] || [ "$SECONDS_PER_TARGET" -le 0 ]; then
-  echo "usage: $0 [seconds]   (a positive number of seconds per target)" >&2
+  echo "usage: $0 [seconds] [libFuzzer flags...]   (a positive number of seconds per target)" >&2
   exit 2
 fi
 
@@ -75,7 +80,8 @@ for target in "${TARGETS[@]}"; do
   echo "== $name: ${SECONDS_PER_TARGET}s on $(find "$corpus" -type f | wc -l) seed(s)"
   rc=0
   "$target" -max_total_time="$SECONDS_PER_TARGET" -timeout=10 -rss_limit_mb=2048 \
-    -print_final_stats=1 -artifact_prefix="$artifacts/" "$corpus" >"$log" 2>&1 || rc=$?
+    -print_final_stats=1 -artifact_prefix="$artifacts/" ${EXTRA_FLAGS[@]+"${EXTRA_FLAGS[@]}"} \
+    "$corpus" >"$log" 2>&1 || rc=$?
 
   runs="$(grep -Eo 'Done [0-9]+ runs' "$log" | tail -n 1 || true)"
   if [ "$rc" -ne 0 ]; then

@@ -4,8 +4,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/deps.sh
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZERVA_BUILD_TESTS=OFF -DZERVA_BUILD_BENCH=OFF >/dev/null
-cmake --build build -j "$(nproc)"
+cmake -S . -B build-run -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZERVA_BUILD_TESTS=OFF -DZERVA_BUILD_BENCH=OFF >/dev/null
+cmake --build build-run -j "$(nproc)"
 
 echo "Built the TLV codec and the platform libraries."
 echo "The SNMP agent is not part of this build yet: when it is, this command starts it"

@@ -22,10 +22,13 @@ inline CSnmpDeadline SnmpNoDeadline() { return CSnmpDeadline::max(); }
 
 // Reads one whole frame (header and body) from fd into frame.
 // Returns 0, or SNMP_TRANSPORT_E_CLOSED (orderly end of stream, also in the
-// middle of a frame), SNMP_TRANSPORT_E_TIMEOUT (deadline passed),
-// SNMP_TRANSPORT_E_BAD_FRAME (wrong magic or version),
+// middle of a frame, or ECONNRESET), SNMP_TRANSPORT_E_TIMEOUT (deadline
+// passed), SNMP_TRANSPORT_E_BAD_FRAME (wrong magic or version, refused at the
+// first wrong byte, before the rest of the header has arrived),
 // SNMP_TRANSPORT_E_TOO_LARGE (dataLen > maxBody; nothing of the body is
-// read or allocated) or SNMP_TRANSPORT_E_IO (with errno's text in *reason).
+// read or allocated) or SNMP_TRANSPORT_E_IO. On success frame holds header
+// and body; on failure it is empty and *reason (when given) says what
+// happened, with errno's text for system-call failures.
 // REQUIRES: fd is a connected stream socket (blocking or not).
 int ReadBackendFrame(int fd, std::vector<unsigned char>& frame, size_t maxBody, CSnmpDeadline deadline,
                      std::string* reason = nullptr);
@@ -43,7 +46,10 @@ struct CSnmpBackendAddress {
   std::string host;  // TCP
   unsigned short port = 0;
 
-  // Parses the text form; false (with *error) for anything else.
+  // Parses the text form; false (with *error) for anything else. The path
+  // must be non-empty and fit sun_path with its NUL; the port is decimal,
+  // 0 to 65535 (0 lets a listener pick one); IPv6 hosts go in brackets,
+  // "tcp:[::1]:port".
   static bool parse(const std::string& text, CSnmpBackendAddress& out, std::string* error);
   std::string toString() const;
 };

@@ -9,6 +9,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   libsnmp-dev snmp snmpd smitools
+  python3-pysnmp4 valgrind
 )
 
 missing=()

@@ -37,12 +37,27 @@ void* operator new(size_t n) {
   if (p == nullptr) throw std::bad_alloc();
   return p;
 }
+// Every other form is replaced too, so that whatever a library allocates with
+// one of them (ACE uses the nothrow form) is freed by the matching form here.
+void* operator new[](size_t n) { return operator new(n); }
+void* operator new(size_t n, const std::nothrow_t&) noexcept {
+  try {
+    return operator new(n);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+void* operator new[](size_t n, const std::nothrow_t& tag) noexcept { return operator new(n, tag); }
 // GCC pairs the inlined free() below with the new-expressions of the callers
 // and would warn; the pair is right, as operator new above uses malloc().
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 void operator delete(void* p) noexcept { free(p); }
 void operator delete(void* p, size_t) noexcept { free(p); }
+void operator delete[](void* p) noexcept { free(p); }
+void operator delete[](void* p, size_t) noexcept { free(p); }
+void operator delete(void* p, const std::nothrow_t&) noexcept { free(p); }
+void operator delete[](void* p, const std::nothrow_t&) noexcept { free(p); }
 #pragma GCC diagnostic pop
 
 namespace {

@@ -1,0 +1,159 @@
+// ArraySimulator: the simulated array behind the simulator's socket. It owns
+// the topology, the workload model, the performance switch, the clock, the
+// fault table and the command counters, and turns one request frame into
+// one reply (answer bytes plus what the connection does next).
+#ifndef ZERVA_SIM_ARRAY_SIMULATOR_H_
+#define ZERVA_SIM_ARRAY_SIMULATOR_H_
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "sim/fault.h"
+#include "sim/topology.h"
+#include "sim/workload.h"
+
+class CTLVRecordV3;
+
+namespace zerva_sim {
+
+// Fixed record identifiers (not looked up by name).
+const unsigned long long kListingCmd = 0xD0000C000ULL;        // object listing by type
+const unsigned long long kSortedListingCmd = 55834583059ULL;  // 0xD00002013: listing with a tag-15 sort order
+const unsigned long long kLunBatchStatsCmd = 59594907720ULL;  // 0xDE0222048: statistics of many LUNs
+const unsigned long long kSimControlCmd = 0x53494D0000000001ULL;  // the simulator's own control command
+
+// Result codes of the simulator's refusals (hdrWord0 of the answer). None
+// lies in 0x4E540000-0x4E5400FF, the host transport's range.
+enum SimResult : uint32_t {
+  kSimOk = 0,
+  kSimErrUnknownCommand = 0x53494D01,  // no such command
+  kSimErrMalformed = 0x53494D02,       // missing or ill-typed cell, bad text, not one record
+  kSimErrNoObject = 0x53494D03,        // the object does not exist
+  kSimErrUnknownItem = 0x53494D04,     // an item the object does not publish
+  kSimErrSwitchOff = 0x53494D05,       // statistics asked while collection is switched off
+  kSimErrBadValue = 0x53494D06,        // a switch value other than 0 or 1
+  kSimErrBadObjectType = 0x53494D07,   // an object type the command does not serve
+  kSimErrNotSupported = 0x53494D08,    // the feature the object needs is off
+  kSimErrTooMany = 0x53494D09,         // more objects in one batch than kMaxBatchObjects
+};
+
+// Most LUNs in one batch statistics request.
+const size_t kMaxBatchObjects = 4096;
+
+// Codes of the commands looked up by name in the device configuration.
+struct CommandCodes {
+  unsigned long long getSwitch = 59594907649ULL;
+  unsigned long long setSwitch = 59594907650ULL;
+  unsigned long long getStats = 59594907664ULL;
+  unsigned long long getFeatures = 59594907904ULL;
+};
+
+// Reads the four codes from a device configuration file (section
+// "COMMAND"), or from the host's device configuration when path is empty.
+// An item that is missing keeps the shipped default; a non-numeric one is an
+// error.
+bool LoadCommandCodes(const std::string& path, CommandCodes* codes, std::string* error);
+
+// What the connection does with one request.
+struct Reply {
+  std::vector<unsigned char> bytes;  // sent as they are (may be empty)
+  uint32_t delayMs = 0;              // wait before sending
+  bool closeAfter = false;           // close the connection after sending
+};
+
+class ArraySimulator {
+ public:
+  // Model time at which the running clock starts.
+  static const uint64_t kClockStartMs = 1000000000ULL;
+
+  ArraySimulator(Topology topology, uint64_t seed, const CommandCodes& codes);
+  ArraySimulator(const ArraySimulator&) = delete;
+  ArraySimulator& operator=(const ArraySimulator&) = delete;
+
+  // Handles one whole request frame (header and body) and counts it.
+  Reply handle(const unsigned char* frame, size_t size);
+
+  // --- ground truth -------------------------------------------------------
+  // Model time in milliseconds: running (kClockStartMs plus the time since
+  // construction) or frozen.
+  uint64_t nowMs() const;
+  // Freezes the clock at ms. REQUIRES: ms < 2^50.
+  void freezeClock(uint64_t ms);
+  // Lets the clock run again from where it stands.
+  void runClock();
+  // The values of items for one object at the current model time, as
+  // GET_CUR_STATISTIC_DATA would answer them (the switch is not consulted).
+  // Returns kSimOk or the refusal code.
+  uint32_t statistics(uint32_t objType, const std::string& objId, const std::vector<uint32_t>& items,
+                      std::vector<uint32_t>* values) const;
+
+  const Topology& topology() const { return topology_; }
+  const WorkloadModel& model() const { return model_; }
+  const CommandCodes& codes() const { return codes_; }
+
+  // --- switch -------------------------------------------------------------
+  uint32_t switchState() const { return switch_.load(); }
+  void setSwitch(bool on) { switch_.store(on ? 1u : 0u); }
+
+  // --- faults -------------------------------------------------------------
+  void addFault(const FaultSpec& spec) { faults_.add(spec); }
+  void clearFaults() { faults_.clear(); }
+  std::vector<FaultSpec> faults() const { return faults_.list(); }
+  // ParseFault with this simulator's command names.
+  bool parseFault(const std::string& text, FaultSpec* out, std::string* error) const;
+  // The record identifier of a command name (GET_CUR_STATISTIC_DATA, ...,
+  // LISTING, SORTED_LISTING, LUN_BATCH_STATS, SIM_CONTROL).
+  bool commandByName(const std::string& name, unsigned long long* id) const;
+
+  // --- counters -----------------------------------------------------------
+  // Requests received, by the identifier of their first record (faulted
+  // ones included; frames that do not decode are not counted).
+  std::map<unsigned long long, uint64_t> commandCounts() const;
+
+  // Bytes held by the topology and the tables (the model keeps nothing per
+  // time step, so this does not change while the simulator runs).
+  size_t memoryBytes() const;
+
+ private:
+  // The answer to a decoded request record, without faults.
+  std::vector<unsigned char> answer(const CTLVRecordV3& record);
+  std::vector<unsigned char> listing(const CTLVRecordV3& record, bool sorted);
+  std::vector<unsigned char> pagedListing(const CTLVRecordV3& record, uint32_t type, bool descending);
+  std::vector<unsigned char> curStatistics(const CTLVRecordV3& record);
+  std::vector<unsigned char> lunBatchStatistics(const CTLVRecordV3& record);
+  std::vector<unsigned char> setSwitchAnswer(const CTLVRecordV3& record);
+  std::vector<unsigned char> control(const CTLVRecordV3& record);
+  Reply faulted(const FaultSpec& fault, std::vector<unsigned char> normal) const;
+  // The workload key of an object, or a refusal code.
+  uint32_t objectKey(uint32_t objType, const std::string& objId, uint64_t* key) const;
+  uint32_t valuesText(uint32_t objType, uint64_t key, const std::vector<uint32_t>& items, uint64_t tMs,
+                      std::string* text) const;
+
+  const Topology topology_;
+  const WorkloadModel model_;
+  const CommandCodes codes_;
+  std::atomic<uint32_t> switch_;
+  FaultTable faults_;
+
+  mutable std::mutex clockMu_;
+  bool frozen_ = false;
+  uint64_t frozenMs_ = 0;
+  uint64_t baseMs_ = kClockStartMs;
+  std::chrono::steady_clock::time_point baseAt_;
+
+  mutable std::mutex countMu_;
+  std::map<unsigned long long, uint64_t> counts_;
+};
+
+// Parses "a,b,c" into numbers. Empty fields are skipped when skipEmpty is
+// set and refused otherwise; anything but decimal digits is refused.
+bool ParseIdList(const std::string& text, bool skipEmpty, std::vector<uint32_t>* out);
+
+}  // namespace zerva_sim
+
+#endif  // ZERVA_SIM_ARRAY_SIMULATOR_H_

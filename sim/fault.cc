@@ -1,0 +1,163 @@
+#include "sim/fault.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+
+namespace zerva_sim {
+
+namespace {
+
+struct KindName {
+  FaultKind kind;
+  const char* name;
+};
+
+const KindName kKinds[] = {
+    {FaultKind::kRefuse, "refuse"},     {FaultKind::kDelay, "delay"},        {FaultKind::kClose, "close"},
+    {FaultKind::kGarbage, "garbage"},   {FaultKind::kTruncate, "truncate"},  {FaultKind::kBadMagic, "bad-magic"},
+    {FaultKind::kBadVersion, "bad-version"}, {FaultKind::kHugeLength, "huge-len"},
+};
+
+// Parses an unsigned number, decimal or 0x-hexadecimal, no greater than max.
+bool ParseUnsigned(const std::string& text, unsigned long long max, unsigned long long* out) {
+  if (text.empty()) return false;
+  const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+  const std::string digits = hex ? text.substr(2) : text;
+  if (digits.empty() || digits.size() > (hex ? 16u : 20u)) return false;
+  for (char c : digits) {
+    const bool ok = hex ? isxdigit(static_cast<unsigned char>(c)) != 0 : (c >= '0' && c <= '9');
+    if (!ok) return false;
+  }
+  errno = 0;
+  const unsigned long long v = strtoull(digits.c_str(), nullptr, hex ? 16 : 10);
+  if (errno != 0 || v > max) return false;
+  *out = v;
+  return true;
+}
+
+}  // namespace
+
+bool ParseFault(const std::string& text, const CommandResolver& resolve, FaultSpec* out, std::string* error) {
+  FaultSpec spec;
+  std::istringstream in(text);
+  std::string part;
+  bool first = true;
+  while (std::getline(in, part, ',')) {
+    const size_t eq = part.find('=');
+    const std::string key = part.substr(0, eq);
+    const std::string arg = eq == std::string::npos ? std::string() : part.substr(eq + 1);
+    const bool hasArg = eq != std::string::npos;
+    unsigned long long n = 0;
+    if (first) {
+      first = false;
+      bool known = false;
+      for (const KindName& k : kKinds) {
+        if (key == k.name) spec.kind = k.kind, known = true;
+      }
+      if (!known) {
+        *error = "unknown fault '" + key +
+                 "' (refuse=CODE, delay=MS, close, garbage, truncate, bad-magic, bad-version, huge-len)";
+        return false;
+      }
+      if (spec.kind == FaultKind::kRefuse) {
+        if (!ParseUnsigned(arg, 0xFFFFFFFFULL, &n) || n == 0) {
+          *error = "refuse needs a non-zero 32-bit result code: refuse=CODE";
+          return false;
+        }
+        spec.code = static_cast<uint32_t>(n);
+      } else if (spec.kind == FaultKind::kDelay) {
+        if (!ParseUnsigned(arg, kMaxFaultDelayMs, &n)) {
+          *error = "delay needs milliseconds, 0 to " + std::to_string(kMaxFaultDelayMs) + ": delay=MS";
+          return false;
+        }
+        spec.delayMs = static_cast<uint32_t>(n);
+      } else if (hasArg) {
+        *error = "fault '" + key + "' takes no value";
+        return false;
+      }
+      continue;
+    }
+    if (key == "cmd" && hasArg) {
+      if (!ParseUnsigned(arg, ~0ULL, &spec.command) && !(resolve && resolve(arg, &spec.command))) {
+        *error = "unknown command '" + arg + "'";
+        return false;
+      }
+      spec.anyCommand = false;
+    } else if (key == "rate" && hasArg) {
+      char* end = nullptr;
+      const double rate = strtod(arg.c_str(), &end);
+      if (arg.empty() || *end != '\0' || !(rate > 0.0 && rate <= 1.0)) {
+        *error = "rate must be a number in (0, 1]";
+        return false;
+      }
+      spec.rate = rate;
+    } else if (key == "count" && hasArg) {
+      if (!ParseUnsigned(arg, ~0ULL, &n) || n == 0) {
+        *error = "count must be a positive number";
+        return false;
+      }
+      spec.count = n;
+    } else {
+      *error = "unknown fault option '" + part + "' (cmd=, rate=, count=)";
+      return false;
+    }
+  }
+  if (first) {
+    *error = "empty fault";
+    return false;
+  }
+  *out = spec;
+  return true;
+}
+
+std::string FaultText(const FaultSpec& spec) {
+  std::string text;
+  for (const KindName& k : kKinds) {
+    if (k.kind == spec.kind) text = k.name;
+  }
+  if (spec.kind == FaultKind::kRefuse) text += "=" + std::to_string(spec.code);
+  if (spec.kind == FaultKind::kDelay) text += "=" + std::to_string(spec.delayMs);
+  if (!spec.anyCommand) {
+    char hex[32];
+    snprintf(hex, sizeof hex, "0x%llX", spec.command);
+    text += std::string(",cmd=") + hex;
+  }
+  if (spec.rate < 1.0) {
+    std::ostringstream r;
+    r << spec.rate;
+    text += ",rate=" + r.str();
+  }
+  if (spec.count != 0) text += ",count=" + std::to_string(spec.count);
+  return text;
+}
+
+void FaultTable::add(const FaultSpec& spec) {
+  std::lock_guard<std::mutex> lock(mu_);
+  faults_.push_back(spec);
+}
+
+void FaultTable::clear() {
+  std::lock_guard<std::mutex> lock(mu_);
+  faults_.clear();
+}
+
+std::vector<FaultSpec> FaultTable::list() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return faults_;
+}
+
+bool FaultTable::match(unsigned long long command, FaultSpec* out) {
+  std::lock_guard<std::mutex> lock(mu_);
+  for (size_t i = 0; i < faults_.size(); ++i) {
+    FaultSpec& f = faults_[i];
+    if (!f.anyCommand && f.command != command) continue;
+    if (f.rate < 1.0 && std::uniform_real_distribution<double>(0.0, 1.0)(rng_) >= f.rate) continue;
+    *out = f;
+    if (f.count != 0 && --f.count == 0) faults_.erase(faults_.begin() + static_cast<long>(i));
+    return true;
+  }
+  return false;
+}
+
+}  // namespace zerva_sim

@@ -1,0 +1,55 @@
+// zerva-array-sim: the array simulator as a program. Serves until SIGINT or
+// SIGTERM, then closes every connection and exits 0.
+#include <signal.h>
+
+#include <cstdio>
+#include <string>
+
+#include "sim/array_sim.h"
+#include "sim/array_simulator.h"
+#include "sim/sim_flags.h"
+
+int main(int argc, char** argv) {
+  zerva_sim::SimFlags flags;
+  std::string error;
+  if (!zerva_sim::ParseSimFlags(argc, argv, &flags, &error)) {
+    fprintf(stderr, "%s: %s\n%s", argv[0], error.c_str(), zerva_sim::SimUsage(argv[0]).c_str());
+    return 2;
+  }
+  if (flags.help) {
+    fputs(zerva_sim::SimUsage(argv[0]).c_str(), stdout);
+    return 0;
+  }
+  // Block the stop signals in every thread; the main thread waits for them.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+
+  zerva_sim::ArraySimServer server(flags.options);
+  if (!server.start(&error)) {
+    fprintf(stderr, "%s: %s\n", argv[0], error.c_str());
+    return 1;
+  }
+  for (const std::string& text : flags.faults) {
+    zerva_sim::FaultSpec spec;
+    if (!server.array().parseFault(text, &spec, &error)) {
+      fprintf(stderr, "%s: --fault %s: %s\n", argv[0], text.c_str(), error.c_str());
+      server.stop();
+      return 2;
+    }
+    server.array().addFault(spec);
+  }
+  const zerva_sim::Topology& t = server.array().topology();
+  printf("zerva-array-sim listening on %s (%zu controllers, %zu ports, %zu LUNs, %zu file systems, switch %s)\n",
+         server.address().c_str(), t.controllers.size(), t.ports.size(), t.luns.size(), t.fileSystems.size(),
+         server.array().switchState() == 1 ? "on" : "off");
+  fflush(stdout);
+  int sig = 0;
+  sigwait(&stopSignals, &sig);
+  server.stop();
+  printf("zerva-array-sim stopped (signal %d)\n", sig);
+  return 0;
+}

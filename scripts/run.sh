@@ -1,12 +1,38 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs the main job.
+# Installs what is missing, builds, and starts the SNMP agent in the
+# foreground with the embedded simulated array on udp:127.0.0.1:1161.
+# Stop it with Ctrl-C.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/deps.sh
 cmake -S . -B build-run -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZERVA_BUILD_TESTS=OFF -DZERVA_BUILD_BENCH=OFF >/dev/null
-cmake --build build-run -j "$(nproc)"
+cmake --build build-run -j "$(nproc)" --target zerva-snmp-agent zerva_snmp_dlmod snmp_zerva_performance
 
-echo "Built the TLV codec and the platform libraries."
-echo "The SNMP agent is not part of this build yet: when it is, this command starts it"
-echo "with the embedded simulated array, serving 1.3.6.1.4.1.32473.4.1.21 on udp:127.0.0.1:1161."
+AGENT=build-run/host/agent/zerva-snmp-agent
+CONF=host/agent/zerva-snmp-agent.conf
+PEER=127.0.0.1:1161
+MIBOPTS="-M mibs:mibs/base -m VEM-PERFORMANCE-MIB"
+if [ ! -f mibs/VEM-PERFORMANCE-MIB.txt ]; then MIBOPTS="-On"; fi
+
+cat <<TRY
+The agent serves 1.3.6.1.4.1.32473.4.1.21 on udp:${PEER} (configuration: ${CONF}).
+Try, from another terminal in $(pwd):
+
+  snmpget  -v2c -c public  ${MIBOPTS} ${PEER} 1.3.6.1.4.1.32473.4.1.21.1.0
+  snmpwalk -v2c -c public  ${MIBOPTS} ${PEER} 1.3.6.1.4.1.32473.4.1.21
+  snmpbulkwalk -v2c -c public ${MIBOPTS} ${PEER} 1.3.6.1.4.1.32473.4.1.21.4
+TRY
+if [ "${MIBOPTS}" != "-On" ]; then
+  for t in vemPerfNodeTable vemPerfLunTable vemPerfPortTable vemPerfCacheTable vemPerfNfsV3Table \
+           vemPerfNfsV4Table vemPerfNfsV41Table vemPerfSmbV1Table vemPerfSmbV2Table vemPerfFsTable; do
+    echo "  snmptable -v2c -c public -Cb ${MIBOPTS} ${PEER} VEM-PERFORMANCE-MIB::${t}"
+  done
+fi
+cat <<TRY
+  snmpset  -v2c -c private ${MIBOPTS} ${PEER} 1.3.6.1.4.1.32473.4.1.21.1.0 u 0   # collection off: tables empty
+  snmpset  -v2c -c private ${MIBOPTS} ${PEER} 1.3.6.1.4.1.32473.4.1.21.1.0 u 1   # and on again
+  snmpget  -v3 -l authPriv -u zerva -a SHA -A zerva-auth-pass -x AES -X zerva-priv-pass ${MIBOPTS} ${PEER} 1.3.6.1.4.1.32473.4.1.21.1.0
+
+TRY
+exec "${AGENT}" -f -L -c "${CONF}"

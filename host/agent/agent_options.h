@@ -1,0 +1,76 @@
+// The agent's own settings: the configuration tokens it adds to Net-SNMP's
+// snmpd.conf syntax, and its command line.
+//
+// Net-SNMP parses the configuration file; for each of our tokens it hands
+// the value to ApplyAgentToken, which checks it and stores it here.
+#ifndef ZERVA_AGENT_AGENT_OPTIONS_H_
+#define ZERVA_AGENT_AGENT_OPTIONS_H_
+
+#include <string>
+#include <vector>
+
+#include "vempub/vem_debug_kit.h"
+
+namespace zerva_agent {
+
+struct AgentOptions {
+  std::string modulePath;    // zervaModule: the service module plug-in
+  std::string mibDir;        // zervaMibDir: where the module's MIB description lies
+  std::string backend = "embedded";  // zervaBackend: unix:/path | tcp:host:port | embedded
+  unsigned int backendTimeoutMs = 0;  // zervaBackendTimeout: 0 keeps the transport's defaults
+  unsigned int snapshotSeconds = 3;   // zervaSnapshotSeconds: 0 reads the back end every time
+  unsigned int batchRows = 160;       // zervaBatchRows: rows per batch of a batch table
+  EVEMLogLevel logLevel = VEM_LOG_WARN;  // zervaLogLevel
+  std::string logFile;                // zervaLogFile: append log lines to this file
+  bool syslog = false;                // zervaSyslog: log to syslog
+  std::string deviceConfig;           // zervaDeviceConfig: command codes (XML)
+  // zervaSim*: the embedded simulated array.
+  std::string simTopology;
+  long simLuns = -1;
+  long simFileSystems = -1;
+  long simFeatures = -1;
+  unsigned long long simSeed = 1;
+  bool agentx = false;  // zervaRole agentx: run as an AgentX sub-agent
+};
+
+// One configuration token of ours.
+struct AgentToken {
+  const char* name;
+  const char* help;  // "VALUE: what it sets"
+};
+// Every token ApplyAgentToken knows, in documentation order.
+const std::vector<AgentToken>& AgentTokens();
+
+// Checks the value of one of our tokens and stores it in *options. Returns
+// false with *error (the reason, without the file position) for an unknown
+// token or a bad value.
+bool ApplyAgentToken(const std::string& token, const std::string& value, AgentOptions* options,
+                     std::string* error);
+
+// Finds the role token (zervaRole) in a configuration file without handing
+// it to Net-SNMP, which needs the role before it reads configuration.
+// Returns false with *error when the file cannot be read or the value is bad;
+// leaves *agentx alone when the file has no such line.
+bool ScanRole(const std::string& path, bool* agentx, std::string* error);
+
+// The program's command line.
+struct CommandLine {
+  std::string configFile;  // -c FILE
+  bool foreground = false;  // -f
+  bool logToStderr = false;  // -L
+  std::string agentxSocket;  // -x SOCKET: run as AgentX sub-agent of that master
+  std::string listen;        // --listen ADDRS: overrides agentaddress
+  std::string stateDir;      // --state-dir DIR: Net-SNMP's persistent state
+  bool help = false;         // -h / --help
+};
+
+// Parses argv. Returns false with *error for an unknown option or a missing
+// argument.
+bool ParseCommandLine(int argc, const char* const* argv, CommandLine* out, std::string* error);
+
+// The usage text.
+std::string Usage(const std::string& program);
+
+}  // namespace zerva_agent
+
+#endif  // ZERVA_AGENT_AGENT_OPTIONS_H_

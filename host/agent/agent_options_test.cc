@@ -1,0 +1,132 @@
+#include "host/agent/agent_options.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <string>
+
+namespace zerva_agent {
+namespace {
+
+bool Apply(const std::string& token, const std::string& value, AgentOptions* o, std::string* error) {
+  return ApplyAgentToken(token, value, o, error);
+}
+
+TEST(AgentOptionsTest, DefaultsAreDocumented) {
+  AgentOptions o;
+  EXPECT_EQ("embedded", o.backend);
+  EXPECT_EQ(3u, o.snapshotSeconds);
+  EXPECT_EQ(160u, o.batchRows);
+  EXPECT_EQ(VEM_LOG_WARN, o.logLevel);
+  EXPECT_FALSE(o.agentx);
+}
+
+TEST(AgentOptionsTest, EveryTokenAcceptsAGoodValue) {
+  AgentOptions o;
+  std::string e;
+  EXPECT_TRUE(Apply("zervaModule", "/x/lib.so", &o, &e));
+  EXPECT_TRUE(Apply("zervaMibDir", " /mibs ", &o, &e));
+  EXPECT_TRUE(Apply("zervaBackend", "tcp:127.0.0.1:9000", &o, &e)) << e;
+  EXPECT_TRUE(Apply("zervaBackendTimeout", "250", &o, &e));
+  EXPECT_TRUE(Apply("zervaSnapshotSeconds", "0", &o, &e));
+  EXPECT_TRUE(Apply("zervaBatchRows", "16", &o, &e));
+  EXPECT_TRUE(Apply("zervaLogLevel", "debug", &o, &e));
+  EXPECT_TRUE(Apply("zervaLogFile", "/tmp/a.log", &o, &e));
+  EXPECT_TRUE(Apply("zervaSyslog", "yes", &o, &e));
+  EXPECT_TRUE(Apply("zervaDeviceConfig", "/d.xml", &o, &e));
+  EXPECT_TRUE(Apply("zervaSimTopology", "/t.txt", &o, &e));
+  EXPECT_TRUE(Apply("zervaSimLuns", "400", &o, &e));
+  EXPECT_TRUE(Apply("zervaSimFileSystems", "12", &o, &e));
+  EXPECT_TRUE(Apply("zervaSimFeatures", "7", &o, &e));
+  EXPECT_TRUE(Apply("zervaSimSeed", "99", &o, &e));
+  EXPECT_TRUE(Apply("zervaRole", "agentx", &o, &e));
+  EXPECT_EQ("/x/lib.so", o.modulePath);
+  EXPECT_EQ("/mibs", o.mibDir);
+  EXPECT_EQ("tcp:127.0.0.1:9000", o.backend);
+  EXPECT_EQ(250u, o.backendTimeoutMs);
+  EXPECT_EQ(0u, o.snapshotSeconds);
+  EXPECT_EQ(16u, o.batchRows);
+  EXPECT_EQ(VEM_LOG_DEBUG, o.logLevel);
+  EXPECT_TRUE(o.syslog);
+  EXPECT_EQ(400, o.simLuns);
+  EXPECT_EQ(12, o.simFileSystems);
+  EXPECT_EQ(7, o.simFeatures);
+  EXPECT_EQ(99u, o.simSeed);
+  EXPECT_TRUE(o.agentx);
+}
+
+TEST(AgentOptionsTest, BadValuesAreRefusedWithAReason) {
+  AgentOptions o;
+  std::string e;
+  EXPECT_FALSE(Apply("zervaBackend", "http://x", &o, &e));
+  EXPECT_NE(std::string::npos, e.find("http://x"));
+  EXPECT_FALSE(Apply("zervaBackendTimeout", "0", &o, &e));
+  EXPECT_FALSE(Apply("zervaSnapshotSeconds", "-1", &o, &e));
+  EXPECT_FALSE(Apply("zervaBatchRows", "ten", &o, &e));
+  EXPECT_FALSE(Apply("zervaLogLevel", "loud", &o, &e));
+  EXPECT_FALSE(Apply("zervaSyslog", "maybe", &o, &e));
+  EXPECT_FALSE(Apply("zervaSimFeatures", "8", &o, &e));
+  EXPECT_FALSE(Apply("zervaRole", "slave", &o, &e));
+  EXPECT_FALSE(Apply("zervaModule", "", &o, &e));
+  EXPECT_FALSE(Apply("zervaNoSuchThing", "1", &o, &e));
+  EXPECT_EQ("embedded", o.backend);  // nothing bad was stored
+  EXPECT_EQ(3u, o.snapshotSeconds);
+}
+
+TEST(AgentOptionsTest, CommandLineOptions) {
+  const char* argv[] = {"agent", "-c", "a.conf", "-f", "-L", "-x", "/tmp/ax", "--listen", "udp:127.0.0.1:9",
+                        "--state-dir", "/tmp/s"};
+  CommandLine cmd;
+  std::string e;
+  ASSERT_TRUE(ParseCommandLine(11, argv, &cmd, &e)) << e;
+  EXPECT_EQ("a.conf", cmd.configFile);
+  EXPECT_TRUE(cmd.foreground);
+  EXPECT_TRUE(cmd.logToStderr);
+  EXPECT_EQ("/tmp/ax", cmd.agentxSocket);
+  EXPECT_EQ("udp:127.0.0.1:9", cmd.listen);
+  EXPECT_EQ("/tmp/s", cmd.stateDir);
+}
+
+TEST(AgentOptionsTest, CommandLineErrors) {
+  CommandLine cmd;
+  std::string e;
+  const char* unknown[] = {"agent", "-q"};
+  EXPECT_FALSE(ParseCommandLine(2, unknown, &cmd, &e));
+  EXPECT_NE(std::string::npos, e.find("-q"));
+  const char* missing[] = {"agent", "-c"};
+  EXPECT_FALSE(ParseCommandLine(2, missing, &cmd, &e));
+  EXPECT_NE(std::string::npos, e.find("-c"));
+}
+
+TEST(AgentOptionsTest, UsageNamesEveryToken) {
+  const std::string usage = Usage("agent");
+  for (const AgentToken& t : AgentTokens()) EXPECT_NE(std::string::npos, usage.find(t.name)) << t.name;
+}
+
+TEST(AgentOptionsTest, ScanRoleFindsTheRoleLine) {
+  char path[] = "/tmp/zerva-role-test.XXXXXX";
+  const int fd = mkstemp(path);
+  ASSERT_GE(fd, 0);
+  close(fd);
+  {
+    std::ofstream f(path);
+    f << "rocommunity public\n# zervaRole master\n  zervaRole agentx\n";
+  }
+  bool agentx = false;
+  std::string e;
+  EXPECT_TRUE(ScanRole(path, &agentx, &e)) << e;
+  EXPECT_TRUE(agentx);
+  {
+    std::ofstream f(path);
+    f << "zervaRole boss\n";
+  }
+  EXPECT_FALSE(ScanRole(path, &agentx, &e));
+  EXPECT_NE(std::string::npos, e.find("line 1"));
+  unlink(path);
+  EXPECT_FALSE(ScanRole(path, &agentx, &e));
+}
+
+}  // namespace
+}  // namespace zerva_agent

@@ -1,0 +1,394 @@
+// The agent as a whole process on loopback: zerva-snmp-agent with its
+// embedded simulated array, asked by the Debian SNMP clients; a stock snmpd
+// as AgentX master of the agent, and with the agent as its dlmod module.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+const char kSubtree[] = ".1.3.6.1.4.1.32473.4.1.21";
+const char kSwitch[] = ".1.3.6.1.4.1.32473.4.1.21.1.0";
+
+// A private temporary directory, removed with its files.
+class TempDir {
+ public:
+  TempDir() {
+    char dir[] = "/tmp/zerva-agent-test.XXXXXX";
+    path_ = mkdtemp(dir) != nullptr ? dir : "";
+  }
+  ~TempDir() { system(("rm -rf '" + path_ + "'").c_str()); }
+  const std::string& path() const { return path_; }
+  std::string file(const std::string& name, const std::string& text) const {
+    const std::string p = path_ + "/" + name;
+    std::ofstream(p) << text;
+    return p;
+  }
+
+ private:
+  std::string path_;
+};
+
+// A free UDP port on 127.0.0.1.
+int FreeUdpPort() {
+  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in a = {};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+  socklen_t len = sizeof a;
+  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+  close(fd);
+  return ntohs(a.sin_port);
+}
+
+// A child process, ended (SIGTERM, then SIGKILL) when the object goes.
+class Process {
+ public:
+  Process(const std::vector<std::string>& argv, const std::string& output) {
+    pid_ = fork();
+    if (pid_ == 0) {
+      FILE* out = fopen(output.c_str(), "w");
+      if (out != nullptr) {
+        dup2(fileno(out), 1);
+        dup2(fileno(out), 2);
+      }
+      std::vector<char*> args;
+      for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+      args.push_back(nullptr);
+      execv(args[0], args.data());
+      _exit(127);
+    }
+  }
+  ~Process() { stop(); }
+  // Waits for the exit (at most about 5 s) and returns the status, or -1.
+  int wait() {
+    for (int i = 0; i < 100 && pid_ > 0; ++i) {
+      int status = 0;
+      if (waitpid(pid_, &status, WNOHANG) == pid_) {
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return -1;
+  }
+  // Sends SIGTERM; returns the exit status (SIGKILL after about 5 s).
+  int stop() {
+    if (pid_ <= 0) return -1;
+    kill(pid_, SIGTERM);
+    int rc = wait();
+    if (rc == -1 && pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+      pid_ = -1;
+    }
+    return rc;
+  }
+
+ private:
+  pid_t pid_ = -1;
+};
+
+// Runs a shell command; returns its output (stdout and stderr) and sets *rc.
+std::string RunShell(const std::string& command, int* rc = nullptr) {
+  std::string out;
+  FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+  if (pipe == nullptr) return out;
+  char buf[4096];
+  size_t n = 0;
+  while ((n = fread(buf, 1, sizeof buf, pipe)) > 0) out.append(buf, n);
+  const int status = pclose(pipe);
+  if (rc != nullptr) *rc = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return out;
+}
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+// The names and types of a walk's lines ("OID = TYPE"), values left out:
+// statistics move between two walks.
+std::vector<std::string> Shape(const std::string& walk) {
+  std::vector<std::string> out;
+  std::istringstream in(walk);
+  std::string line;
+  while (std::getline(in, line)) {
+    // The standalone agent serves nothing after the subtree; snmpd does.
+    if (line.find("No more variables left") != std::string::npos) continue;
+    const size_t colon = line.find(':');
+    out.push_back(colon == std::string::npos ? line : line.substr(0, colon));
+  }
+  return out;
+}
+
+// Loopback SNMP: the client programs with bounded timeouts, no MIB files,
+// their state in the test's directory.
+class Snmp {
+ public:
+  Snmp(const std::string& stateDir, int port) : port_(port) {
+    env_ = "MIBS= SNMP_PERSISTENT_DIR='" + stateDir + "' SNMPCONFPATH='" + stateDir + "' ";
+  }
+  std::string tool(const std::string& program, const std::string& auth, const std::string& args,
+                   int* rc = nullptr) const {
+    return RunShell(env_ + program + " -On -t 2 -r 1 " + auth + " 127.0.0.1:" + std::to_string(port_) + " " + args, rc);
+  }
+  std::string get(const std::string& oid, const std::string& auth = "-v2c -c public") const {
+    return tool("snmpget", auth, oid);
+  }
+  std::string walk(const std::string& auth = "-v2c -c public") const { return tool("snmpwalk", auth, kSubtree); }
+  // Waits (at most about 5 s) until the agent answers the switch.
+  bool ready(const std::string& auth = "-v2c -c public") const {
+    for (int i = 0; i < 25; ++i) {
+      if (RunShell(env_ + "snmpget -On -t 0.2 -r 0 " + auth + " 127.0.0.1:" + std::to_string(port_) + " " + kSwitch)
+              .find("Gauge32") != std::string::npos) {
+        return true;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return false;
+  }
+
+ private:
+  int port_;
+  std::string env_;
+};
+
+// Small simulated array so that a walk stays short.
+const char kSimTokens[] =
+    "zervaSimLuns 30\n"
+    "zervaSimFileSystems 4\n"
+    "zervaSimFeatures 7\n";
+
+class AgentProcessTest : public ::testing::Test {
+ protected:
+  // Starts the agent with these extra configuration lines.
+  void start(const std::string& extra, const std::string& auth = "-v2c -c public") {
+    port_ = FreeUdpPort();
+    const std::string conf = dir_.file("agent.conf", std::string("rocommunity public 127.0.0.1\n"
+                                                                 "rwcommunity private 127.0.0.1\n") +
+                                                         kSimTokens + extra);
+    log_ = dir_.path() + "/agent.log";
+    agent_.reset(new Process({ZERVA_AGENT_PROGRAM, "-f", "-L", "-c", conf, "--state-dir", dir_.path(), "--listen",
+                              "udp:127.0.0.1:" + std::to_string(port_)},
+                             log_));
+    snmp_.reset(new Snmp(dir_.path(), port_));
+    ASSERT_TRUE(snmp_->ready(auth)) << ReadFile(log_);
+  }
+
+  TempDir dir_;
+  int port_ = 0;
+  std::string log_;
+  std::unique_ptr<Process> agent_;
+  std::unique_ptr<Snmp> snmp_;
+};
+
+TEST_F(AgentProcessTest, AnswersV2cAndV1Get) {
+  start("");
+  EXPECT_NE(std::string::npos, snmp_->get(kSwitch).find(std::string(kSwitch) + " = Gauge32: 1"));
+  EXPECT_NE(std::string::npos, snmp_->get(kSwitch, "-v1 -c public").find("Gauge32: 1"));
+}
+
+TEST_F(AgentProcessTest, LogsOneStartUpLineNamingWhatWhereAndWhichBackEnd) {
+  start("");
+  const std::string log = ReadFile(log_);
+  EXPECT_NE(std::string::npos, log.find("serving ")) << log;
+  EXPECT_NE(std::string::npos, log.find("libsnmp_zerva_performance.so")) << log;
+  EXPECT_NE(std::string::npos, log.find("11 handlers")) << log;
+  EXPECT_NE(std::string::npos, log.find("udp:127.0.0.1:" + std::to_string(port_))) << log;
+  EXPECT_NE(std::string::npos, log.find("embedded simulated array")) << log;
+}
+
+TEST_F(AgentProcessTest, WalkAndBulkWalkAgree) {
+  start("");
+  const std::string walk = snmp_->walk();
+  int rc = 0;
+  const std::string bulk = snmp_->tool("snmpbulkwalk", "-v2c -c public -Cr25", kSubtree, &rc);
+  EXPECT_EQ(0, rc);
+  EXPECT_NE(std::string::npos, walk.find(".1.3.6.1.4.1.32473.4.1.21.4.1.1.29 = Gauge32: 29")) << walk;
+  EXPECT_NE(std::string::npos, walk.find(".1.3.6.1.4.1.32473.4.1.21.14.1.")) << walk;
+  EXPECT_EQ(Shape(walk), Shape(bulk));
+  EXPECT_GT(Shape(walk).size(), 30u * 16);
+}
+
+TEST_F(AgentProcessTest, MissingRowIsNoSuchInstance) {
+  start("");
+  EXPECT_NE(std::string::npos, snmp_->get(".1.3.6.1.4.1.32473.4.1.21.4.1.2.999").find("No Such Instance"));
+}
+
+TEST_F(AgentProcessTest, SetTheSwitchOffEmptiesTheTablesAndOnAgain) {
+  start("");
+  int rc = 0;
+  snmp_->tool("snmpset", "-v2c -c private", std::string(kSwitch) + " u 0", &rc);
+  EXPECT_EQ(0, rc);
+  EXPECT_NE(std::string::npos, snmp_->get(kSwitch).find("Gauge32: 0"));
+  const std::string walk = snmp_->walk();
+  EXPECT_EQ(std::string::npos, walk.find(".21.4.1.")) << walk;  // switched off: no LUN rows
+  snmp_->tool("snmpset", "-v2c -c private", std::string(kSwitch) + " u 1", &rc);
+  EXPECT_EQ(0, rc);
+  EXPECT_NE(std::string::npos, snmp_->walk().find(".21.4.1.1.0 = Gauge32: 0"));
+}
+
+TEST_F(AgentProcessTest, SetOfTheWrongTypeIsRefused) {
+  start("");
+  const std::string out = snmp_->tool("snmpset", "-v2c -c private", std::string(kSwitch) + " s on");
+  EXPECT_NE(std::string::npos, out.find("wrongType")) << out;
+  EXPECT_NE(std::string::npos, snmp_->get(kSwitch).find("Gauge32: 1"));
+}
+
+TEST_F(AgentProcessTest, ReadOnlyCommunityCannotSet) {
+  start("");
+  int rc = 0;
+  const std::string out = snmp_->tool("snmpset", "-v2c -c public", std::string(kSwitch) + " u 0", &rc);
+  EXPECT_NE(0, rc);
+  EXPECT_NE(std::string::npos, out.find("noAccess")) << out;
+  EXPECT_NE(std::string::npos, snmp_->get(kSwitch).find("Gauge32: 1"));
+}
+
+TEST_F(AgentProcessTest, TableObjectsAreNotWritable) {
+  start("");
+  const std::string out = snmp_->tool("snmpset", "-v2c -c private", ".1.3.6.1.4.1.32473.4.1.21.4.1.2.0 u 5");
+  EXPECT_NE(std::string::npos, out.find("notWritable")) << out;
+}
+
+TEST_F(AgentProcessTest, V3AuthPrivWithShaAndAes) {
+  const std::string v3 = "-v3 -l authPriv -u zerva -a SHA -A zerva-auth-pass -x AES -X zerva-priv-pass";
+  start("createUser zerva SHA zerva-auth-pass AES zerva-priv-pass\nrwuser zerva priv\n", v3);
+  EXPECT_NE(std::string::npos, snmp_->get(kSwitch, v3).find("Gauge32: 1"));
+  int rc = 0;
+  snmp_->tool("snmpset", v3, std::string(kSwitch) + " u 0", &rc);
+  EXPECT_EQ(0, rc);
+  EXPECT_NE(std::string::npos, snmp_->get(kSwitch, v3).find("Gauge32: 0"));
+  const std::string wrong = snmp_->get(kSwitch, "-v3 -l authPriv -u zerva -a SHA -A wrong-pass-123 -x AES -X zerva-priv-pass");
+  EXPECT_EQ(std::string::npos, wrong.find("Gauge32")) << wrong;
+}
+
+TEST_F(AgentProcessTest, ShutsDownCleanlyOnSigterm) {
+  start("");
+  EXPECT_EQ(0, agent_->stop());
+}
+
+TEST(AgentProcessConfigTest, BadTokenValueIsAClearErrorAndNonZeroExit) {
+  TempDir dir;
+  const std::string conf = dir.file("bad.conf", "zervaSnapshotSeconds soon\n");
+  int rc = 0;
+  const std::string out = RunShell(std::string(ZERVA_AGENT_PROGRAM) + " -f -L -c " + conf + " --state-dir " + dir.path() +
+                              " --listen udp:127.0.0.1:" + std::to_string(FreeUdpPort()), &rc);
+  EXPECT_NE(0, rc);
+  EXPECT_NE(std::string::npos, out.find("zervaSnapshotSeconds")) << out;
+  EXPECT_NE(std::string::npos, out.find("soon")) << out;
+}
+
+TEST(AgentProcessConfigTest, UnknownTokenIsAnError) {
+  TempDir dir;
+  const std::string conf = dir.file("bad.conf", "zervaNoSuchToken 1\n");
+  int rc = 0;
+  const std::string out = RunShell(std::string(ZERVA_AGENT_PROGRAM) + " -f -L -c " + conf + " --state-dir " + dir.path() +
+                              " --listen udp:127.0.0.1:" + std::to_string(FreeUdpPort()), &rc);
+  EXPECT_NE(0, rc);
+  EXPECT_NE(std::string::npos, out.find("zervaNoSuchToken")) << out;
+}
+
+TEST(AgentProcessConfigTest, UnknownOptionPrintsUsage) {
+  int rc = 0;
+  const std::string out = RunShell(std::string(ZERVA_AGENT_PROGRAM) + " --bogus", &rc);
+  EXPECT_EQ(2, rc);
+  EXPECT_NE(std::string::npos, out.find("usage:")) << out;
+}
+
+TEST(AgentProcessConfigTest, MissingModuleIsAClearError) {
+  TempDir dir;
+  const std::string conf = dir.file("a.conf", std::string("zervaModule /nonexistent/libx.so\n") + kSimTokens);
+  int rc = 0;
+  const std::string out = RunShell(std::string(ZERVA_AGENT_PROGRAM) + " -f -L -c " + conf + " --state-dir " + dir.path() +
+                              " --listen udp:127.0.0.1:" + std::to_string(FreeUdpPort()), &rc);
+  EXPECT_EQ(1, rc);
+  EXPECT_NE(std::string::npos, out.find("/nonexistent/libx.so")) << out;
+}
+
+// A stock snmpd on loopback with a temporary configuration: no default
+// configuration files, no SMUX, state in the test's directory.
+std::unique_ptr<Process> StartSnmpd(const TempDir& dir, int port, const std::string& lines) {
+  const std::string conf = dir.file("snmpd.conf", "rocommunity public 127.0.0.1\n" + lines);
+  return std::unique_ptr<Process>(new Process(
+      {"/usr/bin/env", "MIBS=", "SNMP_PERSISTENT_DIR=" + dir.path(), ZERVA_SNMPD_PROGRAM, "-f", "-Lo", "-C", "-c",
+       conf, "-I", "-smux", "udp:127.0.0.1:" + std::to_string(port)},
+      dir.path() + "/snmpd.log"));
+}
+
+// The walk of the standalone agent (same simulated array) for comparison.
+std::vector<std::string> StandaloneShape() {
+  TempDir dir;
+  const int port = FreeUdpPort();
+  const std::string conf = dir.file("agent.conf", std::string("rocommunity public 127.0.0.1\n") + kSimTokens);
+  Process agent({ZERVA_AGENT_PROGRAM, "-f", "-L", "-c", conf, "--state-dir", dir.path(), "--listen",
+                 "udp:127.0.0.1:" + std::to_string(port)},
+                dir.path() + "/agent.log");
+  Snmp snmp(dir.path(), port);
+  if (!snmp.ready()) return {};
+  return Shape(snmp.walk());
+}
+
+// Compares two walk shapes, naming the first line where they part.
+void ExpectSameShape(const std::vector<std::string>& expected, const std::vector<std::string>& actual) {
+  EXPECT_EQ(expected.size(), actual.size());
+  for (size_t i = 0; i < expected.size(); ++i) {
+    const std::string got = i < actual.size() ? actual[i] : "(end of walk)";
+    if (expected[i] != got) {
+      ADD_FAILURE() << "line " << i << ": expected " << expected[i] << ", got " << got;
+      return;
+    }
+  }
+}
+
+TEST(AgentXTest, SubAgentOfAStockSnmpdGivesTheStandaloneWalk) {
+  ASSERT_FALSE(std::string(ZERVA_SNMPD_PROGRAM).empty());
+  TempDir dir;
+  const int port = FreeUdpPort();
+  const std::string socket = dir.path() + "/agentx.sock";
+  auto snmpd = StartSnmpd(dir, port, "master agentx\nagentXSocket " + socket + "\n");
+  for (int i = 0; i < 50 && access(socket.c_str(), F_OK) != 0; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  ASSERT_EQ(0, access(socket.c_str(), F_OK)) << ReadFile(dir.path() + "/snmpd.log");
+  const std::string conf = dir.file("agent.conf", kSimTokens);
+  Process agent({ZERVA_AGENT_PROGRAM, "-f", "-L", "-c", conf, "--state-dir", dir.path(), "-x", socket},
+                dir.path() + "/agent.log");
+  Snmp snmp(dir.path(), port);
+  ASSERT_TRUE(snmp.ready()) << ReadFile(dir.path() + "/agent.log") << ReadFile(dir.path() + "/snmpd.log");
+  const std::vector<std::string> walk = Shape(snmp.walk());
+  EXPECT_GT(walk.size(), 30u * 16);
+  ExpectSameShape(StandaloneShape(), walk);
+  EXPECT_EQ(0, agent.stop());
+}
+
+TEST(DlmodTest, ModuleOfAStockSnmpdGivesTheStandaloneWalk) {
+  if (ZERVA_AGENT_SANITIZED) GTEST_SKIP() << "a sanitized module cannot be loaded into an unsanitized snmpd";
+  TempDir dir;
+  const int port = FreeUdpPort();
+  auto snmpd = StartSnmpd(dir, port, std::string("dlmod zerva_snmp_dlmod ") + ZERVA_AGENT_DLMOD + "\n" + kSimTokens);
+  Snmp snmp(dir.path(), port);
+  ASSERT_TRUE(snmp.ready()) << ReadFile(dir.path() + "/snmpd.log");
+  const std::vector<std::string> walk = Shape(snmp.walk());
+  EXPECT_GT(walk.size(), 30u * 16);
+  ExpectSameShape(StandaloneShape(), walk);
+  EXPECT_EQ(0, snmpd->stop());
+}
+
+}  // namespace

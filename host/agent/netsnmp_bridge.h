@@ -1,0 +1,58 @@
+// The Net-SNMP side of the agent: one handler registration per served
+// object, the configuration tokens, and Net-SNMP's log routed to the debug
+// kits.
+#ifndef ZERVA_AGENT_NETSNMP_BRIDGE_H_
+#define ZERVA_AGENT_NETSNMP_BRIDGE_H_
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "host/agent/agent_options.h"
+#include "host/agent/object_server.h"
+
+struct netsnmp_handler_registration_s;
+
+namespace zerva_agent {
+
+// The registrations of the served objects with the Net-SNMP agent.
+class SnmpRegistrations {
+ public:
+  SnmpRegistrations() {}
+  ~SnmpRegistrations();  // unregister()
+  SnmpRegistrations(const SnmpRegistrations&) = delete;
+  SnmpRegistrations& operator=(const SnmpRegistrations&) = delete;
+
+  // Registers one handler for the server's prefix (read-write for a
+  // writable scalar, else read-only). onWrite runs after every SET that
+  // reached the back end. False with *error when Net-SNMP refuses it.
+  // REQUIRES: Net-SNMP's agent is initialised; server outlives the registration.
+  bool add(ObjectServer* server, const std::function<void()>& onWrite, std::string* error);
+  // Removes every registration.
+  void unregister();
+  size_t size() const { return entries_.size(); }
+
+  // One registration (what Net-SNMP's handler callback gets back).
+  struct Entry;
+
+ private:
+  std::vector<Entry*> entries_;
+};
+
+// Registers our configuration tokens for Net-SNMP's parser of the given
+// application type ("snmpd" inside a stock snmpd). Values go to *options;
+// bad values are reported with Net-SNMP's config_perror (file and line) and
+// appended to *errors. REQUIRES: options and errors outlive the parsing.
+void RegisterAgentTokens(const char* appType, AgentOptions* options, std::vector<std::string>* errors);
+// Removes them again.
+void UnregisterAgentTokens(const char* appType);
+
+// Routes Net-SNMP's log messages to debug kit 2. While capture is set,
+// messages at warning level or worse are also appended to it (configuration
+// problems Net-SNMP only logs).
+void RouteNetSnmpLog();
+void SetNetSnmpLogCapture(std::vector<std::string>* capture);
+
+}  // namespace zerva_agent
+
+#endif  // ZERVA_AGENT_NETSNMP_BRIDGE_H_

@@ -1,0 +1,195 @@
+// The agent's view of one registered MIB object: a scalar or a table served
+// by one module handler.
+//
+// ScalarServer reads a scalar through OnQueryLeaf and writes it through
+// OnSetLeaf. TableServer asks OnQueryTable for rows, turns them into values
+// by the MIB description, keeps them sorted by row index and answers GET and
+// GETNEXT from that copy:
+//  - a table answered whole is kept as one snapshot for the snapshot time,
+//    so a walk over every column reads one consistent copy and the back end
+//    is asked once per snapshot;
+//  - a batch table (a CSnmpTableBase: LUNs, file systems) is read in batches
+//    (GETNEXT after an index, rowsWanted rows); every batch is kept for the
+//    snapshot time too, with the index ranges it covers, so a column walk
+//    asks the back end O(rows / batch) times and the next columns none.
+// Nothing here depends on Net-SNMP; netsnmp_bridge adapts it.
+#ifndef ZERVA_AGENT_OBJECT_SERVER_H_
+#define ZERVA_AGENT_OBJECT_SERVER_H_
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "agentpp/oidx.h"
+#include "handlers/snmp_handler.h"
+#include "host/agent/mib_description.h"
+#include "host/agent/snmp_value.h"
+
+namespace zerva_agent {
+
+typedef std::chrono::steady_clock Clock;
+
+struct ServerSettings {
+  // How long rows read from the back end are reused; zero: never.
+  std::chrono::milliseconds snapshotTime{3000};
+  // Rows asked of a batch table per request (at least; a GETBULK may ask more).
+  unsigned int batchRows = 160;
+  // The time source (tests step it by hand).
+  std::function<Clock::time_point()> now = [] { return Clock::now(); };
+};
+
+// The outcome of a GET or GETNEXT on one object.
+struct Lookup {
+  enum Status {
+    kFound,           // name and value are set
+    kNoSuchObject,    // GET of an OID that is no column of the object
+    kNoSuchInstance,  // GET of a row or instance that does not exist
+    kEndOfObject,     // GETNEXT: nothing after the OID in this object
+    kError,           // the handler or the back end failed: error says why
+  };
+  Status status = kEndOfObject;
+  Agentpp::Oidx name;
+  SnmpValue value;
+  std::string error;
+};
+
+// SNMP errors a SET check can give (values as in RFC 3416).
+enum SetError {
+  kSetOk = 0,
+  kSetWrongType = 7,
+  kSetWrongLength = 8,
+  kSetWrongValue = 10,
+  kSetNoCreation = 11,
+  kSetNotWritable = 17,
+};
+
+class ObjectServer {
+ public:
+  // REQUIRES: handler and object outlive the server.
+  ObjectServer(const MibObject& object, CSnmpHandler* handler, const ServerSettings& settings);
+  virtual ~ObjectServer() {}
+  ObjectServer(const ObjectServer&) = delete;
+  ObjectServer& operator=(const ObjectServer&) = delete;
+
+  const MibObject& object() const { return object_; }
+  const Agentpp::Oidx& prefix() const { return prefix_; }
+  CSnmpHandler* handler() const { return handler_; }
+
+  // The value of exactly oid. REQUIRES: oid lies under prefix().
+  virtual Lookup get(const Agentpp::Oidx& oid) = 0;
+  // The first instance of this object after oid. rowsHint is how many rows
+  // the request can use (GETBULK repetitions), 0 when unknown.
+  virtual Lookup getNext(const Agentpp::Oidx& oid, unsigned int rowsHint) = 0;
+  // Drops whatever was kept from the back end.
+  virtual void invalidate() {}
+
+  // Back-end requests (handler calls) made so far.
+  unsigned long long handlerCalls() const { return handlerCalls_; }
+
+ protected:
+  // The column of that number, or null.
+  const MibColumn* column(unsigned int number) const;
+  // Records a failure: logged once until the object answers again.
+  void reportFailure(const std::string& what);
+  // Records a good answer after failures (logged once).
+  void reportSuccess();
+  // Logs a problem with the answers' content once per distinct text.
+  void warnOnce(const std::string& text);
+
+  const MibObject& object_;
+  CSnmpHandler* const handler_;
+  const ServerSettings settings_;
+  const Agentpp::Oidx prefix_;
+  unsigned long long handlerCalls_ = 0;
+
+ private:
+  std::string failing_;  // the reason of the current failure, empty when fine
+  std::set<std::string> warned_;
+};
+
+class ScalarServer : public ObjectServer {
+ public:
+  ScalarServer(const MibObject& object, CSnmpHandler* handler, const ServerSettings& settings);
+
+  Lookup get(const Agentpp::Oidx& oid) override;
+  Lookup getNext(const Agentpp::Oidx& oid, unsigned int rowsHint) override;
+
+  // The instance OID: prefix.0.
+  Agentpp::Oidx instance() const;
+  bool writable() const;
+  // Checks a SET of oid to a value of that SNMP type (number: the value;
+  // negative: a negative INTEGER). Asks nothing of the back end.
+  SetError checkSet(const Agentpp::Oidx& oid, unsigned char type, uint64_t number, bool negative) const;
+  // Reads the current value for a later undo. Returns 0 or the failure text in *why.
+  int readCurrent(uint32_t* value, std::string* why);
+  // Writes the value through OnSetLeaf: a request of one record holding one
+  // unsigned 4-byte cell with tag 0. Returns the handler's result (0 = done);
+  // a throwing handler gives -1. *why tells what failed.
+  int write(uint32_t value, std::string* why);
+
+ private:
+  // Reads the scalar's value.
+  Lookup read();
+};
+
+class TableServer : public ObjectServer {
+ public:
+  // batch: read the table in batches after an index (CSnmpTableBase tables).
+  TableServer(const MibObject& object, CSnmpHandler* handler, const ServerSettings& settings, bool batch);
+
+  Lookup get(const Agentpp::Oidx& oid) override;
+  Lookup getNext(const Agentpp::Oidx& oid, unsigned int rowsHint) override;
+  void invalidate() override;
+
+  // False once a batch table turned out to list rows out of index order; it
+  // is read whole from then on.
+  bool batchMode() const { return batch_; }
+
+ private:
+  typedef std::map<unsigned int, SnmpValue> Row;  // column number -> value
+  typedef std::map<Agentpp::Oidx, Row> Rows;
+
+  // A range of row indexes the kept rows cover completely: (lo, hi].
+  struct Range {
+    bool fromStart = false;  // lo is before every index
+    Agentpp::Oidx lo;
+    bool toEnd = false;  // hi is after every index
+    Agentpp::Oidx hi;
+  };
+
+  enum Fetch { kFetched, kFailed };
+
+  // Drops the kept rows once they are older than the snapshot time.
+  void expire();
+  // The first kept row after `after` (from the first row when fromStart),
+  // fetching what is missing. *row is null at the end of the table.
+  Fetch nextRow(bool fromStart, const Agentpp::Oidx& after, unsigned int rowsHint, const Rows::value_type** row,
+                std::string* why);
+  // Makes sure row index is known (kept or known to be missing).
+  Fetch ensureRow(const Agentpp::Oidx& index, std::string* why);
+  // Reads the whole table.
+  Fetch fetchWhole(ESnmpOperation op, const Agentpp::Oidx& index, std::string* why);
+  // Reads one batch after `after` (from the first row when fromStart).
+  Fetch fetchBatch(bool fromStart, const Agentpp::Oidx& after, unsigned int rowsHint, std::string* why);
+  // Calls OnQueryTable; on success fills *rows in answer order.
+  bool query(const CVEM_SnmpContext& ctx, std::vector<std::pair<Agentpp::Oidx, Row>>* rows, std::string* why);
+  // Stores rows as the whole table.
+  void keepWhole(std::vector<std::pair<Agentpp::Oidx, Row>>& rows);
+  void addRange(const Range& range);
+  bool coversAfter(bool fromStart, const Agentpp::Oidx& after) const;
+  bool coversPoint(const Agentpp::Oidx& index) const;
+
+  bool batch_;
+  Rows rows_;
+  bool complete_ = false;      // rows_ is the whole table
+  std::vector<Range> ranges_;  // batch mode: what rows_ covers, sorted, disjoint
+  bool kept_ = false;          // rows_/ranges_ hold something from the back end
+  Clock::time_point born_;
+};
+
+}  // namespace zerva_agent
+
+#endif  // ZERVA_AGENT_OBJECT_SERVER_H_

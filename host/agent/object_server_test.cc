@@ -1,0 +1,501 @@
+#include "host/agent/object_server.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "diag/vem_exception.h"
+#include "performance/snmp_zerva_performance_lun_handler.h"
+#include "performance/snmp_zerva_performance_switch.h"
+#include "tests/support/fake_backend.h"
+#include "tests/support/kit_log_capture.h"
+
+namespace zerva_agent {
+namespace {
+
+using ::testing::ElementsAre;
+using zerva_test::Answer;
+using zerva_test::BackendFixture;
+using zerva_test::KitLogCapture;
+using zerva_test::PagedListing;
+using zerva_test::Rec;
+
+using Agentpp::Oidx;
+
+const char kSwitchPrefix[] = "1.3.6.1.4.1.32473.4.1.21.1";
+const char kLunPrefix[] = "1.3.6.1.4.1.32473.4.1.21.4";
+const char kTablePrefix[] = "1.3.6.1.4.1.32473.99.1";
+const unsigned long long kLunStatsCmd = 59594907720ULL;
+
+std::vector<unsigned long> Subids(const std::string& dotted) {
+  std::vector<unsigned long> out;
+  const Oidx oid(dotted);
+  for (uint32_t s : oid.subids()) out.push_back(s);
+  return out;
+}
+
+MibObject Scalar(MibSyntax syntax, bool writable) {
+  MibObject o;
+  o.kind = MibObject::Scalar;
+  o.prefix = kSwitchPrefix;
+  o.oid = Subids(o.prefix);
+  o.name = "vemPerfSwitch";
+  o.columns.push_back(MibColumn{0, "vemPerfSwitch", syntax, writable});
+  return o;
+}
+
+// A table: column 1 the index, then the given columns.
+MibObject Table(const std::string& prefix, MibIndexEncoding encoding, MibSyntax indexSyntax,
+                std::vector<MibColumn> columns) {
+  MibObject o;
+  o.kind = MibObject::Table;
+  o.prefix = prefix;
+  o.oid = Subids(prefix);
+  o.name = "testTable";
+  o.entryName = "testEntry";
+  o.indexColumn = 1;
+  o.indexEncoding = encoding;
+  o.columns.push_back(MibColumn{1, "testIndex", indexSyntax, false});
+  for (MibColumn& c : columns) o.columns.push_back(c);
+  return o;
+}
+
+MibObject LunTable() {
+  std::vector<MibColumn> cols;
+  for (unsigned c = 2; c <= 16; ++c) cols.push_back(MibColumn{c, "lun" + std::to_string(c), MibSyntax::Gauge32, false});
+  return Table(kLunPrefix, MibIndexEncoding::Integer, MibSyntax::Unsigned32, cols);
+}
+
+// A whole-table handler answering scripted rows (or failing), counting calls.
+class ScriptedTable : public CSnmpTableHandler {
+ public:
+  int OnQueryTable(const CVEM_SnmpContext& ctx, const CTLVPackage&, CTLVPackage& rsp) override {
+    ++calls;
+    lastContext = ctx;
+    if (throwText != nullptr) throw CVEM_Exception(throwText);
+    for (const Rec& r : rows) rsp.push_back(r.build());
+    return result;
+  }
+  std::vector<Rec> rows;
+  int result = 0;
+  const char* throwText = nullptr;
+  int calls = 0;
+  CVEM_SnmpContext lastContext;
+};
+
+// Every (OID, value) a GETNEXT walk of the object yields, from its prefix.
+std::vector<std::string> Walk(ObjectServer& server, size_t limit = 10000) {
+  std::vector<std::string> out;
+  Oidx at = server.prefix();
+  for (size_t i = 0; i < limit; ++i) {
+    Lookup next = server.getNext(at, 0);
+    if (next.status != Lookup::kFound) {
+      if (next.status == Lookup::kError) out.push_back("error: " + next.error);
+      break;
+    }
+    out.push_back(next.name.cut_left(server.prefix().len()).get_printable() + "=" + next.value.toString());
+    at = next.name;
+  }
+  return out;
+}
+
+Oidx Under(const ObjectServer& server, const std::string& suffix) {
+  Oidx oid = server.prefix();
+  oid += Oidx(suffix);
+  return oid;
+}
+
+// ------------------------------------------------------------------ scalar
+
+TEST(ScalarServerTest, GetReadsTheSwitchAsItsSyntax) {
+  BackendFixture fixture;
+  fixture.setSwitch(1);
+  CPerformanceSwithHandler handler;
+  MibObject object = Scalar(MibSyntax::Unsigned32, true);
+  ScalarServer server(object, &handler, ServerSettings());
+  Lookup got = server.get(Under(server, "0"));
+  ASSERT_EQ(Lookup::kFound, got.status) << got.error;
+  EXPECT_EQ(kAsnGauge32, got.value.type);
+  EXPECT_EQ(1u, got.value.number);
+}
+
+TEST(ScalarServerTest, OnlyInstanceZeroExists) {
+  BackendFixture fixture;
+  fixture.setSwitch(1);
+  CPerformanceSwithHandler handler;
+  MibObject object = Scalar(MibSyntax::Unsigned32, true);
+  ScalarServer server(object, &handler, ServerSettings());
+  EXPECT_EQ(Lookup::kNoSuchInstance, server.get(Under(server, "1")).status);
+  EXPECT_EQ(Lookup::kNoSuchInstance, server.get(Under(server, "0.0")).status);
+  EXPECT_EQ(0u, fixture.backend().callCount());
+}
+
+TEST(ScalarServerTest, GetNextFindsTheInstanceOnlyFromBeforeIt) {
+  BackendFixture fixture;
+  fixture.setSwitch(0);
+  CPerformanceSwithHandler handler;
+  MibObject object = Scalar(MibSyntax::Unsigned32, true);
+  ScalarServer server(object, &handler, ServerSettings());
+  Lookup next = server.getNext(server.prefix(), 0);
+  ASSERT_EQ(Lookup::kFound, next.status);
+  EXPECT_EQ(Under(server, "0"), next.name);
+  EXPECT_EQ(Lookup::kEndOfObject, server.getNext(Under(server, "0"), 0).status);
+}
+
+TEST(ScalarServerTest, SetChecksTypeAndRangeWithoutTheBackEnd) {
+  BackendFixture fixture;
+  CPerformanceSwithHandler handler;
+  MibObject unsignedObject = Scalar(MibSyntax::Unsigned32, true);
+  ScalarServer server(unsignedObject, &handler, ServerSettings());
+  const Oidx instance = Under(server, "0");
+  EXPECT_EQ(kSetOk, server.checkSet(instance, kAsnGauge32, 1, false));
+  EXPECT_EQ(kSetWrongType, server.checkSet(instance, kAsnInteger, 1, false));
+  EXPECT_EQ(kSetWrongType, server.checkSet(instance, kAsnOctetString, 0, false));
+  EXPECT_EQ(kSetNoCreation, server.checkSet(Under(server, "1"), kAsnGauge32, 1, false));
+
+  MibObject integerObject = Scalar(MibSyntax::Integer32, true);
+  ScalarServer signedServer(integerObject, &handler, ServerSettings());
+  EXPECT_EQ(kSetOk, signedServer.checkSet(instance, kAsnInteger, 7, false));
+  EXPECT_EQ(kSetWrongValue, signedServer.checkSet(instance, kAsnInteger, 0, true));
+
+  MibObject readOnly = Scalar(MibSyntax::Unsigned32, false);
+  ScalarServer readOnlyServer(readOnly, &handler, ServerSettings());
+  EXPECT_EQ(kSetNotWritable, readOnlyServer.checkSet(instance, kAsnGauge32, 1, false));
+  EXPECT_EQ(0u, fixture.backend().callCount());
+}
+
+TEST(ScalarServerTest, WriteSendsOneUnsignedCellAndUndoRestoresThePreviousValue) {
+  BackendFixture fixture;
+  fixture.setSwitch(1);
+  fixture.backend().on(zerva_test::kSetSwitchCmd, Answer());
+  CPerformanceSwithHandler handler;
+  MibObject object = Scalar(MibSyntax::Unsigned32, true);
+  ScalarServer server(object, &handler, ServerSettings());
+  uint32_t previous = 99;
+  std::string why;
+  ASSERT_EQ(0, server.readCurrent(&previous, &why)) << why;
+  EXPECT_EQ(1u, previous);
+  ASSERT_EQ(0, server.write(0, &why)) << why;
+  ASSERT_EQ(0, server.write(previous, &why)) << why;  // the undo phase
+  std::vector<zerva_test::Call> sets = fixture.backend().callsTo(zerva_test::kSetSwitchCmd);
+  ASSERT_EQ(2u, sets.size());
+  EXPECT_THAT(zerva_test::PackageText(*sets[0].package()), ElementsAre("0xDE0222002: 0/3/4/0"));
+  EXPECT_THAT(zerva_test::PackageText(*sets[1].package()), ElementsAre("0xDE0222002: 0/3/4/1"));
+}
+
+TEST(ScalarServerTest, FailingBackEndIsAnErrorLoggedOnce) {
+  BackendFixture fixture;
+  fixture.backend().on(zerva_test::kGetSwitchCmd, Answer(SNMP_TRANSPORT_E_TIMEOUT));
+  CPerformanceSwithHandler handler;
+  MibObject object = Scalar(MibSyntax::Unsigned32, true);
+  ScalarServer server(object, &handler, ServerSettings());
+  KitLogCapture log;
+  for (int i = 0; i < 3; ++i) {
+    Lookup got = server.get(Under(server, "0"));
+    EXPECT_EQ(Lookup::kError, got.status);
+    // The leaf read path hides the back end's code behind -1.
+    EXPECT_NE(std::string::npos, got.error.find("result -1")) << got.error;
+  }
+  size_t agentErrors = 0;
+  for (const CVEMLogRecord& r : log.records(VEM_LOG_ERROR)) agentErrors += r.kitNo == VEM_KIT_AGENT;
+  EXPECT_EQ(1u, agentErrors);
+}
+
+TEST(ScalarServerTest, RefusedWriteIsReported) {
+  BackendFixture fixture;
+  fixture.backend().on(zerva_test::kSetSwitchCmd, Answer(5));
+  CPerformanceSwithHandler handler;
+  MibObject object = Scalar(MibSyntax::Unsigned32, true);
+  ScalarServer server(object, &handler, ServerSettings());
+  std::string why;
+  EXPECT_EQ(5, server.write(1, &why));
+  EXPECT_NE(std::string::npos, why.find("5"));
+}
+
+// ------------------------------------------------------------------ whole tables
+
+class WholeTableTest : public ::testing::Test {
+ protected:
+  WholeTableTest()
+      : object_(Table(kTablePrefix, MibIndexEncoding::Integer, MibSyntax::Unsigned32,
+                      {MibColumn{2, "count", MibSyntax::Counter32, false},
+                       MibColumn{3, "name", MibSyntax::DisplayString, false}})) {
+    settings_.now = [this] { return now_; };
+  }
+  std::unique_ptr<TableServer> server() {
+    return std::unique_ptr<TableServer>(new TableServer(object_, &handler_, settings_, false));
+  }
+
+  MibObject object_;
+  ScriptedTable handler_;
+  ServerSettings settings_;
+  Clock::time_point now_ = Clock::time_point() + std::chrono::hours(1);
+};
+
+TEST_F(WholeTableTest, RowsComeInIndexOrderColumnByColumn) {
+  handler_.rows = {Rec().u32(1, 10).u32(2, 100).str(3, "ten"), Rec().u32(1, 2).u32(2, 20).str(3, "two"),
+                   Rec().u32(1, 9).u32(2, 90).str(3, "nine")};
+  auto s = server();
+  EXPECT_THAT(Walk(*s), ElementsAre("1.1.2=Gauge32: 2", "1.1.9=Gauge32: 9", "1.1.10=Gauge32: 10",
+                                    "1.2.2=Counter32: 20", "1.2.9=Counter32: 90", "1.2.10=Counter32: 100",
+                                    "1.3.2=STRING: \"two\"", "1.3.9=STRING: \"nine\"",
+                                    "1.3.10=STRING: \"ten\""));
+}
+
+TEST_F(WholeTableTest, CellOrderInsideARowDoesNotMatter) {
+  handler_.rows = {Rec().str(3, "x").u32(2, 5).u32(1, 1)};
+  auto s = server();
+  EXPECT_THAT(Walk(*s), ElementsAre("1.1.1=Gauge32: 1", "1.2.1=Counter32: 5", "1.3.1=STRING: \"x\""));
+}
+
+TEST_F(WholeTableTest, MissingCellsAreSkippedInTheirColumn) {
+  handler_.rows = {Rec().u32(1, 1).u32(2, 5), Rec().u32(1, 2).u32(2, 6).str(3, "b")};
+  auto s = server();
+  EXPECT_THAT(Walk(*s), ElementsAre("1.1.1=Gauge32: 1", "1.1.2=Gauge32: 2", "1.2.1=Counter32: 5",
+                                    "1.2.2=Counter32: 6", "1.3.2=STRING: \"b\""));
+  EXPECT_EQ(Lookup::kNoSuchInstance, s->get(Under(*s, "1.3.1")).status);
+}
+
+TEST_F(WholeTableTest, GetOfRowsAndColumns) {
+  handler_.rows = {Rec().u32(1, 4).u32(2, 40).str(3, "four")};
+  auto s = server();
+  Lookup got = s->get(Under(*s, "1.3.4"));
+  ASSERT_EQ(Lookup::kFound, got.status);
+  EXPECT_EQ("four", got.value.bytes);
+  EXPECT_EQ(Lookup::kNoSuchInstance, s->get(Under(*s, "1.2.5")).status);
+  EXPECT_EQ(Lookup::kNoSuchInstance, s->get(Under(*s, "1.2.4.1")).status);
+  EXPECT_EQ(Lookup::kNoSuchObject, s->get(Under(*s, "1.7.4")).status);
+  EXPECT_EQ(Lookup::kNoSuchObject, s->get(Under(*s, "2.2.4")).status);
+}
+
+TEST_F(WholeTableTest, GetNextFromInsideAndPastTheTable) {
+  handler_.rows = {Rec().u32(1, 1).u32(2, 5).str(3, "a"), Rec().u32(1, 3).u32(2, 7).str(3, "c")};
+  auto s = server();
+  Lookup next = s->getNext(Under(*s, "1.2.1"), 0);
+  ASSERT_EQ(Lookup::kFound, next.status);
+  EXPECT_EQ(Under(*s, "1.2.3"), next.name);
+  next = s->getNext(Under(*s, "1.2.2.99"), 0);  // between rows
+  EXPECT_EQ(Under(*s, "1.2.3"), next.name);
+  next = s->getNext(Under(*s, "1.2.3"), 0);  // last row: the next column
+  EXPECT_EQ(Under(*s, "1.3.1"), next.name);
+  next = s->getNext(Under(*s, "1.0"), 0);  // before the first column
+  EXPECT_EQ(Under(*s, "1.1.1"), next.name);
+  EXPECT_EQ(Lookup::kEndOfObject, s->getNext(Under(*s, "1.3.3"), 0).status);
+  EXPECT_EQ(Lookup::kEndOfObject, s->getNext(Under(*s, "2"), 0).status);
+}
+
+TEST_F(WholeTableTest, StringIndexIsLengthAndBytesWithoutNul) {
+  object_ = Table(kTablePrefix, MibIndexEncoding::String, MibSyntax::DisplayString,
+                  {MibColumn{2, "count", MibSyntax::Gauge32, false}});
+  handler_.rows = {Rec().str(1, "fs10").u32(2, 10), Rec().str(1, "fs9").u32(2, 9)};
+  auto s = server();
+  // Shorter strings first: SNMP orders by length, then bytes.
+  EXPECT_THAT(Walk(*s), ElementsAre("1.1.3.102.115.57=STRING: \"fs9\"", "1.1.4.102.115.49.48=STRING: \"fs10\"",
+                                    "1.2.3.102.115.57=Gauge32: 9", "1.2.4.102.115.49.48=Gauge32: 10"));
+}
+
+TEST_F(WholeTableTest, AWalkOverAllColumnsAsksTheHandlerOnce) {
+  handler_.rows = {Rec().u32(1, 1).u32(2, 5).str(3, "a"), Rec().u32(1, 2).u32(2, 6).str(3, "b")};
+  auto s = server();
+  EXPECT_EQ(6u, Walk(*s).size());
+  EXPECT_EQ(1, handler_.calls);
+  s->get(Under(*s, "1.2.1"));
+  EXPECT_EQ(1, handler_.calls);
+}
+
+TEST_F(WholeTableTest, TheSnapshotExpiresAfterItsTime) {
+  settings_.snapshotTime = std::chrono::seconds(3);
+  handler_.rows = {Rec().u32(1, 1).u32(2, 5)};
+  auto s = server();
+  s->get(Under(*s, "1.2.1"));
+  now_ += std::chrono::milliseconds(2999);
+  s->get(Under(*s, "1.2.1"));
+  EXPECT_EQ(1, handler_.calls);
+  now_ += std::chrono::milliseconds(1);
+  s->get(Under(*s, "1.2.1"));
+  EXPECT_EQ(2, handler_.calls);
+}
+
+TEST_F(WholeTableTest, ZeroSnapshotTimeAsksEveryTime) {
+  settings_.snapshotTime = std::chrono::seconds(0);
+  handler_.rows = {Rec().u32(1, 1).u32(2, 5)};
+  auto s = server();
+  s->get(Under(*s, "1.2.1"));
+  s->get(Under(*s, "1.2.1"));
+  EXPECT_EQ(2, handler_.calls);
+}
+
+TEST_F(WholeTableTest, InvalidateDropsTheSnapshot) {
+  handler_.rows = {Rec().u32(1, 1).u32(2, 5)};
+  auto s = server();
+  s->get(Under(*s, "1.2.1"));
+  s->invalidate();
+  s->get(Under(*s, "1.2.1"));
+  EXPECT_EQ(2, handler_.calls);
+}
+
+TEST_F(WholeTableTest, EmptyTableEndsTheObjectButAFailureIsAnError) {
+  auto s = server();
+  EXPECT_EQ(Lookup::kEndOfObject, s->getNext(s->prefix(), 0).status);
+  handler_.result = -1;
+  s->invalidate();
+  Lookup failed = s->getNext(s->prefix(), 0);
+  EXPECT_EQ(Lookup::kError, failed.status);
+  EXPECT_NE(std::string::npos, failed.error.find("-1"));
+}
+
+TEST_F(WholeTableTest, AFailedAnswerIsNotKept) {
+  handler_.result = SNMP_TRANSPORT_E_CONNECT;
+  auto s = server();
+  Lookup failed = s->get(Under(*s, "1.2.1"));
+  EXPECT_EQ(Lookup::kError, failed.status);
+  EXPECT_NE(std::string::npos, failed.error.find("cannot connect")) << failed.error;
+  handler_.result = 0;
+  handler_.rows = {Rec().u32(1, 1).u32(2, 5)};
+  EXPECT_EQ(Lookup::kFound, s->get(Under(*s, "1.2.1")).status);
+}
+
+TEST_F(WholeTableTest, ExceptionsBecomeErrors) {
+  handler_.throwText = "record don't exist, index is 0";
+  auto s = server();
+  Lookup got = s->getNext(s->prefix(), 0);
+  EXPECT_EQ(Lookup::kError, got.status);
+  EXPECT_NE(std::string::npos, got.error.find("record don't exist")) << got.error;
+}
+
+TEST_F(WholeTableTest, RowsWithoutIndexAndUnknownTagsAreLeftOut) {
+  handler_.rows = {Rec().u32(2, 5), Rec().u32(1, 3).u32(2, 7).u32(9, 1)};
+  auto s = server();
+  EXPECT_THAT(Walk(*s), ElementsAre("1.1.3=Gauge32: 3", "1.2.3=Counter32: 7"));
+}
+
+TEST_F(WholeTableTest, TheHandlerSeesTheRequestContext) {
+  auto s = server();
+  s->getNext(Under(*s, "1.2.7"), 0);
+  EXPECT_EQ(SNMP_OP_GETNEXT, handler_.lastContext.operation);
+  EXPECT_EQ(Oidx({7}), handler_.lastContext.index);
+}
+
+// ------------------------------------------------------------------ batch tables
+
+// A back end with LUNs 0..count-1, listing pageSize per reply, answering
+// the batch statistics command; values of LUN n are n*100+item position.
+class LunBackend {
+ public:
+  LunBackend(BackendFixture& fixture, std::vector<std::string> keys, size_t pageSize)
+      : listing_(std::move(keys), pageSize) {
+    fixture.setSwitch(1);
+    fixture.backend().on(zerva_test::kListingCmd, listing_);
+    fixture.backend().on(kLunStatsCmd, [](const CTLVPackage& req, bool) {
+      Answer answer;
+      std::stringstream ids(req[0]->operator[](12)->toString());
+      std::string id;
+      while (std::getline(ids, id, ',')) {
+        if (id.empty()) continue;
+        const unsigned n = static_cast<unsigned>(std::stoul(id));
+        std::string values;
+        for (unsigned i = 0; i < 13; ++i) values += (i ? "," : "") + std::to_string(n * 100 + i + 1);
+        answer.records.push_back(Rec().str(13, id).str(9, values));
+      }
+      return answer;
+    });
+  }
+
+ private:
+  PagedListing listing_;
+};
+
+std::vector<std::string> Keys(unsigned count) {
+  std::vector<std::string> keys;
+  for (unsigned i = 0; i < count; ++i) keys.push_back(std::to_string(i));
+  return keys;
+}
+
+TEST(BatchTableTest, AColumnWalkReadsTheTableInBatchesOnce) {
+  BackendFixture fixture;
+  LunBackend backend(fixture, Keys(400), 256);
+  CPerformanceLunHandler handler;
+  MibObject object = LunTable();
+  ServerSettings settings;
+  settings.snapshotTime = std::chrono::hours(1);
+  TableServer server(object, &handler, settings, true);
+  std::vector<std::string> walked = Walk(server);
+  ASSERT_EQ(400u * 16, walked.size());
+  EXPECT_EQ("1.1.0=Gauge32: 0", walked[0]);
+  EXPECT_EQ("1.1.399=Gauge32: 399", walked[399]);
+  EXPECT_EQ("1.2.0=Gauge32: 1", walked[400]);
+  EXPECT_EQ("1.3.7=Gauge32: 702", walked[800 + 7]);
+  // ceil(400 / 160) statistics commands for the whole walk, all 16 columns.
+  EXPECT_EQ(3u, fixture.backend().callsTo(kLunStatsCmd).size());
+  EXPECT_TRUE(server.batchMode());
+}
+
+TEST(BatchTableTest, BatchesAskForRowsAfterTheRequestedIndex) {
+  BackendFixture fixture;
+  LunBackend backend(fixture, Keys(400), 256);
+  CPerformanceLunHandler handler;
+  MibObject object = LunTable();
+  TableServer server(object, &handler, ServerSettings(), true);
+  Lookup next = server.getNext(Under(server, "1.3.249"), 0);
+  ASSERT_EQ(Lookup::kFound, next.status) << next.error;
+  EXPECT_EQ(Under(server, "1.3.250"), next.name);
+  std::vector<zerva_test::Call> stats = fixture.backend().callsTo(kLunStatsCmd);
+  ASSERT_EQ(1u, stats.size());
+  EXPECT_EQ(0u, stats[0].package()->operator[](0)->operator[](12)->toString().find("250,251"));
+}
+
+TEST(BatchTableTest, GetOfOneRowReadsOneBatch) {
+  BackendFixture fixture;
+  LunBackend backend(fixture, Keys(400), 256);
+  CPerformanceLunHandler handler;
+  MibObject object = LunTable();
+  TableServer server(object, &handler, ServerSettings(), true);
+  Lookup got = server.get(Under(server, "1.2.300"));
+  ASSERT_EQ(Lookup::kFound, got.status) << got.error;
+  EXPECT_EQ(30001u, got.value.number);
+  EXPECT_EQ(Lookup::kFound, server.get(Under(server, "1.5.301")).status);
+  EXPECT_EQ(1u, fixture.backend().callsTo(kLunStatsCmd).size());
+  EXPECT_EQ(Lookup::kNoSuchInstance, server.get(Under(server, "1.2.400")).status);
+}
+
+TEST(BatchTableTest, ListingOutOfIndexOrderIsReadWhole) {
+  BackendFixture fixture;
+  LunBackend backend(fixture, {"5", "3", "9", "1"}, 256);
+  CPerformanceLunHandler handler;
+  MibObject object = LunTable();
+  ServerSettings settings;
+  settings.batchRows = 2;
+  TableServer server(object, &handler, settings, true);
+  std::vector<std::string> walked = Walk(server);
+  ASSERT_EQ(4u * 16, walked.size());
+  EXPECT_THAT(std::vector<std::string>(walked.begin(), walked.begin() + 4),
+              ElementsAre("1.1.1=Gauge32: 1", "1.1.3=Gauge32: 3", "1.1.5=Gauge32: 5", "1.1.9=Gauge32: 9"));
+  EXPECT_FALSE(server.batchMode());
+}
+
+TEST(BatchTableTest, SwitchedOffTableIsEmpty) {
+  BackendFixture fixture;
+  fixture.setSwitch(0);
+  CPerformanceLunHandler handler;
+  MibObject object = LunTable();
+  TableServer server(object, &handler, ServerSettings(), true);
+  EXPECT_EQ(Lookup::kEndOfObject, server.getNext(server.prefix(), 0).status);
+}
+
+TEST(BatchTableTest, UnreachableBackEndIsAnError) {
+  BackendFixture fixture;
+  fixture.setSwitch(1);
+  fixture.backend().on(zerva_test::kListingCmd, Answer(SNMP_TRANSPORT_E_CONNECT));
+  CPerformanceLunHandler handler;
+  MibObject object = LunTable();
+  TableServer server(object, &handler, ServerSettings(), true);
+  EXPECT_EQ(Lookup::kError, server.getNext(server.prefix(), 0).status);
+}
+
+}  // namespace
+}  // namespace zerva_agent

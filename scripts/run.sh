@@ -13,7 +13,6 @@ AGENT=build-run/host/agent/zerva-snmp-agent
 CONF=host/agent/zerva-snmp-agent.conf
 PEER=127.0.0.1:1161
 MIBOPTS="-M mibs:mibs/base -m VEM-PERFORMANCE-MIB"
-if [ ! -f mibs/VEM-PERFORMANCE-MIB.txt ]; then MIBOPTS="-On"; fi
 
 cat <<TRY
 The agent serves 1.3.6.1.4.1.32473.4.1.21 on udp:${PEER} (configuration: ${CONF}).
@@ -23,12 +22,10 @@ Try, from another terminal in $(pwd):
   snmpwalk -v2c -c public  ${MIBOPTS} ${PEER} 1.3.6.1.4.1.32473.4.1.21
   snmpbulkwalk -v2c -c public ${MIBOPTS} ${PEER} 1.3.6.1.4.1.32473.4.1.21.4
 TRY
-if [ "${MIBOPTS}" != "-On" ]; then
-  for t in vemPerfNodeTable vemPerfLunTable vemPerfPortTable vemPerfCacheTable vemPerfNfsV3Table \
-           vemPerfNfsV4Table vemPerfNfsV41Table vemPerfSmbV1Table vemPerfSmbV2Table vemPerfFsTable; do
-    echo "  snmptable -v2c -c public -Cb ${MIBOPTS} ${PEER} VEM-PERFORMANCE-MIB::${t}"
-  done
-fi
+for t in vemPerfNodeTable vemPerfLunTable vemPerfPortTable vemPerfCacheTable vemPerfNfsV3Table \
+         vemPerfNfsV4Table vemPerfNfsV41Table vemPerfSmbV1Table vemPerfSmbV2Table vemPerfFsTable; do
+  echo "  snmptable -v2c -c public -Cb ${MIBOPTS} ${PEER} VEM-PERFORMANCE-MIB::${t}"
+done
 cat <<TRY
   snmpset  -v2c -c private ${MIBOPTS} ${PEER} 1.3.6.1.4.1.32473.4.1.21.1.0 u 0   # collection off: tables empty
   snmpset  -v2c -c private ${MIBOPTS} ${PEER} 1.3.6.1.4.1.32473.4.1.21.1.0 u 1   # and on again

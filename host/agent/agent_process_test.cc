@@ -1,174 +1,28 @@
 // The agent as a whole process on loopback: zerva-snmp-agent with its
 // embedded simulated array, asked by the Debian SNMP clients; a stock snmpd
 // as AgentX master of the agent, and with the agent as its dlmod module.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <stdlib.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
-#include <fstream>
-#include <sstream>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tests/process/process_harness.h"
+
 namespace {
 
-const char kSubtree[] = ".1.3.6.1.4.1.32473.4.1.21";
-const char kSwitch[] = ".1.3.6.1.4.1.32473.4.1.21.1.0";
-
-// A private temporary directory, removed with its files.
-class TempDir {
- public:
-  TempDir() {
-    char dir[] = "/tmp/zerva-agent-test.XXXXXX";
-    path_ = mkdtemp(dir) != nullptr ? dir : "";
-  }
-  ~TempDir() { system(("rm -rf '" + path_ + "'").c_str()); }
-  const std::string& path() const { return path_; }
-  std::string file(const std::string& name, const std::string& text) const {
-    const std::string p = path_ + "/" + name;
-    std::ofstream(p) << text;
-    return p;
-  }
-
- private:
-  std::string path_;
-};
-
-// A free UDP port on 127.0.0.1.
-int FreeUdpPort() {
-  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in a = {};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-  socklen_t len = sizeof a;
-  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-  close(fd);
-  return ntohs(a.sin_port);
-}
-
-// A child process, ended (SIGTERM, then SIGKILL) when the object goes.
-class Process {
- public:
-  Process(const std::vector<std::string>& argv, const std::string& output) {
-    pid_ = fork();
-    if (pid_ == 0) {
-      FILE* out = fopen(output.c_str(), "w");
-      if (out != nullptr) {
-        dup2(fileno(out), 1);
-        dup2(fileno(out), 2);
-      }
-      std::vector<char*> args;
-      for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-      args.push_back(nullptr);
-      execv(args[0], args.data());
-      _exit(127);
-    }
-  }
-  ~Process() { stop(); }
-  // Waits for the exit (at most about 5 s) and returns the status, or -1.
-  int wait() {
-    for (int i = 0; i < 100 && pid_ > 0; ++i) {
-      int status = 0;
-      if (waitpid(pid_, &status, WNOHANG) == pid_) {
-        pid_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return -1;
-  }
-  // Sends SIGTERM; returns the exit status (SIGKILL after about 5 s).
-  int stop() {
-    if (pid_ <= 0) return -1;
-    kill(pid_, SIGTERM);
-    int rc = wait();
-    if (rc == -1 && pid_ > 0) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-      pid_ = -1;
-    }
-    return rc;
-  }
-
- private:
-  pid_t pid_ = -1;
-};
-
-// Runs a shell command; returns its output (stdout and stderr) and sets *rc.
-std::string RunShell(const std::string& command, int* rc = nullptr) {
-  std::string out;
-  FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-  if (pipe == nullptr) return out;
-  char buf[4096];
-  size_t n = 0;
-  while ((n = fread(buf, 1, sizeof buf, pipe)) > 0) out.append(buf, n);
-  const int status = pclose(pipe);
-  if (rc != nullptr) *rc = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return out;
-}
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
-// The names and types of a walk's lines ("OID = TYPE"), values left out:
-// statistics move between two walks.
-std::vector<std::string> Shape(const std::string& walk) {
-  std::vector<std::string> out;
-  std::istringstream in(walk);
-  std::string line;
-  while (std::getline(in, line)) {
-    // The standalone agent serves nothing after the subtree; snmpd does.
-    if (line.find("No more variables left") != std::string::npos) continue;
-    const size_t colon = line.find(':');
-    out.push_back(colon == std::string::npos ? line : line.substr(0, colon));
-  }
-  return out;
-}
-
-// Loopback SNMP: the client programs with bounded timeouts, no MIB files,
-// their state in the test's directory.
-class Snmp {
- public:
-  Snmp(const std::string& stateDir, int port) : port_(port) {
-    env_ = "MIBS= SNMP_PERSISTENT_DIR='" + stateDir + "' SNMPCONFPATH='" + stateDir + "' ";
-  }
-  std::string tool(const std::string& program, const std::string& auth, const std::string& args,
-                   int* rc = nullptr) const {
-    return RunShell(env_ + program + " -On -t 2 -r 1 " + auth + " 127.0.0.1:" + std::to_string(port_) + " " + args, rc);
-  }
-  std::string get(const std::string& oid, const std::string& auth = "-v2c -c public") const {
-    return tool("snmpget", auth, oid);
-  }
-  std::string walk(const std::string& auth = "-v2c -c public") const { return tool("snmpwalk", auth, kSubtree); }
-  // Waits (at most about 5 s) until the agent answers the switch.
-  bool ready(const std::string& auth = "-v2c -c public") const {
-    for (int i = 0; i < 25; ++i) {
-      if (RunShell(env_ + "snmpget -On -t 0.2 -r 0 " + auth + " 127.0.0.1:" + std::to_string(port_) + " " + kSwitch)
-              .find("Gauge32") != std::string::npos) {
-        return true;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    return false;
-  }
-
- private:
-  int port_;
-  std::string env_;
-};
+using zerva_test::FreeUdpPort;
+using zerva_test::kSubtree;
+using zerva_test::kSwitch;
+using zerva_test::Process;
+using zerva_test::ReadFile;
+using zerva_test::RunShell;
+using zerva_test::Shape;
+using zerva_test::Snmp;
+using zerva_test::TempDir;
 
 // Small simulated array so that a walk stays short.
 const char kSimTokens[] =

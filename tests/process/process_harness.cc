@@ -1,0 +1,159 @@
+#include "tests/process/process_harness.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+namespace zerva_test {
+
+const char kSubtree[] = ".1.3.6.1.4.1.32473.4.1.21";
+const char kSwitch[] = ".1.3.6.1.4.1.32473.4.1.21.1.0";
+
+TempDir::TempDir() {
+  char dir[] = "/tmp/zerva-process-test.XXXXXX";
+  path_ = mkdtemp(dir) != nullptr ? dir : "";
+}
+
+TempDir::~TempDir() {
+  if (!path_.empty()) RunShell("rm -rf '" + path_ + "'");
+}
+
+std::string TempDir::file(const std::string& name, const std::string& text) const {
+  const std::string p = path_ + "/" + name;
+  std::ofstream(p) << text;
+  return p;
+}
+
+int FreeUdpPort() {
+  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in a = {};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+  socklen_t len = sizeof a;
+  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+  close(fd);
+  return ntohs(a.sin_port);
+}
+
+Process::Process(const std::vector<std::string>& argv, const std::string& output) {
+  pid_ = fork();
+  if (pid_ == 0) {
+    FILE* out = fopen(output.c_str(), "w");
+    if (out != nullptr) {
+      dup2(fileno(out), 1);
+      dup2(fileno(out), 2);
+    }
+    std::vector<char*> args;
+    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    execv(args[0], args.data());
+    _exit(127);
+  }
+}
+
+Process::~Process() { stop(); }
+
+bool Process::running() {
+  if (pid_ <= 0) return false;
+  int status = 0;
+  if (waitpid(pid_, &status, WNOHANG) == pid_) {
+    pid_ = -1;
+    return false;
+  }
+  return true;
+}
+
+int Process::wait() {
+  for (int i = 0; i < 100 && pid_ > 0; ++i) {
+    int status = 0;
+    if (waitpid(pid_, &status, WNOHANG) == pid_) {
+      pid_ = -1;
+      return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  return -1;
+}
+
+int Process::stop() {
+  if (pid_ <= 0) return -1;
+  ::kill(pid_, SIGTERM);
+  const int rc = wait();
+  if (rc == -1 && pid_ > 0) kill(SIGKILL);
+  return rc;
+}
+
+void Process::kill(int signal) {
+  if (pid_ <= 0) return;
+  ::kill(pid_, signal);
+  waitpid(pid_, nullptr, 0);
+  pid_ = -1;
+}
+
+std::string RunShell(const std::string& command, int* rc) {
+  std::string out;
+  FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+  if (pipe == nullptr) return out;
+  char buf[4096];
+  size_t n = 0;
+  while ((n = fread(buf, 1, sizeof buf, pipe)) > 0) out.append(buf, n);
+  const int status = pclose(pipe);
+  if (rc != nullptr) *rc = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return out;
+}
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+std::vector<std::string> Shape(const std::string& walk) {
+  std::vector<std::string> out;
+  std::istringstream in(walk);
+  std::string line;
+  while (std::getline(in, line)) {
+    // The standalone agent serves nothing after the subtree; snmpd does.
+    if (line.find("No more variables left") != std::string::npos) continue;
+    const size_t colon = line.find(':');
+    out.push_back(colon == std::string::npos ? line : line.substr(0, colon));
+  }
+  return out;
+}
+
+Snmp::Snmp(const std::string& stateDir, int port) : port_(port) {
+  env_ = "MIBS= SNMP_PERSISTENT_DIR='" + stateDir + "' SNMPCONFPATH='" + stateDir + "' ";
+}
+
+std::string Snmp::tool(const std::string& program, const std::string& auth, const std::string& args, int* rc) const {
+  return RunShell(env_ + program + " -On -t 2 -r 1 " + auth + " 127.0.0.1:" + std::to_string(port_) + " " + args, rc);
+}
+
+std::string Snmp::get(const std::string& oid, const std::string& auth) const { return tool("snmpget", auth, oid); }
+
+std::string Snmp::walk(const std::string& auth) const { return tool("snmpwalk", auth, kSubtree); }
+
+bool Snmp::ready(const std::string& auth) const {
+  for (int i = 0; i < 25; ++i) {
+    if (RunShell(env_ + "snmpget -On -t 0.2 -r 0 " + auth + " 127.0.0.1:" + std::to_string(port_) + " " + kSwitch)
+            .find("Gauge32") != std::string::npos) {
+      return true;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  return false;
+}
+
+}  // namespace zerva_test

@@ -45,6 +45,7 @@ bool AgentRuntime::start(const AgentOptions& optionsIn, const std::string& where
   ServerSettings settings;
   settings.snapshotTime = std::chrono::seconds(options.snapshotSeconds);
   settings.batchRows = options.batchRows;
+  settings.request = CurrentSnmpRequest;
   std::string prefixes;
   for (const HostedHandler& h : module_.handlers()) {
     std::unique_ptr<ObjectServer> server;

@@ -166,9 +166,36 @@ void HandleSet(SnmpRegistrations::Entry* entry, netsnmp_agent_request_info* reqi
   }
 }
 
+// The request being answered: Net-SNMP keeps one agent session and one
+// request PDU for all phases and repetitions of a request; a new request
+// has a new session or PDU (and a session's memory may be reused, so the
+// PDU's request and transaction IDs are compared too).
+uint64_t g_requestNumber = 0;
+const void* g_lastSession = nullptr;
+const void* g_lastPdu = nullptr;
+long g_lastRequestId = 0;
+long g_lastTransactionId = 0;
+
+void NoteRequest(const netsnmp_agent_request_info* reqinfo) {
+  const netsnmp_agent_session* asp = reqinfo->asp;
+  const netsnmp_pdu* pdu = asp != nullptr ? asp->pdu : nullptr;
+  const long requestId = pdu != nullptr ? pdu->reqid : 0;
+  const long transactionId = pdu != nullptr ? pdu->transid : 0;
+  if (asp != nullptr && asp == g_lastSession && pdu == g_lastPdu && requestId == g_lastRequestId &&
+      transactionId == g_lastTransactionId) {
+    return;
+  }
+  ++g_requestNumber;
+  g_lastSession = asp;
+  g_lastPdu = pdu;
+  g_lastRequestId = requestId;
+  g_lastTransactionId = transactionId;
+}
+
 int HandleRequests(netsnmp_mib_handler* handler, netsnmp_handler_registration*,
                    netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests) {
   auto* entry = static_cast<SnmpRegistrations::Entry*>(handler->myvoid);
+  NoteRequest(reqinfo);
   for (netsnmp_request_info* request = requests; request != nullptr; request = request->next) {
     if (request->processed) continue;
     try {
@@ -197,6 +224,8 @@ int HandleRequests(netsnmp_mib_handler* handler, netsnmp_handler_registration*,
 }
 
 }  // namespace
+
+uint64_t CurrentSnmpRequest() { return g_requestNumber; }
 
 SnmpRegistrations::~SnmpRegistrations() { unregister(); }
 

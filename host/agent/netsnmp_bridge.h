@@ -4,6 +4,7 @@
 #ifndef ZERVA_AGENT_NETSNMP_BRIDGE_H_
 #define ZERVA_AGENT_NETSNMP_BRIDGE_H_
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
@@ -38,6 +39,11 @@ class SnmpRegistrations {
  private:
   std::vector<Entry*> entries_;
 };
+
+// The number of the SNMP request the handlers are answering: it changes
+// with each request Net-SNMP passes to them (every phase and repetition of
+// one request keeps it). For ServerSettings::request.
+uint64_t CurrentSnmpRequest();
 
 // Registers our configuration tokens for Net-SNMP's parser of the given
 // application type ("snmpd" inside a stock snmpd). Values go to *options;

@@ -187,11 +187,22 @@ void TableServer::invalidate() {
   ranges_.clear();
   complete_ = false;
   kept_ = false;
+  degraded_ = false;
 }
 
 void TableServer::expire() {
   if (!kept_) return;
-  if (settings_.snapshotTime.count() <= 0 || settings_.now() - born_ >= settings_.snapshotTime) invalidate();
+  if (settings_.snapshotTime.count() <= 0 || settings_.now() - born_ >= settings_.snapshotTime) {
+    invalidate();
+  } else if (degraded_ && settings_.request() != degradedRequest_) {
+    invalidate();
+  }
+}
+
+void TableServer::noteDegradedRead() {
+  if (!lastReadDegraded_ || !kept_) return;
+  degraded_ = true;
+  degradedRequest_ = settings_.request();
 }
 
 bool TableServer::query(const CVEM_SnmpContext& ctx, std::vector<std::pair<Agentpp::Oidx, Row>>* rows,
@@ -199,10 +210,12 @@ bool TableServer::query(const CVEM_SnmpContext& ctx, std::vector<std::pair<Agent
   CTLVPackage req;
   CTLVPackage rsp;
   ++handlerCalls_;
+  const uint64_t failures = CSNMP_Configuration::instance()->transportFailures();
   if (CallHandler([&] { return handler_->OnQueryTable(ctx, req, rsp); }, why) != 0) {
     reportFailure("OnQueryTable: " + *why);
     return false;
   }
+  lastReadDegraded_ = CSNMP_Configuration::instance()->transportFailures() != failures;
   reportSuccess();
   rows->clear();
   rows->reserve(rsp.size());
@@ -247,6 +260,7 @@ void TableServer::keepWhole(std::vector<std::pair<Agentpp::Oidx, Row>>& rows) {
   complete_ = true;
   kept_ = true;
   born_ = settings_.now();
+  noteDegradedRead();
 }
 
 TableServer::Fetch TableServer::fetchWhole(ESnmpOperation op, const Agentpp::Oidx& index, std::string* why) {
@@ -289,6 +303,7 @@ TableServer::Fetch TableServer::fetchBatch(bool fromStart, const Agentpp::Oidx& 
   if (!range.toEnd && rows.empty()) return kFetched;  // nothing learnt
   for (auto& r : rows) rows_.emplace(r.first, std::move(r.second));
   addRange(range);
+  noteDegradedRead();
   return kFetched;
 }
 

@@ -16,7 +16,9 @@
 #ifndef ZERVA_AGENT_OBJECT_SERVER_H_
 #define ZERVA_AGENT_OBJECT_SERVER_H_
 
+#include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <set>
@@ -39,6 +41,13 @@ struct ServerSettings {
   unsigned int batchRows = 160;
   // The time source (tests step it by hand).
   std::function<Clock::time_point()> now = [] { return Clock::now(); };
+  // The number of the SNMP request being answered (the Net-SNMP bridge
+  // counts them). Rows read while a back-end call failed serve that request
+  // only. Without a count every lookup is a request of its own.
+  std::function<uint64_t()> request = [] {
+    static std::atomic<uint64_t> n{0};
+    return ++n;
+  };
 };
 
 // The outcome of a GET or GETNEXT on one object.
@@ -162,7 +171,8 @@ class TableServer : public ObjectServer {
 
   enum Fetch { kFetched, kFailed };
 
-  // Drops the kept rows once they are older than the snapshot time.
+  // Drops the kept rows once they are older than the snapshot time, or once
+  // a later request comes when they were read while the back end failed.
   void expire();
   // The first kept row after `after` (from the first row when fromStart),
   // fetching what is missing. *row is null at the end of the table.
@@ -178,6 +188,10 @@ class TableServer : public ObjectServer {
   bool query(const CVEM_SnmpContext& ctx, std::vector<std::pair<Agentpp::Oidx, Row>>* rows, std::string* why);
   // Stores rows as the whole table.
   void keepWhole(std::vector<std::pair<Agentpp::Oidx, Row>>& rows);
+  // After storing rows: if a back-end call failed during the read that gave
+  // them (the handler answered anyway, e.g. an empty table because the
+  // switch query failed), they serve the current request only.
+  void noteDegradedRead();
   void addRange(const Range& range);
   bool coversAfter(bool fromStart, const Agentpp::Oidx& after) const;
   bool coversPoint(const Agentpp::Oidx& index) const;
@@ -188,6 +202,9 @@ class TableServer : public ObjectServer {
   std::vector<Range> ranges_;  // batch mode: what rows_ covers, sorted, disjoint
   bool kept_ = false;          // rows_/ranges_ hold something from the back end
   Clock::time_point born_;
+  bool lastReadDegraded_ = false;  // a back-end call failed during the last query()
+  bool degraded_ = false;          // rows_ holds rows of such a read ...
+  uint64_t degradedRequest_ = 0;   // ... made for this request
 };
 
 }  // namespace zerva_agent

@@ -497,5 +497,36 @@ TEST(BatchTableTest, UnreachableBackEndIsAnError) {
   EXPECT_EQ(Lookup::kError, server.getNext(server.prefix(), 0).status);
 }
 
+TEST(BatchTableTest, RowsReadWhileTheBackEndFailedServeOnlyTheirRequest) {
+  BackendFixture fixture;
+  LunBackend backend(fixture, Keys(3), 256);
+  // The switch query times out: the module reads that as "collection off"
+  // and answers an empty table, successfully.
+  fixture.backend().on(zerva_test::kGetSwitchCmd, Answer(SNMP_TRANSPORT_E_TIMEOUT));
+  CPerformanceLunHandler handler;
+  MibObject object = LunTable();
+  ServerSettings settings;
+  settings.snapshotTime = std::chrono::hours(1);
+  uint64_t request = 1;
+  settings.request = [&request] { return request; };
+  TableServer server(object, &handler, settings, true);
+  EXPECT_EQ(Lookup::kEndOfObject, server.getNext(server.prefix(), 0).status);
+  const size_t switchQueries = fixture.backend().callsTo(zerva_test::kGetSwitchCmd).size();
+  fixture.setSwitch(1);
+  // The same request goes on with what it read ...
+  EXPECT_EQ(Lookup::kEndOfObject, server.getNext(server.prefix(), 0).status);
+  EXPECT_EQ(switchQueries, fixture.backend().callsTo(zerva_test::kGetSwitchCmd).size());
+  // ... the next one reads the table again and finds its rows.
+  request = 2;
+  Lookup next = server.getNext(server.prefix(), 0);
+  ASSERT_EQ(Lookup::kFound, next.status) << next.error;
+  EXPECT_EQ(Under(server, "1.1.0"), next.name);
+  // Rows read from a healthy back end are kept for the snapshot time.
+  request = 3;
+  const size_t stats = fixture.backend().callsTo(kLunStatsCmd).size();
+  EXPECT_EQ(Lookup::kFound, server.getNext(server.prefix(), 0).status);
+  EXPECT_EQ(stats, fixture.backend().callsTo(kLunStatsCmd).size());
+}
+
 }  // namespace
 }  // namespace zerva_agent

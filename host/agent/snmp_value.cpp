@@ -107,6 +107,14 @@ bool CellToValue(const CTLVCell& cell, MibSyntax syntax, SnmpValue* out, std::st
   } else {
     number = CellNumber(cell);
     negative = cell.type() == CTLVCell::TLV_TYPE_INT && static_cast<int64_t>(number) < 0;
+    // Eight all-ones bytes in an unsigned cell are the back end's "no value"
+    // (the node table's items 475/476 without file-system statistics): they
+    // fit no 32-bit syntax, so the cell is left out rather than latched.
+    if (cell.type() != CTLVCell::TLV_TYPE_INT && cell.length() >= 8 && number == ~0ULL &&
+        syntax != MibSyntax::Counter64) {
+      *why = std::string("an all-ones 64-bit cell (no value) does not fit ") + MibSyntaxName(syntax);
+      return false;
+    }
   }
   switch (syntax) {
     case MibSyntax::Integer32: {

@@ -48,7 +48,8 @@ SnmpType SnmpTypeOf(MibSyntax syntax);
 
 // Converts a cell to a value of the syntax. Numbers beyond the syntax's range
 // are clamped (Integer32, Unsigned32, Gauge32, TimeTicks) or wrap modulo 2^32
-// (Counter32); text cells (type 2) lose one terminating NUL and feed numeric
+// (Counter32), except an unsigned 8-byte all-ones cell, which means "no
+// value" and fits no syntax but Counter64; text cells (type 2) lose one terminating NUL and feed numeric
 // syntaxes only when they are plain decimal; numeric cells feed string
 // syntaxes as decimal text. Returns false (and sets *why) when the cell
 // cannot be a value of that syntax.

@@ -25,11 +25,14 @@ int CSNMP_Configuration::configure(CTLVPackageV3<TLVMsgHeadV3>& req, CTLVPackage
                                    bool listing) {
   std::shared_ptr<ISnmpBackendTransport> t = transport();
   if (!t) {
+    failures_.fetch_add(1);
     VEMLog(VEM_KIT_HOST, VEM_LOG_ERROR, "configure", __LINE__, "no back end configured, request 0x%llX refused",
                 req.empty() ? 0ULL : req[0]->id());
     return SNMP_TRANSPORT_E_NOT_CONFIGURED;
   }
-  return t->exchange(req, rsp, listing);
+  const int result = t->exchange(req, rsp, listing);
+  if (IsSnmpTransportError(result)) failures_.fetch_add(1);
+  return result;
 }
 
 std::shared_ptr<ISnmpBackendTransport> CSNMP_Configuration::setTransport(

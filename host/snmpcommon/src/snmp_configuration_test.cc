@@ -44,6 +44,28 @@ TEST(ConfigurationTest, CarriesTheRequestAndTheFlagToTheTransportAndItsCodeBack)
   CSNMP_Configuration::instance()->setTransport(previous);
 }
 
+TEST(ConfigurationTest, CountsTheCallsThatEndedWithATransportCode) {
+  auto fake = std::make_shared<FakeBackend>();
+  auto previous = CSNMP_Configuration::instance()->setTransport(fake);
+  CSNMP_Configuration* config = CSNMP_Configuration::instance();
+  const uint64_t before = config->transportFailures();
+  fake->push(Answer{Rec(7).u32(0, 1)});
+  fake->push(Answer(0x53494D05));  // the back end's own refusal
+  fake->push(Answer(SNMP_TRANSPORT_E_TIMEOUT));
+  CTLVPackage req;
+  req.push_back(Rec(0x42).build());
+  for (int i = 0; i < 3; ++i) {
+    CTLVPackage rsp;
+    config->configure(req, rsp, false);
+  }
+  EXPECT_EQ(before + 1, config->transportFailures());
+  config->setTransport(nullptr);
+  CTLVPackage rsp;
+  EXPECT_EQ(SNMP_TRANSPORT_E_NOT_CONFIGURED, config->configure(req, rsp, false));
+  EXPECT_EQ(before + 2, config->transportFailures());
+  config->setTransport(previous);
+}
+
 TEST(ConfigurationTest, TransportCodesAreTheirOwnRange) {
   EXPECT_TRUE(IsSnmpTransportError(SNMP_TRANSPORT_E_TIMEOUT));
   EXPECT_FALSE(IsSnmpTransportError(0));

@@ -9,6 +9,8 @@
 #ifndef ZERVA_SNMPCOMMON_SNMP_CONFIGURATION_H_
 #define ZERVA_SNMPCOMMON_SNMP_CONFIGURATION_H_
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 
@@ -56,10 +58,17 @@ class CSNMP_Configuration {
   std::shared_ptr<ISnmpBackendTransport> setTransport(std::shared_ptr<ISnmpBackendTransport> transport);
   std::shared_ptr<ISnmpBackendTransport> transport() const;
 
+  // Calls that ended with a transport code so far. A handler may turn a
+  // failed call into an answer of its own (a failed switch query reads as
+  // "collection off"); a caller that compares the count before and after
+  // the handler learns that the back end failed meanwhile.
+  uint64_t transportFailures() const { return failures_.load(); }
+
  private:
   CSNMP_Configuration() {}
   mutable std::mutex mu_;
   std::shared_ptr<ISnmpBackendTransport> transport_;
+  std::atomic<uint64_t> failures_{0};
 };
 
 #endif  // ZERVA_SNMPCOMMON_SNMP_CONFIGURATION_H_

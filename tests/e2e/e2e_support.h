@@ -1,0 +1,140 @@
+// End-to-end tests of zerva-snmp-agent: the array simulator runs inside the
+// test process with its model clock frozen, the real agent program runs as
+// a child on a loopback UDP port with `zervaBackend unix:PATH`, and the
+// Debian SNMP clients ask it. Every value the agent serves is then known:
+// the simulator's ground truth, laid out as the MIB description says.
+#ifndef ZERVA_TESTS_E2E_E2E_SUPPORT_H_
+#define ZERVA_TESTS_E2E_E2E_SUPPORT_H_
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/agent/mib_description.h"
+#include "sim/array_sim.h"
+#include "sim/array_simulator.h"
+#include "tests/process/process_harness.h"
+
+namespace zerva_e2e {
+
+typedef std::vector<unsigned long> Oid;
+
+Oid ParseOid(const std::string& dotted);  // ".1.3.6" or "1.3.6"
+std::string OidText(const Oid& oid);      // ".1.3.6"
+bool Under(const Oid& oid, const Oid& prefix);
+
+// The model time every test freezes the simulator's clock at (an hour
+// after its start, so that every rate has complete sample periods).
+const uint64_t kFrozenMs = zerva_sim::ArraySimulator::kClockStartMs + 3600000ULL + 2500ULL;
+
+// A small array that still has every kind of object the tables filter or
+// order: controllers on three engines, ports of the four types in every
+// status (reported or not), bond members, LUN IDs with gaps listed over
+// several pages, file-system IDs of one, two and three digits (their text
+// index orders by length first).
+extern const char kSmallTopology[];
+
+// One value as both sides are compared: the SNMP type as snmpwalk names it
+// (INTEGER, Gauge32, Counter32, Counter64, Timeticks; OCTETS for strings)
+// and the value (decimal; strings as lower-case hex, two digits a byte).
+struct Value {
+  std::string type;
+  std::string value;
+  bool operator==(const Value& o) const { return type == o.type && value == o.value; }
+  bool operator!=(const Value& o) const { return !(*this == o); }
+};
+std::string ValueText(const Value& v);  // "Gauge32: 5"
+
+// What the agent must serve for one table: instance OID -> value.
+struct TableTruth {
+  const zerva_agent::MibObject* object = nullptr;  // from the MIB description
+  Oid prefix;
+  std::vector<Oid> rowIndexes;                      // in OID order
+  std::map<Oid, Value> instances;
+  // The first and last instance of a walk of the table (column by column).
+  Oid first() const;
+  Oid last() const;
+};
+
+// The MIB description the agent serves (mibs/VEM-PERFORMANCE.xml of the
+// source tree); fails the calling test when it does not load.
+const zerva_agent::MibDescription& Mib();
+// The table of the description with this name, or null.
+const zerva_agent::MibObject* MibTable(const std::string& name);
+// Every table of the description, in OID order.
+std::vector<const zerva_agent::MibObject*> MibTables();
+
+// The ground truth of one table at the simulator's current (frozen) time.
+// Tables whose feature the array lacks are not served: `served` false.
+// `error` is set when the simulator refuses an object it listed.
+TableTruth GroundTruth(const zerva_sim::ArraySimulator& sim, const zerva_agent::MibObject& table, bool* served,
+                       std::string* error);
+
+// One parsed line of snmpwalk/snmpbulkwalk/snmpget output (-On -Ox).
+struct WalkLine {
+  Oid oid;
+  Value value;
+};
+struct ParsedWalk {
+  std::vector<WalkLine> lines;      // instances, in output order
+  std::vector<std::string> others;  // lines that are no instance (errors, end of view, ...)
+};
+ParsedWalk ParseWalk(const std::string& output);
+// The instances of a walk under `prefix`, as a map; duplicates and
+// out-of-order OIDs are reported in *problems.
+std::map<Oid, Value> InstancesUnder(const ParsedWalk& walk, const Oid& prefix, std::vector<std::string>* problems);
+// "" when the two agree, else up to a few lines naming the differences.
+std::string Diff(const std::map<Oid, Value>& expected, const std::map<Oid, Value>& actual);
+
+// The simulator in this process and the agent program as a child.
+class SimAgent {
+ public:
+  struct Options {
+    long features = 7;                  // bit 0: 48 NFS, bit 1: 49 SMB, bit 2: 602 file systems
+    long luns = -1;                     // override of the topology's LUNs (IDs 0..n-1)
+    long fileSystems = -1;              // override of the topology's file systems (IDs 1..n)
+    std::string extraConfig;            // more agent configuration lines
+  };
+  SimAgent() = default;
+  ~SimAgent();
+  SimAgent(const SimAgent&) = delete;
+  SimAgent& operator=(const SimAgent&) = delete;
+
+  // Starts the simulator (kSmallTopology, clock frozen at kFrozenMs) and the
+  // agent; true once the agent answers a v2c GET of the switch.
+  bool start(const Options& options, std::string* error);
+
+  zerva_sim::ArraySimulator& array() { return sim_->array(); }
+  const zerva_test::Snmp& snmp() const { return *snmp_; }
+  const zerva_test::TempDir& dir() const { return dir_; }
+  std::string log() const;
+
+  // Runs an SNMP client program (-On -Ox -Ot, 2 s timeout, one retry).
+  std::string tool(const std::string& program, const std::string& auth, const std::string& args,
+                   int* rc = nullptr) const;
+  // snmpwalk (or another walker) of one subtree with the v2c read community.
+  ParsedWalk walk(const Oid& root, const std::string& program = "snmpwalk", const std::string& options = "",
+                  int* rc = nullptr, std::string* raw = nullptr) const;
+  // The ground truth of a table at this moment.
+  TableTruth truth(const zerva_agent::MibObject& table, bool* served = nullptr) const;
+  // Requests the simulator received with this record identifier.
+  uint64_t count(unsigned long long command) const;
+
+ private:
+  zerva_test::TempDir dir_;  // declared first: removed last
+  std::unique_ptr<zerva_sim::ArraySimServer> sim_;
+  std::unique_ptr<zerva_test::Process> agent_;
+  std::unique_ptr<zerva_test::Snmp> snmp_;
+};
+
+// The agent's credentials: communities and the SNMPv3 user of the tests.
+extern const char kReadCommunity[];   // "-v2c -c public"
+extern const char kWriteCommunity[];  // "-v2c -c private"
+extern const char kV3UserConfig[];    // createUser/rwuser lines
+extern const char kV3Auth[];          // the matching client options
+
+}  // namespace zerva_e2e
+
+#endif  // ZERVA_TESTS_E2E_E2E_SUPPORT_H_

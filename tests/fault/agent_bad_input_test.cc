@@ -1,0 +1,270 @@
+// The agent against bad SNMP input on its UDP port: random datagrams and
+// truncated or bit-flipped copies of a valid GET must not stop it from
+// answering; wrong communities get no answer at all; SNMPv3 requests with
+// an unknown user or wrong keys get the USM report (a refusal the manager
+// can tell from a lost packet), never data.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/fault/fault_harness.h"
+
+namespace zerva_fault {
+namespace {
+
+const int kGauge32 = 0x42;
+
+// ---------------------------------------------------------------- BER
+
+std::string Tlv(unsigned char tag, const std::string& body) {
+  std::string out(1, static_cast<char>(tag));
+  const size_t n = body.size();
+  if (n < 0x80) {
+    out += static_cast<char>(n);
+  } else if (n < 0x100) {
+    out += '\x81';
+    out += static_cast<char>(n);
+  } else {
+    out += '\x82';
+    out += static_cast<char>(n >> 8);
+    out += static_cast<char>(n & 0xFF);
+  }
+  return out + body;
+}
+
+std::string Integer(long v) {
+  std::string bytes;
+  for (int i = 7; i >= 0; --i) bytes += static_cast<char>((static_cast<unsigned long>(v) >> (8 * i)) & 0xFF);
+  // Shortest two's complement form.
+  while (bytes.size() > 1 && ((bytes[0] == 0 && (bytes[1] & 0x80) == 0) ||
+                              (bytes[0] == '\xFF' && (bytes[1] & 0x80) != 0))) {
+    bytes.erase(0, 1);
+  }
+  return Tlv(0x02, bytes);
+}
+
+std::string ObjectId(const Oid& oid) {
+  std::string body(1, static_cast<char>(oid[0] * 40 + oid[1]));
+  for (size_t i = 2; i < oid.size(); ++i) {
+    std::string part(1, static_cast<char>(oid[i] & 0x7F));
+    for (unsigned long v = oid[i] >> 7; v != 0; v >>= 7) part.insert(0, 1, static_cast<char>(0x80 | (v & 0x7F)));
+    body += part;
+  }
+  return Tlv(0x06, body);
+}
+
+// An SNMPv2c GetRequest message for one OID.
+std::string GetMessage(const std::string& community, long requestId, const Oid& oid) {
+  const std::string varbind = Tlv(0x30, ObjectId(oid) + std::string("\x05\x00", 2));
+  const std::string pdu = Tlv(0xA0, Integer(requestId) + Integer(0) + Integer(0) + Tlv(0x30, varbind));
+  return Tlv(0x30, Integer(1) + Tlv(0x04, community) + pdu);
+}
+
+// A UDP socket connected to the agent.
+class Datagrams {
+ public:
+  explicit Datagrams(int port) : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0)) {
+    sockaddr_in a = {};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    connect(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a);
+  }
+  ~Datagrams() { close(fd_); }
+  bool ok() const { return fd_ >= 0; }
+  void send(const std::string& bytes) { ::send(fd_, bytes.data(), bytes.size(), 0); }
+  // Reads every datagram waiting; how many there were.
+  size_t drain() {
+    size_t n = 0;
+    char buf[65536];
+    while (recv(fd_, buf, sizeof buf, 0) >= 0) ++n;
+    return n;
+  }
+  // The next datagram within `ms`, or "".
+  std::string receive(int ms) {
+    struct pollfd p = {fd_, POLLIN, 0};
+    if (poll(&p, 1, ms) <= 0) return "";
+    char buf[65536];
+    const ssize_t n = recv(fd_, buf, sizeof buf, 0);
+    return n > 0 ? std::string(buf, static_cast<size_t>(n)) : "";
+  }
+
+ private:
+  int fd_;
+};
+
+class AgentBadInputTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string error;
+    ASSERT_TRUE(rig_.start("createUser zerva SHA zerva-auth-pass AES zerva-priv-pass\nrwuser zerva priv\n", &error))
+        << error;
+  }
+
+  // True when a GET of the switch with `public` is answered with its value within 1 s.
+  bool AnswersValidGet() {
+    SnmpClient client(rig_.port(), "public");
+    const Answer a = client.get(SwitchOid());
+    return a.status == Answer::kAnswered && a.errorStatus == 0 && a.varbinds.size() == 1 &&
+           a.varbinds[0].type == kGauge32 && a.varbinds[0].number == 1;
+  }
+
+  SimAgent rig_;
+};
+
+TEST_F(AgentBadInputTest, RandomAndMangledDatagramsLeaveTheAgentServing) {
+  Datagrams udp(rig_.port());
+  ASSERT_TRUE(udp.ok());
+  const std::string valid = GetMessage("public", 4711, SwitchOid());
+  // The reference datagram is answered as it is.
+  udp.send(valid);
+  const std::string reply = udp.receive(1000);
+  ASSERT_FALSE(reply.empty()) << "no answer to the valid GET datagram";
+  ASSERT_EQ('\x30', reply[0]);
+
+  std::mt19937 rng(20240611);
+  auto byte = [&] { return static_cast<char>(rng() & 0xFF); };
+  const auto deadline = Clock::now() + std::chrono::seconds(3);
+  size_t sent = 0, answered = 0, checks = 0, failedChecks = 0;
+  while (sent < 4000 && Clock::now() < deadline) {
+    std::string d;
+    switch (sent % 5) {
+      case 0: {  // random bytes
+        d.resize(rng() % 600);
+        for (char& c : d) c = byte();
+        break;
+      }
+      case 1:  // a truncated GET
+        d = valid.substr(0, rng() % valid.size());
+        break;
+      case 2: {  // a GET with one to three flipped bits
+        d = valid;
+        for (unsigned n = 1 + rng() % 3; n > 0; --n) d[rng() % d.size()] ^= static_cast<char>(1u << (rng() % 8));
+        break;
+      }
+      case 3: {  // a GET with a random byte, often a length or a tag
+        d = valid;
+        d[rng() % d.size()] = byte();
+        break;
+      }
+      default: {  // a SEQUENCE announcing far more than follows
+        d = std::string("\x30\x84\xFF\xFF\xFF\xF0", 6) + valid.substr(2);
+        d[rng() % d.size()] = byte();
+        break;
+      }
+    }
+    udp.send(d);
+    ++sent;
+    if (sent % 100 == 0) {
+      answered += udp.drain();
+      ++checks;
+      if (!AnswersValidGet()) ++failedChecks;
+    }
+  }
+  answered += udp.drain();
+  printf("%zu bad datagrams sent, %zu answers to them, %zu valid GETs between them\n", sent, answered, checks);
+  EXPECT_GE(sent, 1000u);
+  EXPECT_EQ(0u, failedChecks) << "valid GETs not answered in 1 s while bad datagrams arrived, of " << checks;
+  EXPECT_TRUE(rig_.agent().running()) << rig_.log();
+  EXPECT_TRUE(AnswersValidGet());
+  udp.send(valid);
+  EXPECT_FALSE(udp.receive(1000).empty());
+  EXPECT_EQ(0, rig_.stopAgent()) << rig_.log();
+}
+
+TEST_F(AgentBadInputTest, WrongCommunitiesGetNoAnswer) {
+  // Each request waits out its 1 s: they run side by side.
+  struct Probe {
+    std::string community;
+    long version;
+    bool set;
+    Answer answer;
+  };
+  std::vector<Probe> probes;
+  for (const char* community : {"wrong", "PUBLIC", "public ", ""}) {
+    for (long version : {0L /* v1 */, 1L /* v2c */}) probes.push_back({community, version, false, Answer()});
+  }
+  probes.push_back({"secret", 1L, true, Answer()});  // a SET with an unknown community
+  std::vector<std::thread> threads;
+  for (Probe& p : probes) {
+    threads.emplace_back([&p, this] {
+      SnmpClient client(rig_.port(), p.community, p.version);
+      p.answer = p.set ? client.setUnsigned(SwitchOid(), 0) : client.get(SwitchOid());
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  for (const Probe& p : probes) {
+    EXPECT_EQ(Answer::kTimeout, p.answer.status)
+        << "community '" << p.community << "', version " << p.version << (p.set ? ", SET" : ", GET");
+  }
+  EXPECT_TRUE(AnswersValidGet());  // the SET changed nothing either
+}
+
+TEST_F(AgentBadInputTest, GetBulkWithHugeMaxRepetitionsIsAnsweredInTime) {
+  AnswerChecker checker;
+  ASSERT_TRUE(checker.loaded()) << checker.error();
+  SnmpClient client(rig_.port(), "public");
+  for (int repetitions : {2147483647, 100000, 5000}) {
+    for (const Oid& root : {Subtree(), ParseOid(".1.3.6.1.4.1.32473.4.1.21.4")}) {
+      const Answer a = client.getBulk(root, repetitions);
+      ASSERT_EQ(Answer::kAnswered, a.status) << repetitions << " repetitions from " << OidText(root);
+      EXPECT_EQ("", checker.checkWalkAnswer(a, root, repetitions));
+      EXPECT_EQ(0, a.errorStatus);
+      EXPECT_GT(a.varbinds.size(), 1u);
+      printf("max-repetitions %d from %s: %zu varbinds in %.0f ms\n", repetitions, OidText(root).c_str(),
+             a.varbinds.size(), a.ms);
+    }
+  }
+  EXPECT_TRUE(rig_.agent().running()) << rig_.log();
+}
+
+TEST_F(AgentBadInputTest, V3WithUnknownUserOrWrongKeysGetsAReportNotData) {
+  const zerva_test::Snmp snmp(rig_.dir().path(), rig_.port());
+  const std::string bounded = "-t 1 -r 0 ";
+  const std::string good = "-v3 -l authPriv -u zerva -a SHA -A zerva-auth-pass -x AES -X zerva-priv-pass";
+  int rc = 0;
+  std::string out = snmp.tool("snmpget", bounded + good, zerva_test::kSwitch, &rc);
+  ASSERT_EQ(0, rc) << out;
+  ASSERT_NE(std::string::npos, out.find("Gauge32: 1")) << out;
+
+  // Each refusal is the agent's report (usmStatsUnknownUserNames,
+  // usmStatsWrongDigests, usmStatsDecryptionErrors), not a timeout.
+  struct Case {
+    const char* auth;
+    const char* report;
+  };
+  const Case cases[] = {
+      {"-v3 -l authPriv -u nobody -a SHA -A zerva-auth-pass -x AES -X zerva-priv-pass", "Unknown user name"},
+      {"-v3 -l authPriv -u zerva -a SHA -A wrong-auth-pass -x AES -X zerva-priv-pass", "Authentication failure"},
+      {"-v3 -l authNoPriv -u zerva -a SHA -A wrong-auth-pass", "Authentication failure"},
+  };
+  for (const Case& c : cases) {
+    out = snmp.tool("snmpget", bounded + c.auth, zerva_test::kSwitch, &rc);
+    EXPECT_NE(0, rc) << c.auth << ": " << out;
+    EXPECT_NE(std::string::npos, out.find(c.report)) << c.auth << ": " << out;
+    EXPECT_EQ(std::string::npos, out.find("Timeout")) << c.auth << ": " << out;
+    EXPECT_EQ(std::string::npos, out.find("Gauge32")) << c.auth << ": " << out;
+  }
+  // A wrong privacy key cannot be detected as such (AES decrypts anything):
+  // the garbled PDU is dropped as unparsable. Never data.
+  out = snmp.tool("snmpget", bounded + "-v3 -l authPriv -u zerva -a SHA -A zerva-auth-pass -x AES -X wrong-priv-pass",
+                  zerva_test::kSwitch, &rc);
+  EXPECT_NE(0, rc) << out;
+  EXPECT_EQ(std::string::npos, out.find("Gauge32")) << out;
+
+  EXPECT_TRUE(AnswersValidGet());
+  EXPECT_TRUE(rig_.agent().running()) << rig_.log();
+}
+
+}  // namespace
+}  // namespace zerva_fault

@@ -188,8 +188,8 @@ int Handle(netsnmp_mib_handler* handler, netsnmp_handler_registration* reg, nets
 int main(int argc, char** argv) {
   std::string mibPath;
   std::string listen = "udp:127.0.0.1:1162";
-  std::map<std::string, long> counts = {{"lun", 16384}, {"port", 256}, {"filesystem", 2048},
-                                        {"file", 2048}, {"controller", 8}};
+  // Keys are matched against the lower-case table name (vemPerfFsTable: "fstable").
+  std::map<std::string, long> counts = {{"lun", 16384}, {"port", 256}, {"fstable", 2048}, {"controller", 8}};
   for (int i = 1; i + 1 < argc; i += 2) {
     std::string flag = argv[i];
     const char* value = argv[i + 1];
@@ -198,7 +198,7 @@ int main(int argc, char** argv) {
     else if (flag == "--luns") counts["lun"] = atol(value);
     else if (flag == "--ports") counts["port"] = atol(value);
     else if (flag == "--controllers") counts["controller"] = atol(value);
-    else if (flag == "--filesystems") counts["filesystem"] = counts["file"] = atol(value);
+    else if (flag == "--filesystems") counts["fstable"] = atol(value);
     else {
       fprintf(stderr, "baseline_agent: unknown flag %s\n", flag.c_str());
       return 2;

@@ -172,13 +172,15 @@ void ArraySimulator::runClock() {
   baseAt_ = std::chrono::steady_clock::now();
 }
 
+std::vector<std::pair<std::string, unsigned long long>> CommandNames(const CommandCodes& codes) {
+  return {{"GET_PERFORMANCE_SWITCH", codes.getSwitch}, {"SET_PERFORMANCE_SWITCH", codes.setSwitch},
+          {"GET_CUR_STATISTIC_DATA", codes.getStats},  {"GET_SNMP_FEATURES", codes.getFeatures},
+          {"LISTING", kListingCmd},                    {"SORTED_LISTING", kSortedListingCmd},
+          {"LUN_BATCH_STATS", kLunBatchStatsCmd},      {"SIM_CONTROL", kSimControlCmd}};
+}
+
 bool ArraySimulator::commandByName(const std::string& name, unsigned long long* id) const {
-  const std::pair<const char*, unsigned long long> names[] = {
-      {"GET_PERFORMANCE_SWITCH", codes_.getSwitch}, {"SET_PERFORMANCE_SWITCH", codes_.setSwitch},
-      {"GET_CUR_STATISTIC_DATA", codes_.getStats},  {"GET_SNMP_FEATURES", codes_.getFeatures},
-      {"LISTING", kListingCmd},                     {"SORTED_LISTING", kSortedListingCmd},
-      {"LUN_BATCH_STATS", kLunBatchStatsCmd},       {"SIM_CONTROL", kSimControlCmd}};
-  for (const auto& n : names) {
+  for (const auto& n : CommandNames(codes_)) {
     if (name == n.first) {
       *id = n.second;
       return true;

@@ -11,6 +11,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "sim/fault.h"
@@ -58,6 +59,12 @@ struct CommandCodes {
 // An item that is missing keeps the shipped default; a non-numeric one is an
 // error.
 bool LoadCommandCodes(const std::string& path, CommandCodes* codes, std::string* error);
+
+// The command names the simulator knows (GET_PERFORMANCE_SWITCH,
+// SET_PERFORMANCE_SWITCH, GET_CUR_STATISTIC_DATA, GET_SNMP_FEATURES, LISTING,
+// SORTED_LISTING, LUN_BATCH_STATS, SIM_CONTROL) with their record identifiers
+// under these codes.
+std::vector<std::pair<std::string, unsigned long long>> CommandNames(const CommandCodes& codes);
 
 // What the connection does with one request.
 struct Reply {

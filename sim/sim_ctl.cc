@@ -1,0 +1,235 @@
+// zerva-sim-ctl: a command-line client of the simulator's control command
+// (record 0x53494D0000000001) over the host's socket transport.
+//
+//   zerva-sim-ctl [--timeout MS] [--device-config FILE] ADDRESS ACTION [ARG]
+//
+// ADDRESS is unix:PATH or tcp:HOST:PORT (as zerva-array-sim's --listen).
+// The answer is printed as plain text:
+//   counts          "0xID NAME COUNT" per command, by identifier
+//   clock           the model time in milliseconds
+//   list-faults     one SPEC per active fault
+//   fault SPEC, clear-faults, freeze-clock MS, run-clock
+//                   one line saying what was done
+// Exit status: 0 done; 1 no answer, an unexpected answer or a refusal;
+// 2 bad command line. Errors are one "zerva-sim-ctl: ..." line on stderr.
+#include <cerrno>
+#include <chrono>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "sim/array_simulator.h"
+#include "sim/fault.h"
+#include "snmpcommon/snmp_backend_frame.h"
+#include "snmpcommon/snmp_configuration.h"
+#include "snmpcommon/snmp_socket_transport.h"
+#include "tlv/vem_message_package.h"
+#include "vempub/vem_debug_kit.h"
+
+namespace {
+
+using zerva_sim::CommandCodes;
+
+const char kProgram[] = "zerva-sim-ctl";
+const unsigned long kDefaultTimeoutMs = 2000;
+
+enum Exit { kOk = 0, kFailed = 1, kBadUsage = 2 };
+
+std::string Usage() {
+  return std::string("usage: ") + kProgram +
+         " [--timeout MS] [--device-config FILE] ADDRESS ACTION [ARG]\n"
+         "  ADDRESS                unix:PATH or tcp:HOST:PORT of a zerva-array-sim\n"
+         "  ACTION                 counts        requests received, \"0xID NAME COUNT\" per command\n"
+         "                         clock         the model time (ms)\n"
+         "                         list-faults   the active faults, one SPEC a line\n"
+         "                         clear-faults  remove every fault\n"
+         "                         fault SPEC    add a fault: KIND[=ARG][,cmd=CMD][,rate=P][,count=N]\n"
+         "                         freeze-clock MS  stop the model clock at MS\n"
+         "                         run-clock     let the model clock run again\n"
+         "  --timeout MS           connect and answer timeout (default 2000)\n"
+         "  --device-config FILE   device configuration naming the command codes (for counts)\n";
+}
+
+int Fail(int status, const std::string& text) {
+  fprintf(stderr, "%s: %s\n", kProgram, text.c_str());
+  return status;
+}
+
+int BadUsage(const std::string& text) {
+  fprintf(stderr, "%s: %s\n%s", kProgram, text.c_str(), Usage().c_str());
+  return kBadUsage;
+}
+
+// A plain decimal number (no sign, no spaces) up to max.
+bool ParseDecimal(const std::string& text, unsigned long long max, unsigned long long* out) {
+  if (text.empty() || text.size() > 20) return false;
+  for (char c : text) {
+    if (c < '0' || c > '9') return false;
+  }
+  errno = 0;
+  const unsigned long long v = strtoull(text.c_str(), nullptr, 10);
+  if (errno != 0 || v > max) return false;
+  *out = v;
+  return true;
+}
+
+// A numeric cell's value: up to 8 bytes, little-endian.
+bool CellNumber(const CTLVRecordV3& record, unsigned short tag, unsigned long long* out) {
+  if (!record.hasTag(tag)) return false;
+  const CTLVCell* cell = record[tag];
+  if (cell->type() < CTLVCell::TLV_TYPE_UINT || cell->length() > 8) return false;
+  unsigned long long v = 0;
+  for (unsigned i = 0; i < cell->length(); ++i) v |= static_cast<unsigned long long>(cell->value()[i]) << (8 * i);
+  *out = v;
+  return true;
+}
+
+std::string Hex(unsigned long long v) {
+  char buf[32];
+  snprintf(buf, sizeof buf, "0x%llX", v);
+  return buf;
+}
+
+// Why the simulator refused, by its result code.
+std::string RefusalText(uint32_t code) {
+  switch (code) {
+    case zerva_sim::kSimErrUnknownCommand:
+      return "unknown command (is this a zerva-array-sim?)";
+    case zerva_sim::kSimErrMalformed:
+      return "malformed request";
+    default:
+      return "refused";
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // The transport's own log lines would repeat what the one error line says.
+  CVEMDebugKitMgrSingleton::instance()->setLevel(VEM_LOG_OFF);
+
+  unsigned long long timeoutMs = kDefaultTimeoutMs;
+  std::string deviceConfig;
+  std::vector<std::string> args;
+  for (int i = 1; i < argc; ++i) {
+    const std::string a = argv[i];
+    if (a == "-h" || a == "--help") {
+      fputs(Usage().c_str(), stdout);
+      return kOk;
+    }
+    if (a == "--timeout" || a == "--device-config") {
+      if (i + 1 >= argc) return BadUsage(a + " needs a value");
+      const std::string value = argv[++i];
+      if (a == "--device-config") {
+        deviceConfig = value;
+      } else if (!ParseDecimal(value, 3600000, &timeoutMs) || timeoutMs == 0) {
+        return BadUsage("--timeout: a number of milliseconds, 1 to 3600000");
+      }
+      continue;
+    }
+    if (a.size() > 1 && a[0] == '-') return BadUsage("unknown option '" + a + "'");
+    args.push_back(a);
+  }
+  if (args.size() < 2) return BadUsage("an address and an action are needed");
+
+  const std::string& addressText = args[0];
+  const std::string& action = args[1];
+  const bool needsArg = action == "fault" || action == "freeze-clock";
+  const bool known = needsArg || action == "counts" || action == "clock" || action == "list-faults" ||
+                     action == "clear-faults" || action == "run-clock";
+  if (!known) return BadUsage("unknown action '" + action + "'");
+  if (args.size() != (needsArg ? 3u : 2u)) {
+    return BadUsage(needsArg ? action + " needs one argument" : action + " takes no argument");
+  }
+
+  CSnmpSocketTransportOptions options;
+  std::string error;
+  if (!CSnmpBackendAddress::parse(addressText, options.address, &error)) {
+    return BadUsage("bad address '" + addressText + "': " + error);
+  }
+  CommandCodes codes;
+  if (!zerva_sim::LoadCommandCodes(deviceConfig, &codes, &error)) return Fail(kBadUsage, error);
+  const auto names = zerva_sim::CommandNames(codes);
+
+  // The control request: tag 0 the action, tag 1 its argument.
+  std::unique_ptr<CTLVRecordV3> record(new CTLVRecordV3(zerva_sim::kSimControlCmd, CTLVRecordV3::DEFAULT_BUCKETS));
+  record->append(tlv::NewStringCell(0, action));
+  unsigned long long frozenMs = 0;
+  if (action == "fault") {
+    // Checked here first, for a precise message; the simulator checks again.
+    zerva_sim::FaultSpec spec;
+    const zerva_sim::CommandResolver resolve = [&names](const std::string& name, unsigned long long* id) {
+      for (const auto& n : names) {
+        if (n.first != name) continue;
+        *id = n.second;
+        return true;
+      }
+      return false;
+    };
+    if (!zerva_sim::ParseFault(args[2], resolve, &spec, &error)) return BadUsage("fault '" + args[2] + "': " + error);
+    record->append(tlv::NewStringCell(1, args[2]));
+  } else if (action == "freeze-clock") {
+    if (!ParseDecimal(args[2], (1ULL << 50) - 1, &frozenMs)) {
+      return BadUsage("freeze-clock: a model time in milliseconds below 2^50");
+    }
+    record->append(tlv::NewUintCell(1, CTLVCell::TLV_TYPE_UINT64, frozenMs, 8));
+  }
+  CTLVPackage req;
+  req.push_back(record.release());
+
+  options.connectTimeout = std::chrono::milliseconds(timeoutMs);
+  options.callTimeout = std::chrono::milliseconds(timeoutMs);
+  options.listingTimeout = std::chrono::milliseconds(timeoutMs);
+  CSnmpSocketTransport transport(options);
+  CTLVPackage rsp;
+  const int rc = transport.exchange(req, rsp, false);
+  if (IsSnmpTransportError(rc)) {
+    return Fail(kFailed, addressText + ": " + SnmpTransportErrorText(rc) + " (" + Hex(static_cast<uint32_t>(rc)) + ")");
+  }
+  if (rc != 0) {
+    return Fail(kFailed, addressText + ": " + action + ": " + RefusalText(static_cast<uint32_t>(rc)) + " (" +
+                             Hex(static_cast<uint32_t>(rc)) + ")");
+  }
+
+  std::string out;
+  if (action == "counts") {
+    for (const CTLVRecordV3* r : rsp.records()) {
+      unsigned long long id = 0;
+      unsigned long long count = 0;
+      if (!CellNumber(*r, 0, &id) || !CellNumber(*r, 1, &count)) {
+        return Fail(kFailed, addressText + ": counts: a record without identifier or count in the answer");
+      }
+      std::string name = "UNKNOWN";
+      for (const auto& n : names) {
+        if (n.second == id) name = n.first;
+      }
+      out += Hex(id) + " " + name + " " + std::to_string(count) + "\n";
+    }
+  } else if (action == "clock") {
+    unsigned long long ms = 0;
+    if (rsp.size() != 1 || !CellNumber(*rsp[0], 0, &ms)) {
+      return Fail(kFailed, addressText + ": clock: the answer holds no model time");
+    }
+    out = std::to_string(ms) + "\n";
+  } else if (action == "list-faults") {
+    for (const CTLVRecordV3* r : rsp.records()) {
+      if (!r->hasTag(1) || (*r)[1]->type() != CTLVCell::TLV_TYPE_STRING) {
+        return Fail(kFailed, addressText + ": list-faults: a record without a fault text in the answer");
+      }
+      out += (*r)[1]->toString() + "\n";
+    }
+  } else if (action == "fault") {
+    out = "fault added: " + args[2] + "\n";
+  } else if (action == "clear-faults") {
+    out = "faults cleared\n";
+  } else if (action == "freeze-clock") {
+    out = "clock frozen at " + std::to_string(frozenMs) + "\n";
+  } else {
+    out = "clock running\n";
+  }
+  fputs(out.c_str(), stdout);
+  return kOk;
+}

@@ -65,7 +65,8 @@ export UBSAN_OPTIONS="${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}"
 status=0
 for target in "${TARGETS[@]}"; do
   name="$(basename "$target")"
-  # tlv_decode_fuzz -> fuzz/corpus/decode
+  # tlv_decode_fuzz -> fuzz/corpus/decode, mib_description_fuzz ->
+  # fuzz/corpus/mib_description, agent_config_fuzz -> fuzz/corpus/agent_config
   short="${name%_fuzz}"
   short="${short#tlv_}"
   corpus="$WORK/corpus-$name"
@@ -83,7 +84,9 @@ for target in "${TARGETS[@]}"; do
     -print_final_stats=1 -artifact_prefix="$artifacts/" ${EXTRA_FLAGS[@]+"${EXTRA_FLAGS[@]}"} \
     "$corpus" >"$log" 2>&1 || rc=$?
 
-  runs="$(grep -Eo 'Done [0-9]+ runs' "$log" | tail -n 1 || true)"
+  runs="$(grep -aEo 'Done [0-9]+ runs' "$log" | tail -n 1 || true)"
+  # libFuzzer's last status line: edges and features covered.
+  cov="$(grep -aE '^#[0-9]+[[:space:]]+DONE' "$log" | tail -n 1 | grep -aEo 'cov: [0-9]+ ft: [0-9]+' || true)"
   if [ "$rc" -ne 0 ]; then
     echo "!! $name failed (exit $rc); last lines of its output:"
     tail -n 60 "$log"
@@ -91,8 +94,8 @@ for target in "${TARGETS[@]}"; do
     status=1
   else
     echo "   $name: ${runs:-no run count reported} in ${SECONDS_PER_TARGET}s," \
-         "corpus now $(find "$corpus" -type f | wc -l) inputs"
-    grep -E '^stat::(number_of_executed_units|average_exec_per_sec|peak_rss_mb)' "$log" | sed 's/^/   /' || true
+         "${cov:+$cov, }corpus now $(find "$corpus" -type f | wc -l) inputs"
+    grep -aE '^stat::(number_of_executed_units|average_exec_per_sec|peak_rss_mb)' "$log" | sed 's/^/   /' || true
   fi
 done
 

@@ -106,10 +106,16 @@ uint64_t WorkloadModel::opsUpTo(const Params& p, int stream, uint64_t k) {
   // The integral of base * (1 + a1 sin(2 pi t / P1 + f1) + a2 sin(2 pi t / P2 + f2))
   // from 0 to T. With a1 + a2 < 1 the rate is positive, so the integral and
   // its floor never decrease.
+  // The sum is kept in long double (it grows with t); the waves' angles
+  // are taken from t modulo their periods (fmodl is exact), so they stay
+  // below 4 pi and the double cosine is exact enough and fast (long double
+  // cosl spends most of its time reducing its argument).
   const long double t = static_cast<long double>(k) * kPeriodSeconds;
   const long double w1 = 2 * kPi / p.period1, w2 = 2 * kPi / p.period2;
-  const long double wave1 = p.amp1 / w1 * (cosl(p.phase1[stream]) - cosl(w1 * t + p.phase1[stream]));
-  const long double wave2 = p.amp2 / w2 * (cosl(p.phase2[stream]) - cosl(w2 * t + p.phase2[stream]));
+  const double a1 = static_cast<double>(w1 * fmodl(t, p.period1));
+  const double a2 = static_cast<double>(w2 * fmodl(t, p.period2));
+  const long double wave1 = p.amp1 / w1 * (std::cos(p.phase1[stream]) - std::cos(a1 + p.phase1[stream]));
+  const long double wave2 = p.amp2 / w2 * (std::cos(p.phase2[stream]) - std::cos(a2 + p.phase2[stream]));
   const long double total = p.base[stream] * (t + wave1 + wave2);
   return total <= 0 ? 0 : static_cast<uint64_t>(floorl(total));
 }

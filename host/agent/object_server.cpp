@@ -199,6 +199,31 @@ void TableServer::expire() {
   }
 }
 
+void TableServer::Row::set(size_t i, const SnmpValue& value) {
+  Cell& cell = cells_[i];
+  if (cell.present) return;
+  cell.present = true;
+  cell.type = value.type;
+  cell.number = value.number;
+  if (!value.bytes.empty()) {
+    texts_.push_back(value.bytes);
+    cell.text = static_cast<uint32_t>(texts_.size());
+  }
+}
+
+bool TableServer::Row::get(size_t i, SnmpValue* value) const {
+  if (i >= cells_.size() || !cells_[i].present) return false;
+  const Cell& cell = cells_[i];
+  value->type = cell.type;
+  value->number = cell.number;
+  if (cell.text != 0) {
+    value->bytes = texts_[cell.text - 1];
+  } else {
+    value->bytes.clear();
+  }
+  return true;
+}
+
 void TableServer::noteDegradedRead() {
   if (!lastReadDegraded_ || !kept_) return;
   degraded_ = true;
@@ -231,7 +256,7 @@ bool TableServer::query(const CVEM_SnmpContext& ctx, std::vector<std::pair<Agent
       warnOnce("a row is left out: " + bad);
       continue;
     }
-    Row row;
+    Row row(object_.columns.size());
     for (const CTLVCell* cell : record->cells()) {
       const MibColumn* col = column(cell->tag());
       if (col == nullptr) {
@@ -243,7 +268,7 @@ bool TableServer::query(const CVEM_SnmpContext& ctx, std::vector<std::pair<Agent
         warnOnce("column " + col->name + " is left out of rows where " + bad);
         continue;
       }
-      row.emplace(col->number, value);  // a repeated tag keeps its first cell
+      row.set(static_cast<size_t>(col - object_.columns.data()), value);
     }
     rows->emplace_back(index, std::move(row));
   }
@@ -397,12 +422,12 @@ Lookup TableServer::get(const Agentpp::Oidx& oid) {
   if (ensureRow(index, &why) != kFetched) return Error(why);
   auto row = rows_.find(index);
   if (row == rows_.end()) return WithStatus(Lookup::kNoSuchInstance);
-  auto cell = row->second.find(col->number);
-  if (cell == row->second.end()) return WithStatus(Lookup::kNoSuchInstance);
   Lookup out;
+  if (!row->second.get(static_cast<size_t>(col - object_.columns.data()), &out.value)) {
+    return WithStatus(Lookup::kNoSuchInstance);
+  }
   out.status = Lookup::kFound;
   out.name = oid;
-  out.value = cell->second;
   return out;
 }
 
@@ -434,14 +459,12 @@ Lookup TableServer::getNext(const Agentpp::Oidx& oid, unsigned int rowsHint) {
       std::string why;
       if (nextRow(fromStart, after, rowsHint, &row, &why) != kFetched) return Error(why);
       if (row == nullptr) break;
-      auto cell = row->second.find(col.number);
-      if (cell != row->second.end()) {
-        Lookup out;
+      Lookup out;
+      if (row->second.get(i, &out.value)) {
         out.status = Lookup::kFound;
         out.name = entry;
         out.name += col.number;
         out.name += row->first;
-        out.value = cell->second;
         return out;
       }
       fromStart = false;

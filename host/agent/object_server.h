@@ -158,7 +158,28 @@ class TableServer : public ObjectServer {
   bool batchMode() const { return batch_; }
 
  private:
-  typedef std::map<unsigned int, SnmpValue> Row;  // column number -> value
+  // One row's values by column position (in object().columns). A walk of a
+  // large batch table keeps every row of the snapshot, so a cell is kept in
+  // 16 bytes: its number and type, text (rare) aside.
+  class Row {
+   public:
+    explicit Row(size_t columns = 0) : cells_(columns) {}
+    // Sets the value at position i unless it is set already (a repeated tag
+    // keeps its first cell). REQUIRES: i < columns.
+    void set(size_t i, const SnmpValue& value);
+    // The value at position i; false when the row has none.
+    bool get(size_t i, SnmpValue* value) const;
+
+   private:
+    struct Cell {
+      uint64_t number = 0;
+      uint32_t text = 0;  // 1 + position in texts_, 0: no bytes
+      SnmpType type = kAsnInteger;
+      bool present = false;
+    };
+    std::vector<Cell> cells_;
+    std::vector<std::string> texts_;
+  };
   typedef std::map<Agentpp::Oidx, Row> Rows;
 
   // A range of row indexes the kept rows cover completely: (lo, hi].

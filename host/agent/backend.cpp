@@ -4,61 +4,16 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <mutex>
 
 #include "snmpcommon/snmp_backend_capability.h"
 #include "snmpcommon/snmp_configuration.h"
 #include "snmpcommon/snmp_socket_transport.h"
-#include "vempub/vem_debug_kit.h"
 #include "vempub/vem_xml_config.h"
 #include "sim/array_sim.h"
 
 namespace zerva_agent {
 
 std::string DefaultDeviceConfig() { return ZERVA_AGENT_DEFAULT_DEVICE_CONFIG; }
-
-namespace {
-
-// The socket transport, held off after a timeout: once a call has waited
-// out its whole timeout, the back end is taken as hung and every call fails
-// at once with the timeout code for the hold-off time (the transport's retry
-// interval), as calls do after a failed connect. One SNMP request may need
-// many back-end calls (the switch query of each table it passes, listings,
-// statistics); without the hold-off a hung back end would cost each of them
-// a full timeout, and a GETBULK would be answered long after the manager
-// gave up on it.
-class HeldOffTransport : public ISnmpBackendTransport {
- public:
-  HeldOffTransport(std::shared_ptr<ISnmpBackendTransport> inner, std::chrono::milliseconds holdOff)
-      : inner_(std::move(inner)), holdOff_(holdOff) {}
-
-  int exchange(CTLVPackageV3<TLVMsgHeadV3>& req, CTLVPackageV3<TLVMsgHeadV3>& rsp, bool listing) override {
-    {
-      std::lock_guard<std::mutex> lock(mu_);
-      if (held_ && std::chrono::steady_clock::now() < until_) return SNMP_TRANSPORT_E_TIMEOUT;
-      held_ = false;
-    }
-    const int rc = inner_->exchange(req, rsp, listing);
-    if (rc == SNMP_TRANSPORT_E_TIMEOUT) {
-      std::lock_guard<std::mutex> lock(mu_);
-      held_ = true;
-      until_ = std::chrono::steady_clock::now() + holdOff_;
-      VEMLog(VEM_KIT_HOST, VEM_LOG_WARN, "exchange", __LINE__,
-             "the back end timed out: calls fail at once for the next %lld ms",
-             static_cast<long long>(holdOff_.count()));
-    }
-    return rc;
-  }
-
- private:
-  const std::shared_ptr<ISnmpBackendTransport> inner_;
-  const std::chrono::milliseconds holdOff_;
-  std::mutex mu_;
-  bool held_ = false;
-  std::chrono::steady_clock::time_point until_;
-};
-
-}  // namespace
 
 Backend::Backend() {}
 
@@ -113,8 +68,7 @@ bool Backend::start(const AgentOptions& options, std::string* error) {
     transport.listingTimeout = std::chrono::milliseconds(2ULL * options.backendTimeoutMs);
     transport.connectTimeout = std::chrono::milliseconds(options.backendTimeoutMs);
   }
-  CSNMP_Configuration::instance()->setTransport(std::make_shared<HeldOffTransport>(
-      std::make_shared<CSnmpSocketTransport>(transport), transport.retryInterval));
+  CSNMP_Configuration::instance()->setTransport(std::make_shared<CSnmpSocketTransport>(transport));
   SetSnmpCapabilitySource(std::make_shared<CBackendCapabilitySource>());
   installed_ = true;
   return true;

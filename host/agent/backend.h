@@ -3,9 +3,10 @@
 // "embedded" starts the array simulator in this process, on a Unix socket in
 // a private temporary directory; "unix:PATH" and "tcp:HOST:PORT" name a real
 // back end. Either way a CSnmpSocketTransport is installed as the transport
-// of CSNMP_Configuration (held off for the retry interval after a call timed
-// out, so that one SNMP request waits out at most one back-end timeout), the back end's capability list becomes the
-// capability source, and the device configuration names the command codes.
+// of CSNMP_Configuration (after a call timed out it answers at once for its
+// retry interval, so that one SNMP request waits out at most one back-end
+// timeout), the back end's capability list becomes the capability source,
+// and the device configuration names the command codes.
 #ifndef ZERVA_AGENT_BACKEND_H_
 #define ZERVA_AGENT_BACKEND_H_
 

@@ -194,14 +194,20 @@ struct CSnmpSocketTransport::State {
   std::mutex mu;                       // one exchange at a time; guards what follows
   int fd = -1;                         // the connection, -1 when there is none
   uint64_t calls = 0;                  // exchanges begun, numbers the log lines
-  bool connectFailed = false;          // the last connect failed ...
-  Clock::time_point retryAfter;        // ... and no new one is tried before this
+  int heldCode = 0;                    // the last connect failed or call timed out ...
+  Clock::time_point retryAfter;        // ... so calls answer heldCode until this
   bool fastFailLogged = false;         // a refusal in the current window was logged
   std::atomic<uint64_t> connects{0};   // connections opened
 
   void drop() {
     if (fd >= 0) close(fd);
     fd = -1;
+  }
+  // Calls answer code at once for the interval, without trying the back end.
+  void hold(int code, std::chrono::milliseconds interval) {
+    heldCode = code;
+    retryAfter = Clock::now() + interval;
+    fastFailLogged = false;
   }
 };
 
@@ -279,11 +285,13 @@ int CSnmpSocketTransport::exchange(CTLVPackageV3<TLVMsgHeadV3>& req, CTLVPackage
     }
   }
   if (st.fd < 0) {
-    if (st.connectFailed && start < st.retryAfter) {
-      if (st.fastFailLogged) return SNMP_TRANSPORT_E_CONNECT;
+    if (st.heldCode != 0 && start < st.retryAfter) {
+      if (st.fastFailLogged) return st.heldCode;
       st.fastFailLogged = true;
-      return fail(SNMP_TRANSPORT_E_CONNECT,
-                  "not connected: the last connect failed; calls fail at once for another " +
+      const char* why = st.heldCode == SNMP_TRANSPORT_E_CONNECT ? "not connected: the last connect failed"
+                                                                : "not asked: the last call timed out";
+      return fail(st.heldCode,
+                  std::string(why) + "; calls fail at once for another " +
                       std::to_string(MillisBetween(start, st.retryAfter)) + " ms",
                   false);
     }
@@ -291,16 +299,14 @@ int CSnmpSocketTransport::exchange(CTLVPackageV3<TLVMsgHeadV3>& req, CTLVPackage
     std::string reason;
     const int fd = ConnectTo(options_.address, connectDeadline, &reason);
     if (fd < 0) {
-      st.connectFailed = true;
-      st.retryAfter = Clock::now() + options_.retryInterval;
-      st.fastFailLogged = false;
+      st.hold(SNMP_TRANSPORT_E_CONNECT, options_.retryInterval);
       return fail(SNMP_TRANSPORT_E_CONNECT,
                   "connect failed after " + std::to_string(MillisBetween(start, Clock::now())) + " ms (" + reason +
                       ")",
                   false);
     }
     st.fd = fd;
-    st.connectFailed = false;
+    st.heldCode = 0;
     st.connects.fetch_add(1);
     VEMLog(VEM_KIT_HOST, VEM_LOG_DEBUG, "exchange", __LINE__, "back end %s: connected", address.c_str());
   }
@@ -313,6 +319,7 @@ int CSnmpSocketTransport::exchange(CTLVPackageV3<TLVMsgHeadV3>& req, CTLVPackage
     const std::string what = rc == SNMP_TRANSPORT_E_TIMEOUT
                                  ? "request not sent within " + std::to_string(timeout.count()) + " ms"
                                  : "sending the request failed";
+    if (rc == SNMP_TRANSPORT_E_TIMEOUT) st.hold(rc, options_.retryInterval);
     return fail(rc, what + " (" + reason + ")", true);
   }
   std::vector<unsigned char> frame;
@@ -326,6 +333,7 @@ int CSnmpSocketTransport::exchange(CTLVPackageV3<TLVMsgHeadV3>& req, CTLVPackage
       case SNMP_TRANSPORT_E_TOO_LARGE: what = "answer too large"; break;
       default: what = "receiving the answer failed"; break;
     }
+    if (rc == SNMP_TRANSPORT_E_TIMEOUT) st.hold(rc, options_.retryInterval);
     return fail(rc, what + " (" + reason + ")", true);
   }
 

@@ -362,6 +362,7 @@ TEST_F(SocketTransportTest, NoAnswerTimesOutAndTheLateAnswerIsNotTakenForTheNext
   KitLogCapture log;
   CSnmpSocketTransportOptions o = Options(server->address());
   o.callTimeout = Ms(200);
+  o.retryInterval = Ms(0);  // no hold after the timeout: the next call is sent
   CSnmpSocketTransport t(o);
   unsigned int token = 0;
   const auto start = std::chrono::steady_clock::now();
@@ -423,6 +424,42 @@ TEST_F(SocketTransportTest, AfterAFailedConnectCallsFailFastForTheRetryInterval)
   EXPECT_TRUE(Contains(errors[0].message, "connect failed")) << errors[0].message;
   EXPECT_TRUE(Contains(errors[0].message, strerror(ENOENT))) << errors[0].message;
   EXPECT_TRUE(Contains(errors[1].message, "calls fail at once")) << errors[1].message;
+}
+
+TEST_F(SocketTransportTest, AfterATimeoutCallsFailFastForTheRetryInterval) {
+  std::atomic<bool> hung{true};
+  auto server = TestServer::Unix(socketPath(), [&](Conn& c) {
+    CTLVPackage req;
+    while (c.read(req)) {
+      while (hung.load()) std::this_thread::sleep_for(Ms(5));
+      c.answer(0, {Rec().u32(0, TokenOf(req))});
+    }
+  });
+  ASSERT_TRUE(server);
+  KitLogCapture log;
+  CSnmpSocketTransportOptions o = Options(server->address());
+  o.callTimeout = Ms(150);
+  o.retryInterval = Ms(1000);
+  CSnmpSocketTransport t(o);
+  EXPECT_EQ(Call(t, 1), SNMP_TRANSPORT_E_TIMEOUT);
+  // Within the interval: the timeout code without trying the back end (the
+  // timed-out connection was dropped, and no new one is opened).
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(Call(t, 2), SNMP_TRANSPORT_E_TIMEOUT);
+  EXPECT_EQ(t.connectCount(), 1u);
+  EXPECT_EQ(server->accepted(), 1);
+  // Once the interval is over the back end is asked again.
+  hung.store(false);
+  std::this_thread::sleep_for(Ms(1000));
+  unsigned int token = 0;
+  EXPECT_EQ(Call(t, 3, &token), 0);
+  EXPECT_EQ(token, 3u);
+  EXPECT_EQ(t.connectCount(), 2u);
+  // One line for the timeout, one for the refusals of its interval.
+  const auto errors = TransportErrors(log);
+  ASSERT_EQ(errors.size(), 2u);
+  EXPECT_TRUE(Contains(errors[0].message, "no whole answer within 150 ms")) << errors[0].message;
+  EXPECT_TRUE(Contains(errors[1].message, "not asked: the last call timed out; calls fail at once for another"))
+      << errors[1].message;
 }
 
 TEST_F(SocketTransportTest, RefusedTcpConnectIsReportedWithItsReason) {

@@ -6,7 +6,10 @@
 // failure. A call that gets no whole answer within its timeout drops the
 // connection, so a late answer can never be taken for the next request's.
 // After a failed connect, calls fail fast with SNMP_TRANSPORT_E_CONNECT for
-// the retry interval instead of waiting on a back end that is down.
+// the retry interval instead of waiting on a back end that is down; after a
+// call timed out, with SNMP_TRANSPORT_E_TIMEOUT, instead of waiting out one
+// timeout per call on a back end that hangs (one SNMP request may need many
+// back-end calls, and its manager gives up after about a second).
 #ifndef ZERVA_SNMPCOMMON_SNMP_SOCKET_TRANSPORT_H_
 #define ZERVA_SNMPCOMMON_SNMP_SOCKET_TRANSPORT_H_
 
@@ -26,8 +29,9 @@ struct CSnmpSocketTransportOptions {
   std::chrono::milliseconds callTimeout{400};
   // Listings may be long: their exchanges get this timeout instead.
   std::chrono::milliseconds listingTimeout{800};
-  // After a failed connect, calls answer SNMP_TRANSPORT_E_CONNECT at once
-  // for this long.
+  // After a failed connect or a timed-out call, calls answer its code
+  // (SNMP_TRANSPORT_E_CONNECT, SNMP_TRANSPORT_E_TIMEOUT) at once for this
+  // long.
   std::chrono::milliseconds retryInterval{500};
   size_t maxBody = SNMP_FRAME_DEFAULT_MAX_BODY;
 };

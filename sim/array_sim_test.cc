@@ -65,7 +65,7 @@ class SimServerTest : public ::testing::Test {
   }
 
   void AddFault(const std::string& text) {
-    FaultSpec f;
+    FaultRule f;
     std::string error;
     ASSERT_TRUE(server_->array().parseFault(text, &f, &error)) << error;
     server_->array().addFault(f);

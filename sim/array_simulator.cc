@@ -189,7 +189,7 @@ bool ArraySimulator::commandByName(const std::string& name, unsigned long long* 
   return false;
 }
 
-bool ArraySimulator::parseFault(const std::string& text, FaultSpec* out, std::string* error) const {
+bool ArraySimulator::parseFault(const std::string& text, FaultRule* out, std::string* error) const {
   return ParseFault(
       text, [this](const std::string& name, unsigned long long* id) { return commandByName(name, id); }, out, error);
 }
@@ -287,13 +287,13 @@ Reply ArraySimulator::handle(const unsigned char* frame, size_t size) {
       normal = AnswerWriter::Empty(kSimErrMalformed);
     }
   }
-  FaultSpec fault;
+  FaultRule fault;
   if (record.id() != kSimControlCmd && faults_.match(record.id(), &fault)) return faulted(fault, std::move(normal));
   reply.bytes = std::move(normal);
   return reply;
 }
 
-Reply ArraySimulator::faulted(const FaultSpec& fault, std::vector<unsigned char> normal) const {
+Reply ArraySimulator::faulted(const FaultRule& fault, std::vector<unsigned char> normal) const {
   Reply reply;
   reply.closeAfter = true;
   switch (fault.kind) {
@@ -505,10 +505,10 @@ std::vector<unsigned char> ArraySimulator::control(const CTLVRecordV3& record) {
   std::string action, arg;
   if (!ReadText(record, 0, &action)) return AnswerWriter::Empty(kSimErrMalformed);
   if (action == "fault") {
-    FaultSpec spec;
+    FaultRule rule;
     std::string error;
-    if (!ReadText(record, 1, &arg) || !parseFault(arg, &spec, &error)) return AnswerWriter::Empty(kSimErrMalformed);
-    addFault(spec);
+    if (!ReadText(record, 1, &arg) || !parseFault(arg, &rule, &error)) return AnswerWriter::Empty(kSimErrMalformed);
+    addFault(rule);
     return AnswerWriter::Empty(kSimOk);
   }
   if (action == "clear-faults") {
@@ -517,7 +517,7 @@ std::vector<unsigned char> ArraySimulator::control(const CTLVRecordV3& record) {
   }
   AnswerWriter w;
   if (action == "list-faults") {
-    for (const FaultSpec& f : faults()) {
+    for (const FaultRule& f : faults()) {
       w.beginRecord(kAnswerId);
       w.str(1, FaultText(f));
     }

@@ -108,11 +108,11 @@ class ArraySimulator {
   void setSwitch(bool on) { switch_.store(on ? 1u : 0u); }
 
   // --- faults -------------------------------------------------------------
-  void addFault(const FaultSpec& spec) { faults_.add(spec); }
+  void addFault(const FaultRule& rule) { faults_.add(rule); }
   void clearFaults() { faults_.clear(); }
-  std::vector<FaultSpec> faults() const { return faults_.list(); }
+  std::vector<FaultRule> faults() const { return faults_.list(); }
   // ParseFault with this simulator's command names.
-  bool parseFault(const std::string& text, FaultSpec* out, std::string* error) const;
+  bool parseFault(const std::string& text, FaultRule* out, std::string* error) const;
   // The record identifier of a command name (GET_CUR_STATISTIC_DATA, ...,
   // LISTING, SORTED_LISTING, LUN_BATCH_STATS, SIM_CONTROL).
   bool commandByName(const std::string& name, unsigned long long* id) const;
@@ -135,7 +135,7 @@ class ArraySimulator {
   std::vector<unsigned char> lunBatchStatistics(const CTLVRecordV3& record);
   std::vector<unsigned char> setSwitchAnswer(const CTLVRecordV3& record);
   std::vector<unsigned char> control(const CTLVRecordV3& record);
-  Reply faulted(const FaultSpec& fault, std::vector<unsigned char> normal) const;
+  Reply faulted(const FaultRule& fault, std::vector<unsigned char> normal) const;
   // The workload key of an object, or a refusal code.
   uint32_t objectKey(uint32_t objType, const std::string& objId, uint64_t* key) const;
   uint32_t valuesText(uint32_t objType, uint64_t key, const std::vector<uint32_t>& items, uint64_t tMs,

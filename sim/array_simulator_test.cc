@@ -183,7 +183,7 @@ TEST_F(ArraySimulatorTest, CountsRequestsByCommand) {
 }
 
 TEST_F(ArraySimulatorTest, FaultsShapeTheReply) {
-  FaultSpec f;
+  FaultRule f;
   std::string error;
   ASSERT_TRUE(sim_.parseFault("refuse=0x1234,cmd=GET_PERFORMANCE_SWITCH,count=1", &f, &error)) << error;
   sim_.addFault(f);

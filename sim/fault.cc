@@ -38,8 +38,8 @@ bool ParseUnsigned(const std::string& text, unsigned long long max, unsigned lon
 
 }  // namespace
 
-bool ParseFault(const std::string& text, const CommandResolver& resolve, FaultSpec* out, std::string* error) {
-  FaultSpec spec;
+bool ParseFault(const std::string& text, const CommandResolver& resolve, FaultRule* out, std::string* error) {
+  FaultRule rule;
   std::istringstream in(text);
   std::string part;
   bool first = true;
@@ -53,25 +53,25 @@ bool ParseFault(const std::string& text, const CommandResolver& resolve, FaultSp
       first = false;
       bool known = false;
       for (const KindName& k : kKinds) {
-        if (key == k.name) spec.kind = k.kind, known = true;
+        if (key == k.name) rule.kind = k.kind, known = true;
       }
       if (!known) {
         *error = "unknown fault '" + key +
                  "' (refuse=CODE, delay=MS, close, garbage, truncate, bad-magic, bad-version, huge-len)";
         return false;
       }
-      if (spec.kind == FaultKind::kRefuse) {
+      if (rule.kind == FaultKind::kRefuse) {
         if (!ParseUnsigned(arg, 0xFFFFFFFFULL, &n) || n == 0) {
           *error = "refuse needs a non-zero 32-bit result code: refuse=CODE";
           return false;
         }
-        spec.code = static_cast<uint32_t>(n);
-      } else if (spec.kind == FaultKind::kDelay) {
+        rule.code = static_cast<uint32_t>(n);
+      } else if (rule.kind == FaultKind::kDelay) {
         if (!ParseUnsigned(arg, kMaxFaultDelayMs, &n)) {
           *error = "delay needs milliseconds, 0 to " + std::to_string(kMaxFaultDelayMs) + ": delay=MS";
           return false;
         }
-        spec.delayMs = static_cast<uint32_t>(n);
+        rule.delayMs = static_cast<uint32_t>(n);
       } else if (hasArg) {
         *error = "fault '" + key + "' takes no value";
         return false;
@@ -79,11 +79,11 @@ bool ParseFault(const std::string& text, const CommandResolver& resolve, FaultSp
       continue;
     }
     if (key == "cmd" && hasArg) {
-      if (!ParseUnsigned(arg, ~0ULL, &spec.command) && !(resolve && resolve(arg, &spec.command))) {
+      if (!ParseUnsigned(arg, ~0ULL, &rule.command) && !(resolve && resolve(arg, &rule.command))) {
         *error = "unknown command '" + arg + "'";
         return false;
       }
-      spec.anyCommand = false;
+      rule.anyCommand = false;
     } else if (key == "rate" && hasArg) {
       char* end = nullptr;
       const double rate = strtod(arg.c_str(), &end);
@@ -91,13 +91,13 @@ bool ParseFault(const std::string& text, const CommandResolver& resolve, FaultSp
         *error = "rate must be a number in (0, 1]";
         return false;
       }
-      spec.rate = rate;
+      rule.rate = rate;
     } else if (key == "count" && hasArg) {
       if (!ParseUnsigned(arg, ~0ULL, &n) || n == 0) {
         *error = "count must be a positive number";
         return false;
       }
-      spec.count = n;
+      rule.count = n;
     } else {
       *error = "unknown fault option '" + part + "' (cmd=, rate=, count=)";
       return false;
@@ -107,34 +107,34 @@ bool ParseFault(const std::string& text, const CommandResolver& resolve, FaultSp
     *error = "empty fault";
     return false;
   }
-  *out = spec;
+  *out = rule;
   return true;
 }
 
-std::string FaultText(const FaultSpec& spec) {
+std::string FaultText(const FaultRule& rule) {
   std::string text;
   for (const KindName& k : kKinds) {
-    if (k.kind == spec.kind) text = k.name;
+    if (k.kind == rule.kind) text = k.name;
   }
-  if (spec.kind == FaultKind::kRefuse) text += "=" + std::to_string(spec.code);
-  if (spec.kind == FaultKind::kDelay) text += "=" + std::to_string(spec.delayMs);
-  if (!spec.anyCommand) {
+  if (rule.kind == FaultKind::kRefuse) text += "=" + std::to_string(rule.code);
+  if (rule.kind == FaultKind::kDelay) text += "=" + std::to_string(rule.delayMs);
+  if (!rule.anyCommand) {
     char hex[32];
-    snprintf(hex, sizeof hex, "0x%llX", spec.command);
+    snprintf(hex, sizeof hex, "0x%llX", rule.command);
     text += std::string(",cmd=") + hex;
   }
-  if (spec.rate < 1.0) {
+  if (rule.rate < 1.0) {
     std::ostringstream r;
-    r << spec.rate;
+    r << rule.rate;
     text += ",rate=" + r.str();
   }
-  if (spec.count != 0) text += ",count=" + std::to_string(spec.count);
+  if (rule.count != 0) text += ",count=" + std::to_string(rule.count);
   return text;
 }
 
-void FaultTable::add(const FaultSpec& spec) {
+void FaultTable::add(const FaultRule& rule) {
   std::lock_guard<std::mutex> lock(mu_);
-  faults_.push_back(spec);
+  faults_.push_back(rule);
 }
 
 void FaultTable::clear() {
@@ -142,15 +142,15 @@ void FaultTable::clear() {
   faults_.clear();
 }
 
-std::vector<FaultSpec> FaultTable::list() const {
+std::vector<FaultRule> FaultTable::list() const {
   std::lock_guard<std::mutex> lock(mu_);
   return faults_;
 }
 
-bool FaultTable::match(unsigned long long command, FaultSpec* out) {
+bool FaultTable::match(unsigned long long command, FaultRule* out) {
   std::lock_guard<std::mutex> lock(mu_);
   for (size_t i = 0; i < faults_.size(); ++i) {
-    FaultSpec& f = faults_[i];
+    FaultRule& f = faults_[i];
     if (!f.anyCommand && f.command != command) continue;
     if (f.rate < 1.0 && std::uniform_real_distribution<double>(0.0, 1.0)(rng_) >= f.rate) continue;
     *out = f;

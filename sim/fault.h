@@ -32,7 +32,7 @@ enum class FaultKind {
   kHugeLength,  // answer a header announcing a 4 GiB body, then close
 };
 
-struct FaultSpec {
+struct FaultRule {
   FaultKind kind = FaultKind::kRefuse;
   uint32_t code = 0;        // kRefuse: the result code
   uint32_t delayMs = 0;     // kDelay
@@ -49,26 +49,26 @@ const uint32_t kMaxFaultDelayMs = 60000;
 typedef std::function<bool(const std::string& name, unsigned long long* id)> CommandResolver;
 
 // Parses the text form above. False with *error when it is not one.
-bool ParseFault(const std::string& text, const CommandResolver& resolve, FaultSpec* out, std::string* error);
+bool ParseFault(const std::string& text, const CommandResolver& resolve, FaultRule* out, std::string* error);
 // The text form of a fault (command as 0x-hexadecimal).
-std::string FaultText(const FaultSpec& spec);
+std::string FaultText(const FaultRule& rule);
 
 // The active faults. Thread-safe.
 class FaultTable {
  public:
   explicit FaultTable(uint64_t seed) : rng_(seed) {}
 
-  void add(const FaultSpec& spec);
+  void add(const FaultRule& rule);
   void clear();
-  std::vector<FaultSpec> list() const;
+  std::vector<FaultRule> list() const;
 
   // Picks the first active fault that hits a request of this command (rolls
   // its rate, counts it down, drops it when used up). False when none does.
-  bool match(unsigned long long command, FaultSpec* out);
+  bool match(unsigned long long command, FaultRule* out);
 
  private:
   mutable std::mutex mu_;
-  std::vector<FaultSpec> faults_;
+  std::vector<FaultRule> faults_;
   std::mt19937_64 rng_;
 };
 

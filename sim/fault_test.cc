@@ -11,11 +11,11 @@ bool Resolve(const std::string& name, unsigned long long* id) {
   return true;
 }
 
-FaultSpec Parse(const std::string& text) {
-  FaultSpec spec;
+FaultRule Parse(const std::string& text) {
+  FaultRule rule;
   std::string error;
-  EXPECT_TRUE(ParseFault(text, Resolve, &spec, &error)) << text << ": " << error;
-  return spec;
+  EXPECT_TRUE(ParseFault(text, Resolve, &rule, &error)) << text << ": " << error;
+  return rule;
 }
 
 TEST(FaultTest, ParsesEveryKind) {
@@ -30,7 +30,7 @@ TEST(FaultTest, ParsesEveryKind) {
 }
 
 TEST(FaultTest, ParsesOptions) {
-  const FaultSpec s = Parse("close,cmd=GET_CUR_STATISTIC_DATA,rate=0.25,count=3");
+  const FaultRule s = Parse("close,cmd=GET_CUR_STATISTIC_DATA,rate=0.25,count=3");
   EXPECT_FALSE(s.anyCommand);
   EXPECT_EQ(s.command, 59594907664ULL);
   EXPECT_DOUBLE_EQ(s.rate, 0.25);
@@ -40,7 +40,7 @@ TEST(FaultTest, ParsesOptions) {
 }
 
 TEST(FaultTest, RefusesBadTexts) {
-  FaultSpec s;
+  FaultRule s;
   std::string error;
   for (const char* bad : {"", "explode", "refuse", "refuse=0", "delay=abc", "delay=999999", "close=1",
                           "close,cmd=NOPE", "close,rate=0", "close,rate=2", "close,count=0", "close,colour=red"}) {
@@ -52,7 +52,7 @@ TEST(FaultTest, RefusesBadTexts) {
 TEST(FaultTest, MatchesByCommandAndCountsDown) {
   FaultTable table(1);
   table.add(Parse("refuse=7,cmd=5,count=2"));
-  FaultSpec hit;
+  FaultRule hit;
   EXPECT_FALSE(table.match(6, &hit));
   EXPECT_TRUE(table.match(5, &hit));
   EXPECT_EQ(hit.code, 7u);
@@ -64,7 +64,7 @@ TEST(FaultTest, MatchesByCommandAndCountsDown) {
 TEST(FaultTest, ClearRemovesEveryFault) {
   FaultTable table(1);
   table.add(Parse("close"));
-  FaultSpec hit;
+  FaultRule hit;
   EXPECT_TRUE(table.match(1, &hit));
   table.clear();
   EXPECT_FALSE(table.match(1, &hit));
@@ -74,7 +74,7 @@ TEST(FaultTest, RateHitsAboutThatShare) {
   FaultTable table(42);
   table.add(Parse("close,rate=0.3"));
   int hits = 0;
-  FaultSpec hit;
+  FaultRule hit;
   for (int i = 0; i < 2000; ++i) hits += table.match(1, &hit) ? 1 : 0;
   EXPECT_GT(hits, 450);
   EXPECT_LT(hits, 750);

@@ -34,13 +34,13 @@ int main(int argc, char** argv) {
     return 1;
   }
   for (const std::string& text : flags.faults) {
-    zerva_sim::FaultSpec spec;
-    if (!server.array().parseFault(text, &spec, &error)) {
+    zerva_sim::FaultRule rule;
+    if (!server.array().parseFault(text, &rule, &error)) {
       fprintf(stderr, "%s: --fault %s: %s\n", argv[0], text.c_str(), error.c_str());
       server.stop();
       return 2;
     }
-    server.array().addFault(spec);
+    server.array().addFault(rule);
   }
   const zerva_sim::Topology& t = server.array().topology();
   printf("zerva-array-sim listening on %s (%zu controllers, %zu ports, %zu LUNs, %zu file systems, switch %s)\n",

@@ -7,8 +7,8 @@
 // The answer is printed as plain text:
 //   counts          "0xID NAME COUNT" per command, by identifier
 //   clock           the model time in milliseconds
-//   list-faults     one SPEC per active fault
-//   fault SPEC, clear-faults, freeze-clock MS, run-clock
+//   list-faults     one RULE per active fault
+//   fault RULE, clear-faults, freeze-clock MS, run-clock
 //                   one line saying what was done
 // Exit status: 0 done; 1 no answer, an unexpected answer or a refusal;
 // 2 bad command line. Errors are one "zerva-sim-ctl: ..." line on stderr.
@@ -44,9 +44,9 @@ std::string Usage() {
          "  ADDRESS                unix:PATH or tcp:HOST:PORT of a zerva-array-sim\n"
          "  ACTION                 counts        requests received, \"0xID NAME COUNT\" per command\n"
          "                         clock         the model time (ms)\n"
-         "                         list-faults   the active faults, one SPEC a line\n"
+         "                         list-faults   the active faults, one RULE a line\n"
          "                         clear-faults  remove every fault\n"
-         "                         fault SPEC    add a fault: KIND[=ARG][,cmd=CMD][,rate=P][,count=N]\n"
+         "                         fault RULE    add a fault: KIND[=ARG][,cmd=CMD][,rate=P][,count=N]\n"
          "                         freeze-clock MS  stop the model clock at MS\n"
          "                         run-clock     let the model clock run again\n"
          "  --timeout MS           connect and answer timeout (default 2000)\n"
@@ -160,7 +160,7 @@ int main(int argc, char** argv) {
   unsigned long long frozenMs = 0;
   if (action == "fault") {
     // Checked here first, for a precise message; the simulator checks again.
-    zerva_sim::FaultSpec spec;
+    zerva_sim::FaultRule rule;
     const zerva_sim::CommandResolver resolve = [&names](const std::string& name, unsigned long long* id) {
       for (const auto& n : names) {
         if (n.first != name) continue;
@@ -169,7 +169,7 @@ int main(int argc, char** argv) {
       }
       return false;
     };
-    if (!zerva_sim::ParseFault(args[2], resolve, &spec, &error)) return BadUsage("fault '" + args[2] + "': " + error);
+    if (!zerva_sim::ParseFault(args[2], resolve, &rule, &error)) return BadUsage("fault '" + args[2] + "': " + error);
     record->append(tlv::NewStringCell(1, args[2]));
   } else if (action == "freeze-clock") {
     if (!ParseDecimal(args[2], (1ULL << 50) - 1, &frozenMs)) {

@@ -122,7 +122,7 @@ TEST_F(SimCtlTest, FaultIsAddedListedAppliedAndCleared) {
   EXPECT_EQ(r.rc, 0) << r.output;
   r = Ctl(address_ + " list-faults");
   EXPECT_EQ(r.rc, 0) << r.output;
-  const std::vector<FaultSpec> faults = server_->array().faults();
+  const std::vector<FaultRule> faults = server_->array().faults();
   ASSERT_EQ(faults.size(), 2u);
   EXPECT_EQ(r.output, FaultText(faults[0]) + "\n" + FaultText(faults[1]) + "\n");
   EXPECT_NE(r.output.find("close"), std::string::npos);

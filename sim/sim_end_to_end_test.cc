@@ -204,7 +204,7 @@ TEST_F(EndToEndTest, SwitchWriteTurnsTablesOff) {
 }
 
 TEST_F(EndToEndTest, InjectedRefusalReachesTheHandlerAndClears) {
-  FaultSpec f;
+  FaultRule f;
   std::string error;
   ASSERT_TRUE(server_->array().parseFault("refuse=0x5000,cmd=GET_CUR_STATISTIC_DATA", &f, &error));
   server_->array().addFault(f);
@@ -218,7 +218,7 @@ TEST_F(EndToEndTest, InjectedRefusalReachesTheHandlerAndClears) {
 }
 
 TEST_F(EndToEndTest, ClosedListingConnectionEndsTheWalkWithTheTransportCode) {
-  FaultSpec f;
+  FaultRule f;
   std::string error;
   ASSERT_TRUE(server_->array().parseFault("close,cmd=LISTING,count=1", &f, &error));
   server_->array().addFault(f);

@@ -31,7 +31,7 @@ std::string SimUsage(const char* program) {
          "  --switch on|off        initial performance switch\n"
          "  --seed N               workload seed (default 1)\n"
          "  --device-config FILE   device configuration with the command codes\n"
-         "  --fault SPEC           inject a fault (repeatable): KIND[=ARG][,cmd=CMD][,rate=P][,count=N]\n"
+         "  --fault RULE           inject a fault (repeatable): KIND[=ARG][,cmd=CMD][,rate=P][,count=N]\n"
          "                         KIND: refuse=CODE delay=MS close garbage truncate bad-magic bad-version huge-len\n"
          "  --help                 this text\n";
 }

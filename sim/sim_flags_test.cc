@@ -63,7 +63,7 @@ TEST(SimFlagsTest, HelpNeedsNoListen) {
   std::string error;
   ASSERT_TRUE(Parse({"--help"}, &f, &error));
   EXPECT_TRUE(f.help);
-  EXPECT_NE(SimUsage("p").find("--fault SPEC"), std::string::npos);
+  EXPECT_NE(SimUsage("p").find("--fault RULE"), std::string::npos);
 }
 
 }  // namespace

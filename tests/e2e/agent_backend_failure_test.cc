@@ -80,7 +80,7 @@ TEST_P(BackendFailureTest, RefusedCommandIsAnErrorNotAnEmptyTable) {
   std::string raw;
   ASSERT_EQ("", Diff(truth.instances, walk(&rc, &raw))) << raw;
 
-  zerva_sim::FaultSpec fault;
+  zerva_sim::FaultRule fault;
   std::string error;
   ASSERT_TRUE(agent_.array().parseFault(GetParam().fault, &fault, &error)) << error;
   agent_.array().addFault(fault);

@@ -132,10 +132,10 @@ class AgentFaultTest : public ::testing::Test {
   }
 
   // Runs a scenario with one fault of the simulator's fault table.
-  void RunFault(const std::string& spec) {
-    zerva_sim::FaultSpec fault;
+  void RunFault(const std::string& rule) {
+    zerva_sim::FaultRule fault;
     std::string error;
-    ASSERT_TRUE(rig_.sim().array().parseFault(spec, &fault, &error)) << error;
+    ASSERT_TRUE(rig_.sim().array().parseFault(rule, &fault, &error)) << error;
     RunScenario([&] { rig_.sim().array().addFault(fault); }, [&] { rig_.sim().array().clearFaults(); }, true);
   }
 

@@ -49,27 +49,7 @@ const char kV3UserConfig[] =
 const char kV3Auth[] = "-v3 -l authPriv -u e2euser -a SHA -A e2e-auth-passphrase -x AES -X e2e-priv-passphrase";
 
 // ---------------------------------------------------------------------------
-// OIDs
-
-Oid ParseOid(const std::string& dotted) {
-  Oid out;
-  std::istringstream in(dotted);
-  std::string arc;
-  while (std::getline(in, arc, '.')) {
-    if (!arc.empty()) out.push_back(std::stoul(arc));
-  }
-  return out;
-}
-
-std::string OidText(const Oid& oid) {
-  std::string out;
-  for (unsigned long arc : oid) out += "." + std::to_string(arc);
-  return out;
-}
-
-bool Under(const Oid& oid, const Oid& prefix) {
-  return oid.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), oid.begin());
-}
+// Values
 
 std::string ValueText(const Value& v) { return v.type + ": " + v.value; }
 

@@ -19,11 +19,10 @@
 
 namespace zerva_e2e {
 
-typedef std::vector<unsigned long> Oid;
-
-Oid ParseOid(const std::string& dotted);  // ".1.3.6" or "1.3.6"
-std::string OidText(const Oid& oid);      // ".1.3.6"
-bool Under(const Oid& oid, const Oid& prefix);
+using zerva_test::Oid;
+using zerva_test::OidText;
+using zerva_test::ParseOid;
+using zerva_test::Under;
 
 // The model time every test freezes the simulator's clock at (an hour
 // after its start, so that every rate has complete sample periods).

@@ -27,26 +27,6 @@ namespace zerva_fault {
 
 // ---------------------------------------------------------------- OIDs
 
-Oid ParseOid(const std::string& text) {
-  Oid out;
-  std::istringstream in(text);
-  std::string part;
-  while (std::getline(in, part, '.')) {
-    if (!part.empty()) out.push_back(std::stoul(part));
-  }
-  return out;
-}
-
-std::string OidText(const Oid& oid) {
-  std::string out;
-  for (unsigned long s : oid) out += "." + std::to_string(s);
-  return out;
-}
-
-bool StartsWith(const Oid& oid, const Oid& prefix) {
-  return oid.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), oid.begin());
-}
-
 Oid Subtree() { return ParseOid(zerva_test::kSubtree); }
 Oid SwitchOid() { return ParseOid(zerva_test::kSwitch); }
 
@@ -266,11 +246,11 @@ AnswerChecker::AnswerChecker() {
 std::string AnswerChecker::checkVarBind(const VarBind& vb) const {
   const Oid subtree = Subtree();
   if (vb.type == kEndOfMibView) return "";
-  if (!StartsWith(vb.name, subtree)) return "";
+  if (!Under(vb.name, subtree)) return "";
   if (vb.type == kNoSuchObject || vb.type == kNoSuchInstance) return "";
   for (const zerva_agent::MibObject& object : mib_.objects) {
     const Oid prefix(object.oid.begin(), object.oid.end());
-    if (!StartsWith(vb.name, prefix)) continue;
+    if (!Under(vb.name, prefix)) continue;
     if (object.kind == zerva_agent::MibObject::Scalar) {
       if (vb.name.size() != prefix.size() + 1 || vb.name.back() != 0) return vb.text() + ": not the scalar's instance";
       const int type = zerva_agent::SnmpTypeOf(object.columns.front().syntax);
@@ -362,7 +342,7 @@ WalkResult Walk(SnmpClient& client, const AnswerChecker& checker, int maxRepetit
       return out;
     }
     for (const VarBind& vb : a.varbinds) {
-      if (vb.type == kEndOfMibView || !StartsWith(vb.name, subtree)) {
+      if (vb.type == kEndOfMibView || !Under(vb.name, subtree)) {
         out.complete = true;
         return out;
       }
@@ -376,7 +356,7 @@ WalkResult Walk(SnmpClient& client, const AnswerChecker& checker, int maxRepetit
 std::vector<VarBind> Under(const std::vector<VarBind>& walk, const Oid& root) {
   std::vector<VarBind> out;
   for (const VarBind& vb : walk) {
-    if (StartsWith(vb.name, root)) out.push_back(vb);
+    if (Under(vb.name, root)) out.push_back(vb);
   }
   return out;
 }
@@ -471,7 +451,7 @@ std::map<Oid, std::map<unsigned long, VarBind>> Rows(const std::vector<VarBind>&
   }();
   std::map<Oid, std::map<unsigned long, VarBind>> rows;
   for (const VarBind& vb : walk) {
-    if (!StartsWith(vb.name, entry) || vb.name.size() < entry.size() + 2) continue;
+    if (!Under(vb.name, entry) || vb.name.size() < entry.size() + 2) continue;
     const Oid index(vb.name.begin() + static_cast<long>(entry.size()) + 1, vb.name.end());
     rows[index][vb.name[entry.size()]] = vb;
   }

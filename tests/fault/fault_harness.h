@@ -20,13 +20,10 @@
 namespace zerva_fault {
 
 typedef std::chrono::steady_clock Clock;
-typedef std::vector<unsigned long> Oid;
-
-// ".1.3.6.1" -> {1, 3, 6, 1}, and back.
-Oid ParseOid(const std::string& text);
-std::string OidText(const Oid& oid);
-// True when oid lies strictly under (or at) prefix.
-bool StartsWith(const Oid& oid, const Oid& prefix);
+using zerva_test::Oid;
+using zerva_test::OidText;
+using zerva_test::ParseOid;
+using zerva_test::Under;
 
 // SNMP exception values (RFC 3416) as varbind types.
 const int kNoSuchObject = 0x80;

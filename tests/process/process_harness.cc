@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <fstream>
@@ -18,6 +19,26 @@ namespace zerva_test {
 
 const char kSubtree[] = ".1.3.6.1.4.1.32473.4.1.21";
 const char kSwitch[] = ".1.3.6.1.4.1.32473.4.1.21.1.0";
+
+Oid ParseOid(const std::string& dotted) {
+  Oid out;
+  std::istringstream in(dotted);
+  std::string arc;
+  while (std::getline(in, arc, '.')) {
+    if (!arc.empty()) out.push_back(std::stoul(arc));
+  }
+  return out;
+}
+
+std::string OidText(const Oid& oid) {
+  std::string out;
+  for (unsigned long arc : oid) out += "." + std::to_string(arc);
+  return out;
+}
+
+bool Under(const Oid& oid, const Oid& prefix) {
+  return oid.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), oid.begin());
+}
 
 TempDir::TempDir() {
   char dir[] = "/tmp/zerva-process-test.XXXXXX";

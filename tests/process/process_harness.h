@@ -14,6 +14,13 @@ namespace zerva_test {
 extern const char kSubtree[];
 extern const char kSwitch[];
 
+// Numeric OIDs as the tests hold them.
+typedef std::vector<unsigned long> Oid;
+Oid ParseOid(const std::string& dotted);  // ".1.3.6" or "1.3.6"
+std::string OidText(const Oid& oid);      // ".1.3.6"
+// True when oid is prefix or lies under it.
+bool Under(const Oid& oid, const Oid& prefix);
+
 // A private temporary directory, removed with its files.
 class TempDir {
  public:

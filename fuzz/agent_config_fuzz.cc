@@ -44,6 +44,7 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/fuzz_check.h"
 #include "host/agent/agent_options.h"
 #include "host/agent/netsnmp_bridge.h"
 #include "snmpcommon/snmp_backend_frame.h"
@@ -55,14 +56,6 @@
 // clang-format on
 
 namespace {
-
-#define FUZZ_CHECK(cond)                                                                        \
-  do {                                                                                          \
-    if (!(cond)) {                                                                              \
-      std::fprintf(stderr, "agent_config_fuzz: check failed at line %d: %s\n", __LINE__, #cond); \
-      __builtin_trap();                                                                         \
-    }                                                                                           \
-  } while (0)
 
 using zerva_agent::AgentOptions;
 

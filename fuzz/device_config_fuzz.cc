@@ -13,18 +13,11 @@
 #include <cstdio>
 #include <string>
 
+#include "fuzz/fuzz_check.h"
 #include "vempub/vem_debug_kit.h"
 #include "vempub/vem_xml_config.h"
 
 namespace {
-
-#define FUZZ_CHECK(cond)                                                                     \
-  do {                                                                                       \
-    if (!(cond)) {                                                                           \
-      std::fprintf(stderr, "device_config_fuzz: check failed at line %d: %s\n", __LINE__, #cond); \
-      __builtin_trap();                                                                      \
-    }                                                                                        \
-  } while (0)
 
 const char kSentinelConfig[] =
     "<device><section name=\"FUZZ\"><item key=\"SENTINEL\" value=\"4242\"/></section></device>";

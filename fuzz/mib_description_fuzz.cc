@@ -29,17 +29,10 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/fuzz_check.h"
 #include "host/agent/mib_description.h"
 
 namespace {
-
-#define FUZZ_CHECK(cond)                                                                          \
-  do {                                                                                            \
-    if (!(cond)) {                                                                                \
-      std::fprintf(stderr, "mib_description_fuzz: check failed at line %d: %s\n", __LINE__, #cond); \
-      __builtin_trap();                                                                           \
-    }                                                                                             \
-  } while (0)
 
 using zerva_agent::MibColumn;
 using zerva_agent::MibDescription;

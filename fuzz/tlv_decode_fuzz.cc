@@ -24,18 +24,11 @@
 #include <memory>
 #include <vector>
 
+#include "fuzz/fuzz_check.h"
 #include "tlv/coding.h"
 #include "tlv/vem_message_package.h"
 
 namespace {
-
-#define FUZZ_CHECK(cond)                                                         \
-  do {                                                                           \
-    if (!(cond)) {                                                               \
-      std::fprintf(stderr, "tlv_decode_fuzz: check failed at line %d: %s\n", __LINE__, #cond); \
-      __builtin_trap();                                                          \
-    }                                                                            \
-  } while (0)
 
 constexpr unsigned int kHeadSize = TLVMsgHeadV3::SIZE;
 constexpr unsigned int kFailed = CTLVPackage::FAILED;

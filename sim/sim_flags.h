@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "sim/array_sim.h"
+#include "sim/sim_server.h"
 
 namespace zerva_sim {
 

@@ -42,13 +42,13 @@ set_target_properties(zerva_snmp_dlmod PROPERTIES
 target_link_options(zerva_snmp_dlmod PRIVATE -Wl,--exclude-libs,ALL)
 
 if(ZERVA_BUILD_TESTS)
-  zerva_add_test(zerva_agent_snmp_value_test ${ZERVA_AGENT_DIR}/snmp_value_test.cc
+  zerva_add_test(zerva_agent_snmp_value_test ${ZERVA_AGENT_DIR}/snmp_value_test.cpp
                  LIBS zerva_agent_core zerva_test_support)
-  zerva_add_test(zerva_agent_object_server_test ${ZERVA_AGENT_DIR}/object_server_test.cc
+  zerva_add_test(zerva_agent_object_server_test ${ZERVA_AGENT_DIR}/object_server_test.cpp
                  LIBS zerva_agent_core zerva_performance zerva_test_support)
-  zerva_add_test(zerva_agent_options_test ${ZERVA_AGENT_DIR}/agent_options_test.cc
+  zerva_add_test(zerva_agent_options_test ${ZERVA_AGENT_DIR}/agent_options_test.cpp
                  LIBS zerva_agent_core)
-  zerva_add_test(zerva_agent_module_host_test ${ZERVA_AGENT_DIR}/module_host_test.cc
+  zerva_add_test(zerva_agent_module_host_test ${ZERVA_AGENT_DIR}/module_host_test.cpp
                  LIBS zerva_agent_core zerva_test_support)
   target_compile_definitions(zerva_agent_module_host_test PRIVATE
     ZERVA_PLUGIN_PATH="$<TARGET_FILE:snmp_zerva_performance>"
@@ -56,7 +56,7 @@ if(ZERVA_BUILD_TESTS)
 
   # Whole processes on loopback: the program with the embedded simulator,
   # the Debian SNMP clients, and a stock snmpd for the AgentX and dlmod modes.
-  zerva_add_test(zerva_agent_process_test ${ZERVA_AGENT_DIR}/agent_process_test.cc LIBS zerva_agent_core zerva_process_harness)
+  zerva_add_test(zerva_agent_process_test ${ZERVA_AGENT_DIR}/agent_process_test.cpp LIBS zerva_agent_core zerva_process_harness)
   target_compile_definitions(zerva_agent_process_test PRIVATE
     ZERVA_AGENT_PROGRAM="$<TARGET_FILE:zerva-snmp-agent>"
     ZERVA_AGENT_DLMOD="$<TARGET_FILE:zerva_snmp_dlmod>"

@@ -9,7 +9,7 @@
 #include "snmpcommon/snmp_configuration.h"
 #include "snmpcommon/snmp_socket_transport.h"
 #include "vempub/vem_xml_config.h"
-#include "sim/array_sim.h"
+#include "sim/sim_server.h"
 
 namespace zerva_agent {
 

@@ -10,7 +10,7 @@ target_link_libraries(zerva_mib_description PRIVATE PkgConfig::PUGIXML)
 if(ZERVA_BUILD_TESTS)
   # The loader's own checks, and the shipped description against the
   # module's registry and the rows its handlers produce.
-  zerva_add_test(mib_description_test ${CMAKE_CURRENT_LIST_DIR}/mib_description_test.cc
+  zerva_add_test(mib_description_test ${CMAKE_CURRENT_LIST_DIR}/mib_description_test.cpp
                  LIBS zerva_mib_description zerva_module zerva_test_support)
   target_compile_definitions(mib_description_test PRIVATE
     ZERVA_SHIPPED_MIB_XML="${CMAKE_SOURCE_DIR}/mibs/VEM-PERFORMANCE.xml")

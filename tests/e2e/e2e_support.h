@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "host/agent/mib_description.h"
-#include "sim/array_sim.h"
+#include "sim/sim_server.h"
 #include "sim/array_simulator.h"
 #include "tests/process/process_harness.h"
 

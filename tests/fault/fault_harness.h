@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "host/agent/mib_description.h"
-#include "sim/array_sim.h"
+#include "sim/sim_server.h"
 #include "tests/process/process_harness.h"
 
 namespace zerva_fault {

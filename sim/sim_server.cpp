@@ -1,4 +1,4 @@
-#include "sim/array_sim.h"
+#include "sim/sim_server.h"
 
 #include <arpa/inet.h>
 #include <errno.h>

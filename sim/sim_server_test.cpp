@@ -1,4 +1,4 @@
-#include "sim/array_sim.h"
+#include "sim/sim_server.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>

@@ -13,7 +13,7 @@
 #include "performance/snmp_zerva_performance_node_handler.h"
 #include "performance/snmp_zerva_performance_port_handler.h"
 #include "performance/snmp_zerva_performance_switch.h"
-#include "sim/array_sim.h"
+#include "sim/sim_server.h"
 #include "sim/array_simulator.h"
 #include "snmpcommon/snmp_backend_capability.h"
 #include "snmpcommon/snmp_capability.h"

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <string>
 
-#include "sim/array_sim.h"
+#include "sim/sim_server.h"
 #include "sim/array_simulator.h"
 #include "sim/sim_flags.h"
 

@@ -16,7 +16,7 @@
 #include <string>
 #include <thread>
 
-#include "sim/array_sim.h"
+#include "sim/sim_server.h"
 #include "sim/array_simulator.h"
 #include "sim/sim_test_util.h"
 #include "snmpcommon/snmp_backend_frame.h"

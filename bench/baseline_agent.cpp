@@ -146,8 +146,10 @@ int Handle(netsnmp_mib_handler* handler, netsnmp_handler_registration* reg, nets
     if (t.object->kind == zerva_agent::MibObject::Scalar) {
       const bool exact = suffix == OidVec{0};
       if (reqinfo->mode == MODE_GET) {
-        if (exact) SetValue(vb, t, 0, t.object->columns[0]);
-        else netsnmp_set_request_error(reqinfo, r, SNMP_NOSUCHINSTANCE);
+        if (exact)
+          SetValue(vb, t, 0, t.object->columns[0]);
+        else
+          netsnmp_set_request_error(reqinfo, r, SNMP_NOSUCHINSTANCE);
       } else if (reqinfo->mode == MODE_GETNEXT && suffix.empty()) {
         OidVec inst(t.object->oid.begin(), t.object->oid.end());
         inst.push_back(0);
@@ -193,12 +195,18 @@ int main(int argc, char** argv) {
   for (int i = 1; i + 1 < argc; i += 2) {
     std::string flag = argv[i];
     const char* value = argv[i + 1];
-    if (flag == "--mib") mibPath = value;
-    else if (flag == "--listen") listen = value;
-    else if (flag == "--luns") counts["lun"] = atol(value);
-    else if (flag == "--ports") counts["port"] = atol(value);
-    else if (flag == "--controllers") counts["controller"] = atol(value);
-    else if (flag == "--filesystems") counts["fstable"] = atol(value);
+    if (flag == "--mib")
+      mibPath = value;
+    else if (flag == "--listen")
+      listen = value;
+    else if (flag == "--luns")
+      counts["lun"] = atol(value);
+    else if (flag == "--ports")
+      counts["port"] = atol(value);
+    else if (flag == "--controllers")
+      counts["controller"] = atol(value);
+    else if (flag == "--filesystems")
+      counts["fstable"] = atol(value);
     else {
       fprintf(stderr, "baseline_agent: unknown flag %s\n", flag.c_str());
       return 2;

@@ -45,10 +45,18 @@ std::string CounterText(std::mt19937_64& rng) {
   for (unsigned int v = 0; v < kValuesPerObject; ++v) {
     unsigned long long value;
     switch (v % 4) {
-      case 0: value = rng() % 100; break;                     // percentages
-      case 1: value = rng() % 100000; break;                  // IOPS, latency in us
-      case 2: value = rng() % 10000000000ULL; break;          // bandwidth in KB
-      default: value = rng() % 1000000000000000ULL; break;    // running totals
+      case 0:
+        value = rng() % 100;
+        break;  // percentages
+      case 1:
+        value = rng() % 100000;
+        break;  // IOPS, latency in us
+      case 2:
+        value = rng() % 10000000000ULL;
+        break;  // bandwidth in KB
+      default:
+        value = rng() % 1000000000000000ULL;
+        break;  // running totals
     }
     if (v != 0) text += ',';
     text += std::to_string(value);

@@ -12,12 +12,12 @@
 #include <ace/Log_Priority.h>
 
 // Logs a fixed format (which must begin with "%D %M (%t) ") and its arguments.
-#define VEM_ACE_ERROR_FMT(...)                                      \
-  do {                                                              \
-    int const vem_ace_errno__ = ACE_Log_Msg::last_error_adapter();  \
-    ACE_Log_Msg* vem_ace_log__ = ACE_Log_Msg::instance();           \
+#define VEM_ACE_ERROR_FMT(...)                                              \
+  do {                                                                      \
+    int const vem_ace_errno__ = ACE_Log_Msg::last_error_adapter();          \
+    ACE_Log_Msg* vem_ace_log__ = ACE_Log_Msg::instance();                   \
     vem_ace_log__->conditional_set(__FILE__, __LINE__, 0, vem_ace_errno__); \
-    vem_ace_log__->log(LM_ERROR, __VA_ARGS__);                      \
+    vem_ace_log__->log(LM_ERROR, __VA_ARGS__);                              \
   } while (0)
 
 // Logs one prepared text through "%D %M (%t) %s\n".

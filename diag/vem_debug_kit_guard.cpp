@@ -10,12 +10,10 @@ CVEMDebugKitGuard::CVEMDebugKitGuard(int kitNo, const std::string& funcName)
   kit_->trace("enter " + funcName_ + "...");
 }
 
-CVEMDebugKitGuard::~CVEMDebugKitGuard() {
-  kit_->trace("leave " + funcName_ + ": " + (ok_ ? "OK" : "NOK"));
-}
+CVEMDebugKitGuard::~CVEMDebugKitGuard() { kit_->trace("leave " + funcName_ + ": " + (ok_ ? "OK" : "NOK")); }
 
-void CVEMDebugKitGuard::error(unsigned long long code, const char* function, unsigned int line,
-                              const char* format, ...) {
+void CVEMDebugKitGuard::error(unsigned long long code, const char* function, unsigned int line, const char* format,
+                              ...) {
   ok_ = false;
   va_list args;
   va_start(args, format);
@@ -23,8 +21,8 @@ void CVEMDebugKitGuard::error(unsigned long long code, const char* function, uns
   va_end(args);
 }
 
-void CVEMDebugKitGuard::warn(unsigned long long code, const char* function, unsigned int line,
-                             const char* format, ...) {
+void CVEMDebugKitGuard::warn(unsigned long long code, const char* function, unsigned int line, const char* format,
+                             ...) {
   ok_ = false;
   va_list args;
   va_start(args, format);
@@ -32,8 +30,8 @@ void CVEMDebugKitGuard::warn(unsigned long long code, const char* function, unsi
   va_end(args);
 }
 
-void CVEMDebugKitGuard::debug(unsigned long long code, const char* function, unsigned int line,
-                              const char* format, ...) {
+void CVEMDebugKitGuard::debug(unsigned long long code, const char* function, unsigned int line, const char* format,
+                              ...) {
   va_list args;
   va_start(args, format);
   kit_->debug(code, function, line, format, args);

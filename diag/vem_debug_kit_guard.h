@@ -32,14 +32,14 @@ class CVEMDebugKitGuard {
   CVEMDebugKitGuard& operator=(const CVEMDebugKitGuard&) = delete;
 
   // Logs at error level and marks the operation failed.
-  void error(unsigned long long code, const char* function, unsigned int line, const char* format,
-             ...) __attribute__((format(printf, 5, 6)));
+  void error(unsigned long long code, const char* function, unsigned int line, const char* format, ...)
+      __attribute__((format(printf, 5, 6)));
   // Logs at warning level and marks the operation failed.
-  void warn(unsigned long long code, const char* function, unsigned int line, const char* format,
-            ...) __attribute__((format(printf, 5, 6)));
+  void warn(unsigned long long code, const char* function, unsigned int line, const char* format, ...)
+      __attribute__((format(printf, 5, 6)));
   // Logs at debug level; leaves the outcome alone.
-  void debug(unsigned long long code, const char* function, unsigned int line, const char* format,
-             ...) __attribute__((format(printf, 5, 6)));
+  void debug(unsigned long long code, const char* function, unsigned int line, const char* format, ...)
+      __attribute__((format(printf, 5, 6)));
 
   bool ok() const { return ok_; }
 

@@ -57,8 +57,7 @@ TEST(DebugKitGuardTest, ErrorMakesTheClosingLineNokAndCarriesItsCode) {
   KitLogCapture log;
   {
     CVEMDebugKitGuard guard(4, "f");
-    guard.error(65582, "GetBatchPerfData", 99, "faild to query perf data, UUID:%s, Item:%s, err:%d.", "11:3",
-                "1,2", 5);
+    guard.error(65582, "GetBatchPerfData", 99, "faild to query perf data, UUID:%s, Item:%s, err:%d.", "11:3", "1,2", 5);
   }
   EXPECT_THAT(log.traces(), ElementsAre("enter f...", "leave f: NOK"));
   auto errors = log.records(VEM_LOG_ERROR);

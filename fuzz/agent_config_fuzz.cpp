@@ -80,10 +80,10 @@ void Record(const char* token, char* line) { g_handed.push_back({token, line != 
 bool SameOptions(const AgentOptions& a, const AgentOptions& b) {
   return a.modulePath == b.modulePath && a.mibDir == b.mibDir && a.backend == b.backend &&
          a.backendTimeoutMs == b.backendTimeoutMs && a.snapshotSeconds == b.snapshotSeconds &&
-         a.batchRows == b.batchRows && a.logLevel == b.logLevel && a.logFile == b.logFile &&
-         a.syslog == b.syslog && a.deviceConfig == b.deviceConfig && a.simTopology == b.simTopology &&
-         a.simLuns == b.simLuns && a.simFileSystems == b.simFileSystems && a.simFeatures == b.simFeatures &&
-         a.simSeed == b.simSeed && a.agentx == b.agentx;
+         a.batchRows == b.batchRows && a.logLevel == b.logLevel && a.logFile == b.logFile && a.syslog == b.syslog &&
+         a.deviceConfig == b.deviceConfig && a.simTopology == b.simTopology && a.simLuns == b.simLuns &&
+         a.simFileSystems == b.simFileSystems && a.simFeatures == b.simFeatures && a.simSeed == b.simSeed &&
+         a.agentx == b.agentx;
 }
 
 // The value as the token sees it: without blanks, tabs and line ends around it.
@@ -153,8 +153,11 @@ bool Expect(const std::string& token, const std::string& v, AgentOptions* expect
     static const struct {
       const char* name;
       EVEMLogLevel level;
-    } kLevels[] = {{"trace", VEM_LOG_TRACE}, {"debug", VEM_LOG_DEBUG}, {"warn", VEM_LOG_WARN},
-                   {"error", VEM_LOG_ERROR}, {"off", VEM_LOG_OFF}};
+    } kLevels[] = {{"trace", VEM_LOG_TRACE},
+                   {"debug", VEM_LOG_DEBUG},
+                   {"warn", VEM_LOG_WARN},
+                   {"error", VEM_LOG_ERROR},
+                   {"off", VEM_LOG_OFF}};
     for (const auto& l : kLevels) {
       if (Lower(v) == l.name) {
         expected->logLevel = l.level;

@@ -6,12 +6,12 @@
 
 #include <cstdio>
 
-#define FUZZ_CHECK(cond)                                                                     \
-  do {                                                                                       \
-    if (!(cond)) {                                                                           \
-      std::fprintf(stderr, "%s:%d: fuzz check failed: %s\n", __FILE__, __LINE__, #cond);     \
-      __builtin_trap();                                                                      \
-    }                                                                                        \
+#define FUZZ_CHECK(cond)                                                                 \
+  do {                                                                                   \
+    if (!(cond)) {                                                                       \
+      std::fprintf(stderr, "%s:%d: fuzz check failed: %s\n", __FILE__, __LINE__, #cond); \
+      __builtin_trap();                                                                  \
+    }                                                                                    \
   } while (0)
 
 #endif  // ZERVA_FUZZ_FUZZ_CHECK_H_

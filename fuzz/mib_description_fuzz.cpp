@@ -57,9 +57,8 @@ bool SameColumn(const MibColumn& a, const MibColumn& b) {
 }
 
 bool SameObject(const MibObject& a, const MibObject& b) {
-  if (a.kind != b.kind || a.prefix != b.prefix || a.oid != b.oid || a.name != b.name ||
-      a.entryName != b.entryName || a.indexColumn != b.indexColumn || a.indexEncoding != b.indexEncoding ||
-      a.columns.size() != b.columns.size()) {
+  if (a.kind != b.kind || a.prefix != b.prefix || a.oid != b.oid || a.name != b.name || a.entryName != b.entryName ||
+      a.indexColumn != b.indexColumn || a.indexEncoding != b.indexEncoding || a.columns.size() != b.columns.size()) {
     return false;
   }
   for (size_t i = 0; i < a.columns.size(); ++i) {
@@ -191,8 +190,8 @@ std::string ToXml(const MibDescription& mib) {
              zerva_agent::MibSyntaxName(value.syntax) + "\" access=\"" + Access(value.writable) + "\"/>\n";
       continue;
     }
-    xml += "  <table prefix=\"" + obj.prefix + "\" name=\"" + obj.name + "\" entry=\"" + obj.entryName +
-           "\" index=\"" + std::to_string(obj.indexColumn) + "\" index-encoding=\"" +
+    xml += "  <table prefix=\"" + obj.prefix + "\" name=\"" + obj.name + "\" entry=\"" + obj.entryName + "\" index=\"" +
+           std::to_string(obj.indexColumn) + "\" index-encoding=\"" +
            (obj.indexEncoding == MibIndexEncoding::Integer ? "Integer" : "String") + "\">\n";
     for (const MibColumn& col : obj.columns) {
       xml += "    <column number=\"" + std::to_string(col.number) + "\" name=\"" + col.name + "\" syntax=\"" +

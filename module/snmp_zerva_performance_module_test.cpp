@@ -129,10 +129,9 @@ TEST(SvcModuleTest, NoFeatureGivesTheFiveFixedTablesInRegistrationOrder) {
   HostList list;
   module.getSvcHandler(list.entries);
   EXPECT_EQ(Prefixes({1, 4, 5, 3, 7}), list.prefixes());
-  EXPECT_THAT(list.types(),
-              ElementsAre(Type<CPerformanceSwithHandler>(), Type<CPerformanceLunHandler>(),
-                          Type<CPerformancePortHandler>(), Type<CPerformanceNodeHandler>(),
-                          Type<CPerformanceCacheHandler>()));
+  EXPECT_THAT(list.types(), ElementsAre(Type<CPerformanceSwithHandler>(), Type<CPerformanceLunHandler>(),
+                                        Type<CPerformancePortHandler>(), Type<CPerformanceNodeHandler>(),
+                                        Type<CPerformanceCacheHandler>()));
 }
 
 TEST(SvcModuleTest, OnlyCifsAddsTheTwoSmbTables) {
@@ -168,13 +167,13 @@ TEST(SvcModuleTest, AllFeaturesGiveElevenTablesInRegistrationOrder) {
   HostList list;
   module.getSvcHandler(list.entries);
   EXPECT_EQ(Prefixes({1, 4, 5, 3, 7, 10, 11, 15, 12, 13, 14}), list.prefixes());
-  EXPECT_THAT(list.types(),
-              ElementsAre(Type<CPerformanceSwithHandler>(), Type<CPerformanceLunHandler>(),
-                          Type<CPerformancePortHandler>(), Type<CPerformanceNodeHandler>(),
-                          Type<CPerformanceCacheHandler>(), Type<CPerformanceControllerNFSV3Handler>(),
-                          Type<CPerformanceControllerNFSV4Handler>(), Type<CPerformanceControllerNFSV41Handler>(),
-                          Type<CPerformanceControllerSMBV1Handler>(), Type<CPerformanceControllerSMBV2Handler>(),
-                          Type<CPerformanceFileSystemHandler>()));
+  EXPECT_THAT(
+      list.types(),
+      ElementsAre(Type<CPerformanceSwithHandler>(), Type<CPerformanceLunHandler>(), Type<CPerformancePortHandler>(),
+                  Type<CPerformanceNodeHandler>(), Type<CPerformanceCacheHandler>(),
+                  Type<CPerformanceControllerNFSV3Handler>(), Type<CPerformanceControllerNFSV4Handler>(),
+                  Type<CPerformanceControllerNFSV41Handler>(), Type<CPerformanceControllerSMBV1Handler>(),
+                  Type<CPerformanceControllerSMBV2Handler>(), Type<CPerformanceFileSystemHandler>()));
 }
 
 TEST(SvcModuleTest, FeaturesAreAskedOnceEachIn48_49_602Order) {

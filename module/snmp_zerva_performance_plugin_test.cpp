@@ -118,8 +118,9 @@ TEST(PluginTest, HandlersReachTheHostsBackEndAndDebugKits) {
   EXPECT_THAT(PackageText(rsp), ElementsAre("0xFFFFFFFFFFFFFFFF: 0/3/4/1"));
   ASSERT_EQ(1u, fixture.backend().callCount());
   EXPECT_EQ(zerva_test::kGetSwitchCmd, fixture.backend().calls()[0].id());
-  EXPECT_THAT(log.traces(),
-              Contains("leave virtual int CPerformanceSwithHandler::queryLeaf(const CVEM_SnmpContext&, CTLVCell*&): OK"));
+  EXPECT_THAT(
+      log.traces(),
+      Contains("leave virtual int CPerformanceSwithHandler::queryLeaf(const CVEM_SnmpContext&, CTLVCell*&): OK"));
 }
 
 TEST(PluginTest, WrongKindExceptionIsCaughtAsVemException) {

@@ -42,8 +42,8 @@ int CPerformanceCacheHandler::OnQueryTable(const CVEM_SnmpContext&, const CTLVPa
     const std::string objectId = (*it)[1]->toString();
     const int fetched = GetBatchPerfData(perf::kObjTypeController, objectId, m_strItems, values);
     if (fetched != 0) {
-      guard.error(VEM_CODE_ERROR, "OnQueryTable", __LINE__, "failed to get perf data of %s, err:%d",
-                  objectId.c_str(), fetched);
+      guard.error(VEM_CODE_ERROR, "OnQueryTable", __LINE__, "failed to get perf data of %s, err:%d", objectId.c_str(),
+                  fetched);
       return fetched;
     }
     const unsigned int node = CSnmpCommUtil::ParseCtrlNodeID(objectId);

@@ -64,8 +64,8 @@ std::vector<std::string> KitLines(const KitLogCapture& log) {
       out.push_back(text + "TRACE " + r.message);
       continue;
     }
-    const char* level = r.level == VEM_LOG_ERROR  ? "ERROR"
-                        : r.level == VEM_LOG_WARN ? "WARN"
+    const char* level = r.level == VEM_LOG_ERROR   ? "ERROR"
+                        : r.level == VEM_LOG_WARN  ? "WARN"
                         : r.level == VEM_LOG_DEBUG ? "DEBUG"
                                                    : "OTHER";
     char code[32];
@@ -155,11 +155,10 @@ TEST_F(PerformanceCacheTest, TwoControllersGiveTwoRowsWithMinusOneAsSignedFourBy
   EXPECT_EQ(Query(), 0);
   EXPECT_THAT(Requests(backend()),
               ElementsAre(kSwitchRequest, kListControllers, StatsRequest("0A"), StatsRequest("1B")));
-  EXPECT_THAT(PackageText(rsp_),
-              ElementsAre("0xFFFFFFFFFFFFFFFF: 1/3/4/0 2/3/4/1 3/3/4/2 4/4/4/4294967295 5/3/4/3",
-                          "0xFFFFFFFFFFFFFFFF: 1/3/4/5 2/3/4/4 3/3/4/5 4/4/4/4294967295 5/3/4/6"));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true),
-                                          Enter(kBatchSig), Leave(kBatchSig, true), Leave(kTableSig, true)));
+  EXPECT_THAT(PackageText(rsp_), ElementsAre("0xFFFFFFFFFFFFFFFF: 1/3/4/0 2/3/4/1 3/3/4/2 4/4/4/4294967295 5/3/4/3",
+                                             "0xFFFFFFFFFFFFFFFF: 1/3/4/5 2/3/4/4 3/3/4/5 4/4/4/4294967295 5/3/4/6"));
+  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig),
+                                          Leave(kBatchSig, true), Leave(kTableSig, true)));
 }
 
 TEST_F(PerformanceCacheTest, Tag4CellIsTypeFourFourBytesAllOnes) {
@@ -188,9 +187,8 @@ TEST_F(PerformanceCacheTest, NodeNumberOfTheFirstColumnIsParsedFromTheController
   backend().onStats("207:3D", "1,2,3");
   backend().onStats("207:12C", "4,5,6");
   EXPECT_EQ(Query(), 0);
-  EXPECT_THAT(PackageText(rsp_),
-              ElementsAre("0xFFFFFFFFFFFFFFFF: 1/3/4/15 2/3/4/1 3/3/4/2 4/4/4/4294967295 5/3/4/3",
-                          "0xFFFFFFFFFFFFFFFF: 1/3/4/50 2/3/4/4 3/3/4/5 4/4/4/4294967295 5/3/4/6"));
+  EXPECT_THAT(PackageText(rsp_), ElementsAre("0xFFFFFFFFFFFFFFFF: 1/3/4/15 2/3/4/1 3/3/4/2 4/4/4/4294967295 5/3/4/3",
+                                             "0xFFFFFFFFFFFFFFFF: 1/3/4/50 2/3/4/4 3/3/4/5 4/4/4/4294967295 5/3/4/6"));
   EXPECT_THAT(Requests(backend()),
               ElementsAre(kSwitchRequest, kListControllers, StatsRequest("3D"),
                           "listing=0 0xDE0222010: 0/2/8/\"207:12C\\0\" 8/2/12/\"110,120,303\\0\" 2/3/8/4"));
@@ -215,10 +213,10 @@ TEST_F(PerformanceCacheTest, UnparsableControllerIdEndsTheReadWithMinusOneAfterE
   EXPECT_THAT(Requests(backend()),
               ElementsAre(kSwitchRequest, kListControllers, StatsRequest("0A"), StatsRequest("X9")));
   EXPECT_THAT(PackageText(rsp_), ElementsAre("0xFFFFFFFFFFFFFFFF: 1/3/4/0 2/3/4/1 3/3/4/2 4/4/4/4294967295 5/3/4/3"));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true),
-                                          Enter(kBatchSig), Leave(kBatchSig, true),
-                                          Error("OnQueryTable", "faild to parse controller id X9."),
-                                          Leave(kTableSig, false)));
+  EXPECT_THAT(
+      KitLines(log_),
+      ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig), Leave(kBatchSig, true),
+                  Error("OnQueryTable", "faild to parse controller id X9."), Leave(kTableSig, false)));
   ExpectMessagesCarrySourceLines(log_);
 }
 
@@ -242,8 +240,8 @@ TEST_F(PerformanceCacheTest, FetchReturningOnlyTwoValuesEndsTheReadWithMinusOneA
   EXPECT_EQ(Query(), -1);
   EXPECT_THAT(rsp_.records(), IsEmpty());
   EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest, kListControllers, StatsRequest("0A")));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true),
-                                          Leave(kTableSig, true)));
+  EXPECT_THAT(KitLines(log_),
+              ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true), Leave(kTableSig, true)));
 }
 
 TEST_F(PerformanceCacheTest, FewerThanThreeValuesAfterEarlierRowsGivesMinusOneWithoutLogging) {
@@ -257,8 +255,8 @@ TEST_F(PerformanceCacheTest, FewerThanThreeValuesAfterEarlierRowsGivesMinusOneWi
               ElementsAre(kSwitchRequest, kListControllers, StatsRequest("0A"), StatsRequest("0B")));
   EXPECT_TRUE(log_.records(VEM_LOG_ERROR).empty());
   EXPECT_TRUE(log_.records(VEM_LOG_WARN).empty());
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true),
-                                          Enter(kBatchSig), Leave(kBatchSig, true), Leave(kTableSig, true)));
+  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig),
+                                          Leave(kBatchSig, true), Leave(kTableSig, true)));
 }
 
 TEST_F(PerformanceCacheTest, RefusedControllerListReturnsTheBackEndCodeAndLogsIt) {
@@ -295,12 +293,12 @@ TEST_F(PerformanceCacheTest, UnparsableStatisticsTextEndsTheReadWithMinusOneAndB
   EXPECT_EQ(Query(), -1);
   EXPECT_THAT(rsp_.records(), IsEmpty());
   EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest, kListControllers, StatsRequest("1A")));
-  EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kTableSig), Enter(kBatchSig),
-                          Error("GetBatchPerfData",
-                                "faild to parse perf data, UUID:207:1A, Item:110,120,303, Value:1,two,3."),
-                          Leave(kBatchSig, false), Error("OnQueryTable", "failed to get perf data of 1A, err:-1"),
-                          Leave(kTableSig, false)));
+  EXPECT_THAT(
+      KitLines(log_),
+      ElementsAre(Enter(kTableSig), Enter(kBatchSig),
+                  Error("GetBatchPerfData", "faild to parse perf data, UUID:207:1A, Item:110,120,303, Value:1,two,3."),
+                  Leave(kBatchSig, false), Error("OnQueryTable", "failed to get perf data of 1A, err:-1"),
+                  Leave(kTableSig, false)));
   ExpectMessagesCarrySourceLines(log_);
 }
 

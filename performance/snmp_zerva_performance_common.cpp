@@ -19,8 +19,8 @@ unsigned int CSnmpPerformanceCommon::GetPerfSwitchSta() {
   return CTLVCell::ValueCast<unsigned int>()(state);
 }
 
-int CSnmpPerformanceCommon::GetBatchPerfData(unsigned int objType, const std::string& objID,
-                                             const std::string& items, std::vector<unsigned int>& values) {
+int CSnmpPerformanceCommon::GetBatchPerfData(unsigned int objType, const std::string& objID, const std::string& items,
+                                             std::vector<unsigned int>& values) {
   CVEMDebugKitGuard guard(VEM_KIT_HANDLER,
                           "int CSnmpPerformanceCommon::GetBatchPerfData(u_int, const string&, const string&, "
                           "std::vector<unsigned int>&)");

@@ -53,8 +53,8 @@ std::vector<std::string> KitLines(const KitLogCapture& log) {
       out.push_back(text + "TRACE " + r.message);
       continue;
     }
-    const char* level = r.level == VEM_LOG_ERROR  ? "ERROR"
-                        : r.level == VEM_LOG_WARN ? "WARN"
+    const char* level = r.level == VEM_LOG_ERROR   ? "ERROR"
+                        : r.level == VEM_LOG_WARN  ? "WARN"
                         : r.level == VEM_LOG_DEBUG ? "DEBUG"
                                                    : "OTHER";
     char code[32];
@@ -117,8 +117,8 @@ TEST_F(PerformanceCommonTest, SwitchStatesOtherThanOneArePassedThroughUnchanged)
   EXPECT_EQ(common_.GetPerfSwitchSta(), 2u);
   fixture_.setSwitch(0xFFFFFFFFu);
   EXPECT_EQ(common_.GetPerfSwitchSta(), 0xFFFFFFFFu);
-  EXPECT_THAT(Requests(backend()), ElementsAre("listing=0 0xDE0222001: ", "listing=0 0xDE0222001: ",
-                                               "listing=0 0xDE0222001: "));
+  EXPECT_THAT(Requests(backend()),
+              ElementsAre("listing=0 0xDE0222001: ", "listing=0 0xDE0222001: ", "listing=0 0xDE0222001: "));
   EXPECT_THAT(KitLines(log_), IsEmpty());
 }
 
@@ -264,10 +264,10 @@ TEST_F(PerformanceCommonTest, AnswerTextThatIsNotNumbersGivesMinusOneAndOneParse
   EXPECT_THAT(values, ElementsAre(7u));
   EXPECT_THAT(Requests(backend()),
               ElementsAre("listing=0 0xDE0222010: 0/2/5/\"11:3\\0\" 8/2/10/\"182,439,5\\0\" 2/3/8/4"));
-  EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kBatchSig),
-                          Error("GetBatchPerfData", "faild to parse perf data, UUID:11:3, Item:182,439,5, Value:1,x,3."),
-                          Leave(kBatchSig, false)));
+  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kBatchSig),
+                                          Error("GetBatchPerfData",
+                                                "faild to parse perf data, UUID:11:3, Item:182,439,5, Value:1,x,3."),
+                                          Leave(kBatchSig, false)));
   ExpectMessagesCarrySourceLines(log_);
 }
 
@@ -290,8 +290,7 @@ TEST_F(PerformanceCommonTest, BatchBackEndFailureReturnsItsCodeUnchangedAndLeave
   std::vector<unsigned int> values = {1, 2};
   EXPECT_EQ(common_.GetBatchPerfData(40, "fs-9", "12", values), 1077949460);
   EXPECT_THAT(values, ElementsAre(1u, 2u));
-  EXPECT_THAT(Requests(backend()),
-              ElementsAre("listing=0 0xDE0222010: 0/2/8/\"40:fs-9\\0\" 8/2/3/\"12\\0\" 2/3/8/4"));
+  EXPECT_THAT(Requests(backend()), ElementsAre("listing=0 0xDE0222010: 0/2/8/\"40:fs-9\\0\" 8/2/3/\"12\\0\" 2/3/8/4"));
   EXPECT_THAT(KitLines(log_),
               ElementsAre(Enter(kBatchSig),
                           Error("GetBatchPerfData", "faild to query perf data, UUID:40:fs-9, Item:12, err:1077949460."),
@@ -325,12 +324,12 @@ TEST_F(PerformanceCommonTest, BatchAnswerWithAnEmptyTextGivesMinusOneAndParseFai
 
 TEST_F(PerformanceCommonTest, StatisticsCodeIsLookedUpOnEveryCallSwitchCodeOnceAtConstruction) {
   std::string error;
-  ASSERT_TRUE(CVEMXmlConfig::instance()->loadFromString(
-      "<device><section name=\"COMMAND\">"
-      "<item key=\"GET_PERFORMANCE_SWITCH\" value=\"101\"/>"
-      "<item key=\"GET_CUR_STATISTIC_DATA\" value=\"202\"/>"
-      "</section></device>",
-      &error))
+  ASSERT_TRUE(
+      CVEMXmlConfig::instance()->loadFromString("<device><section name=\"COMMAND\">"
+                                                "<item key=\"GET_PERFORMANCE_SWITCH\" value=\"101\"/>"
+                                                "<item key=\"GET_CUR_STATISTIC_DATA\" value=\"202\"/>"
+                                                "</section></device>",
+                                                &error))
       << error;
   fixture_.setSwitch(1);
   backend().on(101, Answer{Rec().u32(0, 6)});
@@ -343,9 +342,9 @@ TEST_F(PerformanceCommonTest, StatisticsCodeIsLookedUpOnEveryCallSwitchCodeOnceA
   CSnmpPerformanceCommon later;
   EXPECT_EQ(later.GetPerfSwitchSta(), 6u);
 
-  EXPECT_THAT(Requests(backend()), ElementsAre("listing=0 0xDE0222001: ",
-                                               "listing=0 0xCA: 0/2/5/\"11:3\\0\" 8/2/4/\"182\\0\" 2/3/8/4",
-                                               "listing=0 0x65: "));
+  EXPECT_THAT(Requests(backend()),
+              ElementsAre("listing=0 0xDE0222001: ", "listing=0 0xCA: 0/2/5/\"11:3\\0\" 8/2/4/\"182\\0\" 2/3/8/4",
+                          "listing=0 0x65: "));
   EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kBatchSig), Leave(kBatchSig, true)));
 }
 

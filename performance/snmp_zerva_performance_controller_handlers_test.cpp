@@ -56,11 +56,16 @@ std::vector<std::string> Requests(const FakeBackend& backend) {
 
 std::string LevelName(EVEMLogLevel level) {
   switch (level) {
-    case VEM_LOG_TRACE: return "TRACE";
-    case VEM_LOG_DEBUG: return "DEBUG";
-    case VEM_LOG_WARN: return "WARN";
-    case VEM_LOG_ERROR: return "ERROR";
-    default: return "?";
+    case VEM_LOG_TRACE:
+      return "TRACE";
+    case VEM_LOG_DEBUG:
+      return "DEBUG";
+    case VEM_LOG_WARN:
+      return "WARN";
+    case VEM_LOG_ERROR:
+      return "ERROR";
+    default:
+      return "?";
   }
 }
 
@@ -306,8 +311,7 @@ TEST_P(FileProtocolTableTest, ItemListIsNotLoggedWhileSwitchIsOff) {
   EXPECT_EQ(Query(), 0);
 
   EXPECT_EQ(Messages(log_), (std::vector<std::string>{kItemsDebug}));
-  EXPECT_EQ(Requests(backend()),
-            (std::vector<std::string>{kSwitchRequest, kSwitchRequest, kListing207, Stats("0A")}));
+  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kSwitchRequest, kListing207, Stats("0A")}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"0A\0" 2/3/4/1 3/3/4/2)"}));
   std::vector<std::string> traces{Enter(kQuerySig), Leave(kQuerySig, true)};
   const std::vector<std::string> on = FirstQueryTraces({true}, true);
@@ -453,7 +457,7 @@ TEST_F(FileProtocolFamilyTest, ItemListIsLoggedOncePerHandlerObject) {
             (std::vector<std::string>{kSwitchRequest, kListing207, stats, kSwitchRequest, kListing207, stats,
                                       kSwitchRequest, kListing207, stats, kSwitchRequest, kListing207, stats}));
   EXPECT_EQ(PackageText(rsp), std::vector<std::string>(4, R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"0A\0" 2/3/4/1 3/3/4/2)"));
-  const std::vector<std::string> first_query = {Enter(kQuerySig), Enter(kItemsSig),         Leave(kItemsSig, true),
+  const std::vector<std::string> first_query = {Enter(kQuerySig), Enter(kItemsSig),       Leave(kItemsSig, true),
                                                 Enter(kBatchSig), Leave(kBatchSig, true), Leave(kQuerySig, true)};
   const std::vector<std::string> later_query = {Enter(kQuerySig), Enter(kBatchSig), Leave(kBatchSig, true),
                                                 Leave(kQuerySig, true)};

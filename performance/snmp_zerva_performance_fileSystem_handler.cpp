@@ -87,8 +87,8 @@ void CPerformanceFileSystemHandler::postGetRspCell(const CTLVRecordV3&) {
 }
 
 void CPerformanceFileSystemHandler::fillRspRecord(const CTLVRecordV3& in, CTLVRecordV3* out) {
-  CVEMDebugKitGuard guard(VEM_KIT_HANDLER,
-                          "virtual void CPerformanceFileSystemHandler::fillRspRecord(const CTLVRecordV3&, CTLVRecordV3*)");
+  CVEMDebugKitGuard guard(
+      VEM_KIT_HANDLER, "virtual void CPerformanceFileSystemHandler::fillRspRecord(const CTLVRecordV3&, CTLVRecordV3*)");
   const CTLVCell* id = in[1];
   id->checkString();
   out->append(tlv::NewStringCell(1, id->toString()));

@@ -26,7 +26,7 @@ class CPerformanceFileSystemHandler : public CSnmpTableBase {
   bool checkOKBeforeQueryTable(const CVEM_SnmpContext& ctx) override;
 
   // The unsorted listing, kept as it is by fillReqRecord.
-  static const unsigned long long kPlainListingCmd = 55834574848ULL;   // 0xD00000000
+  static const unsigned long long kPlainListingCmd = 55834574848ULL;  // 0xD00000000
   // The sorted listing that every other listing becomes.
   static const unsigned long long kSortedListingCmd = 55834583059ULL;  // 0xD00002013
 

@@ -154,9 +154,9 @@ std::string Row(const std::string& id, unsigned int n) {
 
 // The kit-4 lines of one row of the per-row path.
 std::vector<std::string> RowLines() {
-  return {Enter(kIndexSig),    Leave(kIndexSig, true),    Enter(kPreSig),   Enter(kPerfDataSig),
-          Leave(kPerfDataSig, true), Leave(kPreSig, true), Enter(kFillSig), Leave(kFillSig, true),
-          Enter(kPostSig),     Leave(kPostSig, true)};
+  return {Enter(kIndexSig),          Leave(kIndexSig, true), Enter(kPreSig),  Enter(kPerfDataSig),
+          Leave(kPerfDataSig, true), Leave(kPreSig, true),   Enter(kFillSig), Leave(kFillSig, true),
+          Enter(kPostSig),           Leave(kPostSig, true)};
 }
 
 class PerformanceFileSystemTest : public ::testing::Test {
@@ -288,13 +288,13 @@ TEST_F(PerformanceFileSystemTest, PerRowStatisticsFailureIsLoggedWithAnEmptyIdAn
   std::unique_ptr<CTLVRecordV3> listed(FileSystem("3").build());
   EXPECT_EQ(handler_.preGetRspCell(*listed), 5);
   EXPECT_THAT(Requests(backend()), ElementsAre(StatsRequest("3")));
-  EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kPreSig), Enter(kPerfDataSig),
-                          Error("GetBatchPerfData",
-                                std::string("faild to query perf data, UUID:40:3, Item:") + kItems + ", err:5."),
-                          Leave(kPerfDataSig, false),
-                          Error("preGetRspCell", "get performance data of lun  failed, errcode=5"),
-                          Leave(kPreSig, false)));
+  EXPECT_THAT(
+      KitLines(log_),
+      ElementsAre(
+          Enter(kPreSig), Enter(kPerfDataSig),
+          Error("GetBatchPerfData", std::string("faild to query perf data, UUID:40:3, Item:") + kItems + ", err:5."),
+          Leave(kPerfDataSig, false), Error("preGetRspCell", "get performance data of lun  failed, errcode=5"),
+          Leave(kPreSig, false)));
   ExpectMessagesCarrySourceLines(log_);
 }
 
@@ -373,9 +373,9 @@ TEST_F(PerformanceFileSystemTest, AWalkOfFiveFileSystemsListsSortedAndQueriesEac
   CTLVPackage req;
   EXPECT_EQ(handler_.OnQueryTable(walk, req, rsp_), 0);
   EXPECT_TRUE(handler_.isWholeTable());
-  EXPECT_THAT(PackageText(rsp_), ElementsAre(kResponseId + Row("1", 1), kResponseId + Row("2", 2),
-                                             kResponseId + Row("3", 3), kResponseId + Row("4", 4),
-                                             kResponseId + Row("5", 5)));
+  EXPECT_THAT(PackageText(rsp_),
+              ElementsAre(kResponseId + Row("1", 1), kResponseId + Row("2", 2), kResponseId + Row("3", 3),
+                          kResponseId + Row("4", 4), kResponseId + Row("5", 5)));
   EXPECT_THAT(Requests(backend()),
               ElementsAre(kSwitchRequest, SortedListingRequest(""), StatsRequest("1"), StatsRequest("2"),
                           StatsRequest("3"), StatsRequest("4"), StatsRequest("5")));
@@ -440,8 +440,8 @@ TEST_F(PerformanceFileSystemTest, AWalkLosesTheRowOfAFileSystemWhoseStatisticsFa
                                                StatsRequest("2"), StatsRequest("3")));
   std::vector<std::string> errors;
   for (const CVEMLogRecord& r : log_.records(VEM_LOG_ERROR)) errors.push_back(r.function + ": " + r.message);
-  EXPECT_THAT(errors, ElementsAre(std::string("GetBatchPerfData: faild to query perf data, UUID:40:2, Item:") +
-                                      kItems + ", err:5.",
+  EXPECT_THAT(errors, ElementsAre(std::string("GetBatchPerfData: faild to query perf data, UUID:40:2, Item:") + kItems +
+                                      ", err:5.",
                                   "preGetRspCell: get performance data of lun  failed, errcode=5"));
 }
 

@@ -18,9 +18,7 @@ const unsigned long long kLunBatchStatsCmd = 59594907720ULL;  // 0xDE0222048
 const unsigned int kStatsIdTag = 13;
 
 // a * 100 / b in unsigned 32-bit arithmetic (the product wraps); 0 when b is 0.
-unsigned int Percent(unsigned int a, unsigned int b) {
-  return b == 0 ? 0 : static_cast<unsigned int>(a * 100u) / b;
-}
+unsigned int Percent(unsigned int a, unsigned int b) { return b == 0 ? 0 : static_cast<unsigned int>(a * 100u) / b; }
 
 }  // namespace
 
@@ -120,8 +118,8 @@ int CPerformanceLunHandler::GetBatchTableInfo_i(CTLVPackageV3<TLVMsgHeadV3>& lis
   }
   m_iRetCode = QueryPerfLunData(batchObjID, rsp);
   if (m_iRetCode != 0) return m_iRetCode;
-  guard.error(VEM_CODE_ERROR, "GetBatchTableInfo_i", __LINE__, "query LUN performance. batchObjID:%s, amount:%d, index:%s",
-              batchObjID.c_str(), amount, index.c_str());
+  guard.error(VEM_CODE_ERROR, "GetBatchTableInfo_i", __LINE__,
+              "query LUN performance. batchObjID:%s, amount:%d, index:%s", batchObjID.c_str(), amount, index.c_str());
   return collectResult;
 }
 

@@ -33,8 +33,8 @@ class CPerformanceLunHandler : public CSnmpTableBase {
   // Collects the IDs of the next batch of LUNs from the listing, joined by
   // commas. Returns 0 when the batch is complete, -1 when the listing reply
   // is used up or ends the walk.
-  int GetBatchUUID(CTLVPackageV3<TLVMsgHeadV3>& listing, Uint32& amount, std::string& index,
-                   std::string& firstIndex, std::string& batchObjID);
+  int GetBatchUUID(CTLVPackageV3<TLVMsgHeadV3>& listing, Uint32& amount, std::string& index, std::string& firstIndex,
+                   std::string& batchObjID);
   // Fetches the statistics of the LUNs in objID (IDs joined by commas) with
   // one command and appends one row per LUN. Returns 0, the back end's code,
   // or -1.

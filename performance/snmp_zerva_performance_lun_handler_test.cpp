@@ -324,8 +324,8 @@ TEST_F(PerformanceLunTest, ANonEmptyCurrentKeyFollowsTheObjectTypeAsATextCellAnd
   handler_.fillReqRecord(&other);
   EXPECT_EQ(other.id(), 0xD00000000ULL);
   EXPECT_EQ(RecordText(other), "0/6/8/11 1/2/4/\"160\\0\"");
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kFillReqSig), Leave(kFillReqSig, true), Enter(kFillReqSig),
-                                          Leave(kFillReqSig, true)));
+  EXPECT_THAT(KitLines(log_),
+              ElementsAre(Enter(kFillReqSig), Leave(kFillReqSig, true), Enter(kFillReqSig), Leave(kFillReqSig, true)));
 }
 
 // ---------------------------------------------------------------------------
@@ -360,13 +360,13 @@ TEST_F(PerformanceLunTest, PerRowStatisticsFailureIsLoggedWithAnEmptyLunIdAndIts
   std::unique_ptr<CTLVRecordV3> listed(Lun("7").build());
   EXPECT_EQ(handler_.preGetRspCell(*listed), 5);
   EXPECT_THAT(Requests(backend()), ElementsAre(RowStatsRequest("7")));
-  EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kPreSig), Enter(kPerfDataSig),
-                          Error("GetBatchPerfData",
-                                std::string("faild to query perf data, UUID:11:7, Item:") + kItems + ", err:5."),
-                          Leave(kPerfDataSig, false),
-                          Error("preGetRspCell", "get performance data of lun  failed, errcode=5"),
-                          Leave(kPreSig, false)));
+  EXPECT_THAT(
+      KitLines(log_),
+      ElementsAre(
+          Enter(kPreSig), Enter(kPerfDataSig),
+          Error("GetBatchPerfData", std::string("faild to query perf data, UUID:11:7, Item:") + kItems + ", err:5."),
+          Leave(kPerfDataSig, false), Error("preGetRspCell", "get performance data of lun  failed, errcode=5"),
+          Leave(kPreSig, false)));
   ExpectMessagesCarrySourceLines(log_);
   // Nothing was fetched: a fill now gives the ID column only.
   CTLVRecordV3 row(CTLVRecordV3::RESPONSE_ID, 32);
@@ -378,13 +378,13 @@ TEST_F(PerformanceLunTest, PerRowUnparsableValuesReturnMinusOneWithAnEmptyLunId)
   backend().onStats("11:7", "1,x,3");
   std::unique_ptr<CTLVRecordV3> listed(Lun("7").build());
   EXPECT_EQ(handler_.preGetRspCell(*listed), -1);
-  EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kPreSig), Enter(kPerfDataSig),
-                          Error("GetBatchPerfData", std::string("faild to parse perf data, UUID:11:7, Item:") + kItems +
-                                                        ", Value:1,x,3."),
-                          Leave(kPerfDataSig, false),
-                          Error("preGetRspCell", "get performance data of lun  failed, errcode=-1"),
-                          Leave(kPreSig, false)));
+  EXPECT_THAT(
+      KitLines(log_),
+      ElementsAre(Enter(kPreSig), Enter(kPerfDataSig),
+                  Error("GetBatchPerfData",
+                        std::string("faild to parse perf data, UUID:11:7, Item:") + kItems + ", Value:1,x,3."),
+                  Leave(kPerfDataSig, false), Error("preGetRspCell", "get performance data of lun  failed, errcode=-1"),
+                  Leave(kPreSig, false)));
 }
 
 TEST_F(PerformanceLunTest, PercentColumnsAreZeroWithoutItem22TruncatedAndWrapIn32Bits) {
@@ -656,10 +656,9 @@ TEST_F(PerformanceLunTest, AStatisticsReplyOpeningWithControlOneGivesNoRowsAndZe
 }
 
 TEST_F(PerformanceLunTest, StatisticsRecordsWithControlZeroOrEmptyAreRowsAndEmptyRecordsAreSkipped) {
-  backend().on(kLunStatsCmd,
-               Answer{Rec(), Rec().u32(4095, 0).str(13, "4").str(9, "1,2,3,4,5,6,7,8,9,10,11,12,13"),
-                      Rec().cell(4095, 3, {}).str(13, "5").str(9, "1,2,3,4,5,6,7,8,9,10,11,12,13"),
-                      Rec().u32(4095, 2).str(13, "6").str(9, "1,2,3")});
+  backend().on(kLunStatsCmd, Answer{Rec(), Rec().u32(4095, 0).str(13, "4").str(9, "1,2,3,4,5,6,7,8,9,10,11,12,13"),
+                                    Rec().cell(4095, 3, {}).str(13, "5").str(9, "1,2,3,4,5,6,7,8,9,10,11,12,13"),
+                                    Rec().u32(4095, 2).str(13, "6").str(9, "1,2,3")});
   EXPECT_EQ(handler_.QueryPerfLunData("4,5,6", rsp_), 0);
   EXPECT_THAT(PackageText(rsp_),
               ElementsAre(kResponseId + LunRow(4, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13}, 150, 200),
@@ -681,15 +680,15 @@ TEST_F(PerformanceLunTest, BatchQueryFailureLogsObjIdItemsAndCodeAndReturnsTheCo
 }
 
 TEST_F(PerformanceLunTest, UnparsableValueListLogsAndReturnsMinusOneKeepingEarlierRows) {
-  backend().on(kLunStatsCmd, Answer{Rec().str(13, "1").str(9, "1,2,3,4,5,6,7,8,9,10,11,12,13"),
-                                    Rec().str(13, "2").str(9, "1,,3"),
-                                    Rec().str(13, "3").str(9, "1,2,3,4,5,6,7,8,9,10,11,12,13")});
+  backend().on(kLunStatsCmd,
+               Answer{Rec().str(13, "1").str(9, "1,2,3,4,5,6,7,8,9,10,11,12,13"), Rec().str(13, "2").str(9, "1,,3"),
+                      Rec().str(13, "3").str(9, "1,2,3,4,5,6,7,8,9,10,11,12,13")});
   EXPECT_EQ(handler_.QueryPerfLunData("1,2,3", rsp_), -1);
   EXPECT_THAT(PackageText(rsp_),
               ElementsAre(kResponseId + LunRow(1, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13}, 150, 200)));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kQuerySig), Enter(kPostSig), Leave(kPostSig, true),
-                                          Error("QueryPerfLunData", "faild to parse perf data."),
-                                          Leave(kQuerySig, false)));
+  EXPECT_THAT(KitLines(log_),
+              ElementsAre(Enter(kQuerySig), Enter(kPostSig), Leave(kPostSig, true),
+                          Error("QueryPerfLunData", "faild to parse perf data."), Leave(kQuerySig, false)));
   ExpectMessagesCarrySourceLines(log_);
 }
 
@@ -699,8 +698,8 @@ TEST_F(PerformanceLunTest, NonNumericControlCellThrowsFromQueryPerfLunData) {
   EXPECT_EQ(ThrownText([&] { handler_.QueryPerfLunData("1,2", rsp_); }),
             "CVEM_Exception: CTLVCell isn't numerical type! tag equal to 4095");
   EXPECT_EQ(rsp_.size(), 1u);
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kQuerySig), Enter(kPostSig), Leave(kPostSig, true),
-                                          Leave(kQuerySig, true)));
+  EXPECT_THAT(KitLines(log_),
+              ElementsAre(Enter(kQuerySig), Enter(kPostSig), Leave(kPostSig, true), Leave(kQuerySig, true)));
 }
 
 TEST_F(PerformanceLunTest, NonStringLunIdInAStatisticsRecordThrowsWithoutAddingARow) {
@@ -741,8 +740,7 @@ TEST_F(PerformanceLunTest, ABatchIsQueriedWithOneCommandAndLoggedAtErrorLevel) {
     expected.push_back(Leave(kPostSig, true));
   }
   expected.push_back(Leave(kQuerySig, true));
-  expected.push_back(
-      Error("GetBatchTableInfo_i", "query LUN performance. batchObjID:1,2,3, amount:0, index:3"));
+  expected.push_back(Error("GetBatchTableInfo_i", "query LUN performance. batchObjID:1,2,3, amount:0, index:3"));
   expected.push_back(Leave(kBatchInfoSig, false));
   EXPECT_THAT(KitLines(log_), ElementsAreArray(expected));
   ExpectMessagesCarrySourceLines(log_);
@@ -762,9 +760,9 @@ TEST_F(PerformanceLunTest, ABatchCutShortByTheListingReturnsMinusOneAfterItsRows
   EXPECT_EQ(handler_.m_iRetCode, 0);
   EXPECT_EQ(amount, 158u);
   EXPECT_THAT(PackageText(rsp_), ElementsAre(WalkRow(5), WalkRow(6)));
-  EXPECT_THAT(KitLines(log_, 4),
-              ::testing::Contains(
-                  Error("GetBatchTableInfo_i", "query LUN performance. batchObjID:5,6, amount:158, index:6")));
+  EXPECT_THAT(
+      KitLines(log_, 4),
+      ::testing::Contains(Error("GetBatchTableInfo_i", "query LUN performance. batchObjID:5,6, amount:158, index:6")));
 }
 
 TEST_F(PerformanceLunTest, AListingOpeningWithTheEndGivesAnEmptyBatchAndTheEndMessage) {
@@ -782,8 +780,9 @@ TEST_F(PerformanceLunTest, AListingOpeningWithTheEndGivesAnEmptyBatchAndTheEndMe
   EXPECT_EQ(handler_.m_iRetCode, 0);
   EXPECT_THAT(rsp_.records(), IsEmpty());
   EXPECT_EQ(backend().callCount(), 0u);
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kBatchInfoSig), Debug("GetBatchTableInfo_i", "end to  get perf lun data"),
-                                          Leave(kBatchInfoSig, true)));
+  EXPECT_THAT(KitLines(log_),
+              ElementsAre(Enter(kBatchInfoSig), Debug("GetBatchTableInfo_i", "end to  get perf lun data"),
+                          Leave(kBatchInfoSig, true)));
   ExpectMessagesCarrySourceLines(log_);
 }
 
@@ -798,8 +797,9 @@ TEST_F(PerformanceLunTest, AnEmptyListingReplyGivesTheEndMessageAndAsksForMore) 
   EXPECT_EQ(collected, -1);
   EXPECT_EQ(index, "160");
   EXPECT_EQ(backend().callCount(), 0u);
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kBatchInfoSig), Debug("GetBatchTableInfo_i", "end to  get perf lun data"),
-                                          Leave(kBatchInfoSig, true)));
+  EXPECT_THAT(KitLines(log_),
+              ElementsAre(Enter(kBatchInfoSig), Debug("GetBatchTableInfo_i", "end to  get perf lun data"),
+                          Leave(kBatchInfoSig, true)));
 }
 
 TEST_F(PerformanceLunTest, BackEndRefusingTheBatchIsLoggedReturnedAndStoredAsTheResultCode) {
@@ -826,8 +826,8 @@ TEST_F(PerformanceLunTest, BackEndRefusingTheBatchIsLoggedReturnedAndStoredAsThe
 }
 
 TEST_F(PerformanceLunTest, UnparsableBatchValuesAreStoredAsResultMinusOne) {
-  backend().on(kLunStatsCmd, Answer{Rec().str(13, "1").str(9, "1,2,3,4,5,6,7,8,9,10,11,12,13"),
-                                    Rec().str(13, "2").str(9, "oops")});
+  backend().on(kLunStatsCmd,
+               Answer{Rec().str(13, "1").str(9, "1,2,3,4,5,6,7,8,9,10,11,12,13"), Rec().str(13, "2").str(9, "oops")});
   auto listing = Package({Lun("1"), Lun("2"), Control(1)});
   std::string index = CSnmpTableBase::INVALID_KEY;
   std::string firstIndex = CSnmpTableBase::INVALID_KEY;
@@ -918,7 +918,8 @@ TEST_F(PerformanceLunTest, AWalkWhoseThirdBatchFailsReturnsItsCodeAndKeepsTheEar
   BatchStatsResponder stats;
   int batches = 0;
   backend().on(zerva_test::kListingCmd, listing);
-  backend().on(kLunStatsCmd, [&](const CTLVPackage& req, bool l) { return ++batches == 3 ? Answer(5) : stats(req, l); });
+  backend().on(kLunStatsCmd,
+               [&](const CTLVPackage& req, bool l) { return ++batches == 3 ? Answer(5) : stats(req, l); });
   CVEM_SnmpContext walk;
   CTLVPackage req;
   EXPECT_EQ(handler_.OnQueryTable(walk, req, rsp_), 5);
@@ -933,13 +934,13 @@ TEST_F(PerformanceLunTest, AWalkWhoseThirdBatchFailsReturnsItsCodeAndKeepsTheEar
                                       ListingRequest("320"), BatchStatsRequest("," + JoinKeys(321, 480))}));
   std::vector<std::string> errors;
   for (const CVEMLogRecord& r : log_.records(VEM_LOG_ERROR)) errors.push_back(r.function + ": " + r.message);
-  EXPECT_EQ(errors, std::vector<std::string>(
-                        {"GetBatchTableInfo_i: query LUN performance. batchObjID:" + JoinKeys(1, 160) +
-                             ", amount:0, index:160",
-                         "GetBatchTableInfo_i: query LUN performance. batchObjID:," + JoinKeys(161, 320) +
-                             ", amount:0, index:320",
-                         "QueryPerfLunData: faild to query perf data, objID:," + JoinKeys(321, 480) + ", Item:" +
-                             kItems + ", err:5."}));
+  EXPECT_EQ(
+      errors,
+      std::vector<std::string>(
+          {"GetBatchTableInfo_i: query LUN performance. batchObjID:" + JoinKeys(1, 160) + ", amount:0, index:160",
+           "GetBatchTableInfo_i: query LUN performance. batchObjID:," + JoinKeys(161, 320) + ", amount:0, index:320",
+           "QueryPerfLunData: faild to query perf data, objID:," + JoinKeys(321, 480) + ", Item:" + kItems +
+               ", err:5."}));
 }
 
 TEST_F(PerformanceLunTest, AnUnreachableBackEndEndsTheWalkWithTheTransportCodeStoredAsTheResult) {

@@ -16,7 +16,7 @@ class CPerformanceNodeHandler : public CPerformanceSimpleHandler {
   ~CPerformanceNodeHandler() override {}
 
   std::string getStatistics() override;
-  unsigned int getObjIDForKey() override;  // 207, controllers
+  unsigned int getObjIDForKey() override;   // 207, controllers
   unsigned int getObjIDForPerf() override;  // getObjIDForKey()
   // Node number in tag 1, then one value per item in tags 2 to 12; without
   // feature 602 tags 11 and 12 hold 8 bytes of all ones. An object ID that

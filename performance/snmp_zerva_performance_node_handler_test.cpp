@@ -40,8 +40,7 @@ std::string Stats9(const std::string& id) {
   return R"(query 0xDE0222010: 0/2/7/"207:)" + id + R"(\0" 8/2/27/"68,69,78,22,25,28,21,23,26\0" 2/3/8/4)";
 }
 std::string Stats11(const std::string& id) {
-  return R"(query 0xDE0222010: 0/2/7/"207:)" + id +
-         R"(\0" 8/2/35/"68,69,78,22,25,28,21,23,26,475,476\0" 2/3/8/4)";
+  return R"(query 0xDE0222010: 0/2/7/"207:)" + id + R"(\0" 8/2/35/"68,69,78,22,25,28,21,23,26,475,476\0" 2/3/8/4)";
 }
 
 const char kAllOnes[] = "18446744073709551615";
@@ -81,11 +80,16 @@ std::vector<std::string> Requests(const FakeBackend& backend) {
 
 std::string LevelName(EVEMLogLevel level) {
   switch (level) {
-    case VEM_LOG_TRACE: return "TRACE";
-    case VEM_LOG_DEBUG: return "DEBUG";
-    case VEM_LOG_WARN: return "WARN";
-    case VEM_LOG_ERROR: return "ERROR";
-    default: return "?";
+    case VEM_LOG_TRACE:
+      return "TRACE";
+    case VEM_LOG_DEBUG:
+      return "DEBUG";
+    case VEM_LOG_WARN:
+      return "WARN";
+    case VEM_LOG_ERROR:
+      return "ERROR";
+    default:
+      return "?";
   }
 }
 
@@ -150,9 +154,10 @@ TEST_F(NodeHandlerTest, ItemListWithoutFeature602HasNineItems) {
 
   EXPECT_EQ(Query(handler), 0);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{
-                                     kSwitchRequest, kListing207,
-                                     R"(query 0xDE0222010: 0/2/7/"207:0A\0" 8/2/27/"68,69,78,22,25,28,21,23,26\0" 2/3/8/4)"}));
+  EXPECT_EQ(Requests(backend()),
+            (std::vector<std::string>{
+                kSwitchRequest, kListing207,
+                R"(query 0xDE0222010: 0/2/7/"207:0A\0" 8/2/27/"68,69,78,22,25,28,21,23,26\0" 2/3/8/4)"}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{Row(0, kValues0A, false)}));
   EXPECT_TRUE(Messages(log_).empty());
   EXPECT_EQ(log_.traces(), QueryTraces({true}, true));
@@ -223,8 +228,7 @@ TEST_F(NodeHandlerTest, WithFeature602EveryRowHasTwelveCellsOfFourBytes) {
 
   EXPECT_EQ(Query(handler), 0);
 
-  EXPECT_EQ(Requests(backend()),
-            (std::vector<std::string>{kSwitchRequest, kListing207, Stats11("0A"), Stats11("1B")}));
+  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207, Stats11("0A"), Stats11("1B")}));
   EXPECT_EQ(PackageText(rsp_),
             (std::vector<std::string>{
                 "0xFFFFFFFFFFFFFFFF: 1/3/4/0 2/3/4/10 3/3/4/11 4/3/4/12 5/3/4/13 6/3/4/14 7/3/4/15 8/3/4/16 9/3/4/17 "
@@ -257,9 +261,10 @@ TEST_F(NodeHandlerTest, RowIsIndexedByNodeNumberOfTheControllerId) {
 
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{Row(0, kValues0A, false), Row(3, kValues1B, false),
                                                          Row(4, kValues1B, false), Row(50, kValues0A, false)}));
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{
-                                     kSwitchRequest, kListing207, Stats9("0A"), Stats9("0D"), Stats9("1A"),
-                                     R"(query 0xDE0222010: 0/2/8/"207:12C\0" 8/2/27/"68,69,78,22,25,28,21,23,26\0" 2/3/8/4)"}));
+  EXPECT_EQ(Requests(backend()),
+            (std::vector<std::string>{
+                kSwitchRequest, kListing207, Stats9("0A"), Stats9("0D"), Stats9("1A"),
+                R"(query 0xDE0222010: 0/2/8/"207:12C\0" 8/2/27/"68,69,78,22,25,28,21,23,26\0" 2/3/8/4)"}));
   EXPECT_TRUE(Messages(log_).empty());
   EXPECT_EQ(log_.traces(), QueryTraces({true, true, true, true}, true));
 }
@@ -326,8 +331,9 @@ TEST_F(NodeHandlerTest, FailedListingRequestReturnsItsCodeAndLogsIt) {
 
   EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207}));
   EXPECT_EQ(rsp_.size(), 0u);
-  EXPECT_EQ(Messages(log_), (std::vector<std::string>{
-                                "kit4 ERROR 0x1002E OnQueryTable: faild to query info of controller, err:1077949460."}));
+  EXPECT_EQ(Messages(log_),
+            (std::vector<std::string>{
+                "kit4 ERROR 0x1002E OnQueryTable: faild to query info of controller, err:1077949460."}));
   EXPECT_EQ(log_.traces(), QueryTraces({}, false));
 }
 
@@ -358,10 +364,10 @@ TEST_F(NodeHandlerTest, FailedStatisticsOfOnlyControllerGivesNoRowAndItsCode) {
 
   EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207, Stats9("3D")}));
   EXPECT_EQ(rsp_.size(), 0u);
-  EXPECT_EQ(Messages(log_), (std::vector<std::string>{
-                                "kit4 ERROR 0x1002E GetBatchPerfData: faild to query perf data, UUID:207:3D, "
-                                "Item:68,69,78,22,25,28,21,23,26, err:-5.",
-                                "kit4 ERROR 0x1002E OnQueryTable: failed to get perf data of 3D, err:-5"}));
+  EXPECT_EQ(Messages(log_),
+            (std::vector<std::string>{"kit4 ERROR 0x1002E GetBatchPerfData: faild to query perf data, UUID:207:3D, "
+                                      "Item:68,69,78,22,25,28,21,23,26, err:-5.",
+                                      "kit4 ERROR 0x1002E OnQueryTable: failed to get perf data of 3D, err:-5"}));
   EXPECT_EQ(log_.traces(), QueryTraces({false}, false));
 }
 
@@ -480,8 +486,8 @@ TEST_F(NodeHandlerTest, FeatureIsAskedAgainForEveryRow) {
   EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207, Stats11("0A")}));
   // Ten values are used and the two last are replaced by the absent column.
   EXPECT_EQ(PackageText(rsp_),
-            (std::vector<std::string>{Row(0, std::vector<unsigned int>(kValues0A11.begin(), kValues0A11.begin() + 9),
-                                          false)}));
+            (std::vector<std::string>{
+                Row(0, std::vector<unsigned int>(kValues0A11.begin(), kValues0A11.begin() + 9), false)}));
   EXPECT_TRUE(Messages(log_).empty());
   EXPECT_EQ(log_.traces(), QueryTraces({true}, true));
 }
@@ -516,8 +522,7 @@ TEST_F(NodeHandlerTest, FeatureIsAskedAtConstructionAndForEachOfTagsElevenAndTwe
   EXPECT_EQ(Query(handler), 0);
 
   EXPECT_EQ(source->asked, (std::vector<int>{602, 602, 602, 602, 602}));
-  EXPECT_EQ(Requests(backend()),
-            (std::vector<std::string>{kSwitchRequest, kListing207, Stats11("0A"), Stats11("1B")}));
+  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207, Stats11("0A"), Stats11("1B")}));
   // A column without the feature does not use up a value.
   EXPECT_EQ(PackageText(rsp_),
             (std::vector<std::string>{
@@ -553,8 +558,7 @@ TEST_F(NodeHandlerTest, ShortValueListWithFeature602GivesOnlyColumnsThatHaveValu
 
   EXPECT_EQ(Query(handler), 0);
 
-  EXPECT_EQ(Requests(backend()),
-            (std::vector<std::string>{kSwitchRequest, kListing207, Stats11("0A"), Stats11("0B")}));
+  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207, Stats11("0A"), Stats11("0B")}));
   EXPECT_EQ(PackageText(rsp_),
             (std::vector<std::string>{
                 "0xFFFFFFFFFFFFFFFF: 1/3/4/0 2/3/4/1 3/3/4/2 4/3/4/3 5/3/4/4 6/3/4/5 7/3/4/6 8/3/4/7 9/3/4/8 "

@@ -78,8 +78,8 @@ void CPerformancePortHandler::GetPortPerfValue(unsigned int portType, CTLVPackag
     std::unique_ptr<CTLVRecordV3> row(new CTLVRecordV3(CTLVRecordV3::RESPONSE_ID, CTLVRecordV3::DEFAULT_BUCKETS));
     row->append(tlv::NewUintCell(1, CTLVCell::TLV_TYPE_UINT, StrToUint(objectId), 4));
     for (size_t i = 0; i < values.size() && i < 9; ++i) {
-      row->append(tlv::NewUintCell(static_cast<unsigned short>(kFirstValueTag + i), CTLVCell::TLV_TYPE_UINT,
-                                   values[i], 4));
+      row->append(
+          tlv::NewUintCell(static_cast<unsigned short>(kFirstValueTag + i), CTLVCell::TLV_TYPE_UINT, values[i], 4));
     }
     // The name with its NUL; no name text gives an empty value.
     std::unique_ptr<CTLVCell> nameCell(new CTLVCell());

@@ -21,8 +21,7 @@ class CPerformancePortHandler : public CSnmpPerformanceCommon {
                    CTLVPackageV3<TLVMsgHeadV3>& rsp) override;
 
   // Turns the back end's listing of the ports of one type into rows.
-  void GetPortPerfValue(unsigned int portType, CTLVPackageV3<TLVMsgHeadV3>& answer,
-                        CTLVPackageV3<TLVMsgHeadV3>& rsp);
+  void GetPortPerfValue(unsigned int portType, CTLVPackageV3<TLVMsgHeadV3>& answer, CTLVPackageV3<TLVMsgHeadV3>& rsp);
 
  private:
   std::string m_strItems;

@@ -53,8 +53,8 @@ std::vector<std::string> Requests(const FakeBackend& backend) {
 
 // The statistics request of the port table for one object key ("212:17").
 std::string StatsRequest(const std::string& key) {
-  return "listing=0 0xDE0222010: 0/2/" + std::to_string(key.size() + 1) + "/\"" + key + "\\0\" 8/2/27/\"" +
-         kItems + "\\0\" 2/3/8/4";
+  return "listing=0 0xDE0222010: 0/2/" + std::to_string(key.size() + 1) + "/\"" + key + "\\0\" 8/2/27/\"" + kItems +
+         "\\0\" 2/3/8/4";
 }
 
 // Every debug-kit record, in order: "<kit> TRACE <text>" for the enter and
@@ -67,8 +67,8 @@ std::vector<std::string> KitLines(const KitLogCapture& log) {
       out.push_back(text + "TRACE " + r.message);
       continue;
     }
-    const char* level = r.level == VEM_LOG_ERROR  ? "ERROR"
-                        : r.level == VEM_LOG_WARN ? "WARN"
+    const char* level = r.level == VEM_LOG_ERROR   ? "ERROR"
+                        : r.level == VEM_LOG_WARN  ? "WARN"
                         : r.level == VEM_LOG_DEBUG ? "DEBUG"
                                                    : "OTHER";
     char code[32];
@@ -174,10 +174,9 @@ TEST_F(PerformancePortTest, ListsPortTypes213Then212Then252Then235AndAnswersOneR
                           "8/3/4/106 9/3/4/107 10/3/4/108 11/2/3/\"A0\\0\"",
                           Row(12, 200, "11/2/3/\"B0\\0\""), Row(13, 300, "11/2/3/\"C0\\0\""),
                           Row(14, 400, "11/2/3/\"D0\\0\"")));
-  EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig),
-                          Leave(kBatchSig, true), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig),
-                          Leave(kBatchSig, true), Leave(kTableSig, true)));
+  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig),
+                                          Leave(kBatchSig, true), Enter(kBatchSig), Leave(kBatchSig, true),
+                                          Enter(kBatchSig), Leave(kBatchSig, true), Leave(kTableSig, true)));
 }
 
 TEST_F(PerformancePortTest, ListingRequestIsOneRecordWithTheTypeAsAnEightByteType6Cell) {
@@ -228,8 +227,8 @@ TEST_F(PerformancePortTest, SwitchStateOtherThanOneOrAFailedSwitchQueryAlsoReads
 }
 
 TEST_F(PerformancePortTest, Type212PortWithStatus0Or5Or6YieldsARowAndWithStatus1Or7None) {
-  backend().onListing(212, Answer{Port("1", "s0", 0), Port("2", "s1", 1), Port("3", "s5", 5), Port("4", "s6", 6),
-                                  Port("5", "s7", 7)});
+  backend().onListing(
+      212, Answer{Port("1", "s0", 0), Port("2", "s1", 1), Port("3", "s5", 5), Port("4", "s6", 6), Port("5", "s7", 7)});
   for (const char* key : {"212:1", "212:2", "212:3", "212:4", "212:5"}) backend().onStats(key, Values(10));
   EXPECT_EQ(Query(), 0);
   EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest, kList213, kList212, StatsRequest("212:1"),
@@ -242,9 +241,9 @@ TEST_F(PerformancePortTest, Type212PortWithStatus0Or5Or6YieldsARowAndWithStatus1
 }
 
 TEST_F(PerformancePortTest, Type235PortYieldsARowWhateverItsTag64AndTakesItsNameFromTag2) {
-  backend().onListing(235, Answer{Rec().str(1, "31").str(2, "eth0").str(6, "other").u32(64, 1),
-                                  Rec().str(1, "32").str(2, "eth1").str(64, "not a number"),
-                                  Rec().str(1, "33").str(2, "eth2")});
+  backend().onListing(
+      235, Answer{Rec().str(1, "31").str(2, "eth0").str(6, "other").u32(64, 1),
+                  Rec().str(1, "32").str(2, "eth1").str(64, "not a number"), Rec().str(1, "33").str(2, "eth2")});
   backend().onStats("235:31", Values(1));
   backend().onStats("235:32", Values(2));
   backend().onStats("235:33", Values(3));
@@ -253,9 +252,9 @@ TEST_F(PerformancePortTest, Type235PortYieldsARowWhateverItsTag64AndTakesItsName
                                                StatsRequest("235:31"), StatsRequest("235:32"), StatsRequest("235:33")));
   EXPECT_THAT(PackageText(rsp_), ElementsAre(Row(31, 1, "11/2/5/\"eth0\\0\""), Row(32, 2, "11/2/5/\"eth1\\0\""),
                                              Row(33, 3, "11/2/5/\"eth2\\0\"")));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true),
-                                          Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig),
-                                          Leave(kBatchSig, true), Leave(kTableSig, true)));
+  EXPECT_THAT(KitLines(log_),
+              ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig),
+                          Leave(kBatchSig, true), Enter(kBatchSig), Leave(kBatchSig, true), Leave(kTableSig, true)));
 }
 
 TEST_F(PerformancePortTest, Type213PortWithANonEmptyTag70YieldsNoRow) {
@@ -266,8 +265,8 @@ TEST_F(PerformancePortTest, Type213PortWithANonEmptyTag70YieldsNoRow) {
   EXPECT_THAT(Requests(backend()),
               ElementsAre(kSwitchRequest, kList213, StatsRequest("213:2"), kList212, kList252, kList235));
   EXPECT_THAT(PackageText(rsp_), ElementsAre(Row(2, 20, "11/2/3/\"p2\\0\"")));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true),
-                                          Leave(kTableSig, true)));
+  EXPECT_THAT(KitLines(log_),
+              ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true), Leave(kTableSig, true)));
 }
 
 TEST_F(PerformancePortTest, Type213PortWithNonEmptyTag70IsLeftOutBeforeItsStatusIsRead) {
@@ -280,8 +279,8 @@ TEST_F(PerformancePortTest, Type213PortWithNonEmptyTag70IsLeftOutBeforeItsStatus
 }
 
 TEST_F(PerformancePortTest, Type213PortWithAnEmptyOrAbsentTag70IsJudgedByItsStatus) {
-  backend().onListing(213, Answer{Port("1", "e0", 0).str(70, ""), Port("2", "e1", 1).str(70, ""),
-                                  Port("3", "a5", 5), Port("4", "a7", 7), Port("5", "r6", 6).rawstr(70, "")});
+  backend().onListing(213, Answer{Port("1", "e0", 0).str(70, ""), Port("2", "e1", 1).str(70, ""), Port("3", "a5", 5),
+                                  Port("4", "a7", 7), Port("5", "r6", 6).rawstr(70, "")});
   for (const char* key : {"213:1", "213:2", "213:3", "213:4", "213:5"}) backend().onStats(key, Values(50));
   EXPECT_EQ(Query(), 0);
   EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest, kList213, StatsRequest("213:1"), StatsRequest("213:3"),
@@ -346,11 +345,11 @@ TEST_F(PerformancePortTest, FailedListingOfType252ReturnsItsCodeKeepsRowsOf213An
   EXPECT_THAT(Requests(backend()),
               ElementsAre(kSwitchRequest, kList213, StatsRequest("213:1"), kList212, StatsRequest("212:2"), kList252));
   EXPECT_THAT(PackageText(rsp_), ElementsAre(Row(1, 10, "11/2/2/\"a\\0\""), Row(2, 20, "11/2/2/\"b\\0\"")));
-  EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig),
-                          Leave(kBatchSig, true),
-                          Error("OnQueryTable", "failed to query port info, port type:252, err:1077949460."),
-                          Leave(kTableSig, false)));
+  EXPECT_THAT(
+      KitLines(log_),
+      ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig), Leave(kBatchSig, true),
+                  Error("OnQueryTable", "failed to query port info, port type:252, err:1077949460."),
+                  Leave(kTableSig, false)));
   ExpectMessagesCarrySourceLines(log_);
 }
 
@@ -378,15 +377,16 @@ TEST_F(PerformancePortTest, FailedStatisticsFetchForOnePortDropsOnlyThatPort) {
               ElementsAre(kSwitchRequest, kList213, kList212, StatsRequest("212:1"), StatsRequest("212:2"),
                           StatsRequest("212:3"), StatsRequest("212:4"), kList252, kList235));
   EXPECT_THAT(PackageText(rsp_), ElementsAre(Row(1, 10, "11/2/2/\"a\\0\""), Row(4, 40, "11/2/2/\"d\\0\"")));
-  EXPECT_THAT(
-      KitLines(log_),
-      ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig),
-                  Error("GetBatchPerfData", "faild to query perf data, UUID:212:2, Item:78,22,25,28,21,23,26,5,307, "
-                                            "err:9."),
-                  Leave(kBatchSig, false), Enter(kBatchSig),
-                  Error("GetBatchPerfData", "faild to parse perf data, UUID:212:3, Item:78,22,25,28,21,23,26,5,307, "
-                                            "Value:1,x."),
-                  Leave(kBatchSig, false), Enter(kBatchSig), Leave(kBatchSig, true), Leave(kTableSig, true)));
+  EXPECT_THAT(KitLines(log_),
+              ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig),
+                          Error("GetBatchPerfData",
+                                "faild to query perf data, UUID:212:2, Item:78,22,25,28,21,23,26,5,307, "
+                                "err:9."),
+                          Leave(kBatchSig, false), Enter(kBatchSig),
+                          Error("GetBatchPerfData",
+                                "faild to parse perf data, UUID:212:3, Item:78,22,25,28,21,23,26,5,307, "
+                                "Value:1,x."),
+                          Leave(kBatchSig, false), Enter(kBatchSig), Leave(kBatchSig, true), Leave(kTableSig, true)));
   ExpectMessagesCarrySourceLines(log_);
 }
 
@@ -400,8 +400,8 @@ TEST_F(PerformancePortTest, StatusCellOfStringTypeThrowsNotNumericalTag64AndKeep
   EXPECT_THAT(Requests(backend()),
               ElementsAre(kSwitchRequest, kList213, StatsRequest("213:1"), kList212, StatsRequest("212:2")));
   EXPECT_THAT(PackageText(rsp_), ElementsAre(Row(1, 10, "11/2/2/\"a\\0\""), Row(2, 20, "11/2/2/\"b\\0\"")));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true),
-                                          Enter(kBatchSig), Leave(kBatchSig, true), Leave(kTableSig, true)));
+  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig),
+                                          Leave(kBatchSig, true), Leave(kTableSig, true)));
 }
 
 TEST_F(PerformancePortTest, PortWithoutAStatusCellThrowsCellDontExistForTag64) {
@@ -417,13 +417,12 @@ TEST_F(PerformancePortTest, ShortValueListGivesARowOfOnlyTheColumnsItHasValuesFo
   backend().onStats("212:6", "5,6,7");
   backend().onStats("212:7", "9");
   EXPECT_EQ(Query(), 0);
-  EXPECT_THAT(PackageText(rsp_),
-              ElementsAre("0xFFFFFFFFFFFFFFFF: 1/3/4/6 2/3/4/5 3/3/4/6 4/3/4/7 11/2/3/\"sh\\0\"",
-                          "0xFFFFFFFFFFFFFFFF: 1/3/4/7 2/3/4/9 11/2/4/\"one\\0\""));
+  EXPECT_THAT(PackageText(rsp_), ElementsAre("0xFFFFFFFFFFFFFFFF: 1/3/4/6 2/3/4/5 3/3/4/6 4/3/4/7 11/2/3/\"sh\\0\"",
+                                             "0xFFFFFFFFFFFFFFFF: 1/3/4/7 2/3/4/9 11/2/4/\"one\\0\""));
   EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest, kList213, kList212, StatsRequest("212:6"),
                                                StatsRequest("212:7"), kList252, kList235));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true),
-                                          Enter(kBatchSig), Leave(kBatchSig, true), Leave(kTableSig, true)));
+  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig),
+                                          Leave(kBatchSig, true), Leave(kTableSig, true)));
 }
 
 TEST_F(PerformancePortTest, ValuesBeyondTheNinthAreNotAnswered) {
@@ -453,8 +452,8 @@ TEST_F(PerformancePortTest, ObjectIdTextBecomesTheFirstColumnAsANumber) {
   backend().onStats("212:4294967295", Values(1));
   backend().onStats("212:0", Values(2));
   EXPECT_EQ(Query(), 0);
-  EXPECT_THAT(PackageText(rsp_), ElementsAre(Row(4294967295u, 1, "11/2/4/\"max\\0\""),
-                                             Row(0, 2, "11/2/5/\"zero\\0\"")));
+  EXPECT_THAT(PackageText(rsp_),
+              ElementsAre(Row(4294967295u, 1, "11/2/4/\"max\\0\""), Row(0, 2, "11/2/5/\"zero\\0\"")));
   EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest, kList213, kList212, StatsRequest("212:4294967295"),
                                                StatsRequest("212:0"), kList252, kList235));
   EXPECT_EQ(KitLines(log_), OkTrace(2));
@@ -467,8 +466,8 @@ TEST_F(PerformancePortTest, EveryReadProducesTheWholeTableAgain) {
   EXPECT_EQ(Query(), 0);
   EXPECT_THAT(PackageText(rsp_), ElementsAre(Row(1, 10, "11/2/2/\"a\\0\""), Row(1, 10, "11/2/2/\"a\\0\"")));
   EXPECT_THAT(Requests(backend()),
-              ElementsAre(kSwitchRequest, kList213, kList212, StatsRequest("212:1"), kList252, kList235,
-                          kSwitchRequest, kList213, kList212, StatsRequest("212:1"), kList252, kList235));
+              ElementsAre(kSwitchRequest, kList213, kList212, StatsRequest("212:1"), kList252, kList235, kSwitchRequest,
+                          kList213, kList212, StatsRequest("212:1"), kList252, kList235));
   std::vector<std::string> twice = OkTrace(1);
   std::vector<std::string> second = OkTrace(1);
   twice.insert(twice.end(), second.begin(), second.end());

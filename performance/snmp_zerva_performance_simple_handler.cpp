@@ -38,8 +38,8 @@ int CPerformanceSimpleHandler::OnQueryTable(const CVEM_SnmpContext&, const CTLVP
     const std::string objectId = (*it)[1]->toString();
     const int fetched = GetBatchPerfData(getObjIDForPerf(), objectId, m_statistics, values);
     if (fetched != 0) {
-      guard.error(VEM_CODE_ERROR, "OnQueryTable", __LINE__, "failed to get perf data of %s, err:%d",
-                  objectId.c_str(), fetched);
+      guard.error(VEM_CODE_ERROR, "OnQueryTable", __LINE__, "failed to get perf data of %s, err:%d", objectId.c_str(),
+                  fetched);
       return fetched;
     }
     std::unique_ptr<CTLVRecordV3> row(new CTLVRecordV3(CTLVRecordV3::RESPONSE_ID, CTLVRecordV3::DEFAULT_BUCKETS));

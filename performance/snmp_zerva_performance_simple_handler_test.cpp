@@ -56,11 +56,16 @@ std::vector<std::string> Requests(const FakeBackend& backend) {
 
 std::string LevelName(EVEMLogLevel level) {
   switch (level) {
-    case VEM_LOG_TRACE: return "TRACE";
-    case VEM_LOG_DEBUG: return "DEBUG";
-    case VEM_LOG_WARN: return "WARN";
-    case VEM_LOG_ERROR: return "ERROR";
-    default: return "?";
+    case VEM_LOG_TRACE:
+      return "TRACE";
+    case VEM_LOG_DEBUG:
+      return "DEBUG";
+    case VEM_LOG_WARN:
+      return "WARN";
+    case VEM_LOG_ERROR:
+      return "ERROR";
+    default:
+      return "?";
   }
 }
 
@@ -163,9 +168,9 @@ TEST_F(SimpleHandlerTest, TwoObjectsGiveTwoRowsInListingOrder) {
   EXPECT_EQ(rsp_[1]->bucketCount(), 32u);
   EXPECT_EQ(table_.seenIds, (std::vector<std::string>{"obj1", "obj2"}));
   EXPECT_TRUE(Messages(log_).empty());
-  EXPECT_EQ(log_.traces(), (std::vector<std::string>{Enter(kQuerySig), Enter(kBatchSig), Leave(kBatchSig, true),
-                                                     Enter(kBatchSig), Leave(kBatchSig, true),
-                                                     Leave(kQuerySig, true)}));
+  EXPECT_EQ(log_.traces(),
+            (std::vector<std::string>{Enter(kQuerySig), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig),
+                                      Leave(kBatchSig, true), Leave(kQuerySig, true)}));
 }
 
 TEST_F(SimpleHandlerTest, ListingUsesTheKeyTypeAndStatisticsUseThePerfType) {
@@ -179,8 +184,7 @@ TEST_F(SimpleHandlerTest, ListingUsesTheKeyTypeAndStatisticsUseThePerfType) {
   EXPECT_EQ(Requests(backend()),
             (std::vector<std::string>{kSwitchRequest, "listing 0xD0000C000: 0/6/8/4000000000",
                                       R"(query 0xDE0222010: 0/2/9/"57636:0A\0" 8/2/4/"7,8\0" 2/3/8/4)"}));
-  EXPECT_EQ(PackageText(rsp_),
-            (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"0A\0" 2/3/4/1 3/3/4/2)"}));
+  EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"0A\0" 2/3/4/1 3/3/4/2)"}));
   EXPECT_TRUE(Messages(log_).empty());
   EXPECT_EQ(log_.traces(), QueryTraces({true}, true));
 }
@@ -262,8 +266,9 @@ TEST_F(SimpleHandlerTest, FailedListingRequestReturnsItsCodeAndLogsIt) {
   EXPECT_EQ(rsp_.size(), 0u);
   // The item list is taken before the listing is sent.
   EXPECT_EQ(table_.statisticsCalls, 1);
-  EXPECT_EQ(Messages(log_), (std::vector<std::string>{
-                                "kit4 ERROR 0x1002E OnQueryTable: faild to query info of controller, err:1077949460."}));
+  EXPECT_EQ(Messages(log_),
+            (std::vector<std::string>{
+                "kit4 ERROR 0x1002E OnQueryTable: faild to query info of controller, err:1077949460."}));
   EXPECT_EQ(log_.traces(), (std::vector<std::string>{Enter(kQuerySig), Leave(kQuerySig, false)}));
 }
 
@@ -277,11 +282,9 @@ TEST_F(SimpleHandlerTest, RecordFailingTheCheckEndsQueryWithMinusOneKeepingEarli
   EXPECT_EQ(Query(), -1);
 
   EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing213, Stats214("obj1")}));
-  EXPECT_EQ(PackageText(rsp_),
-            (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/5/"obj1\0" 2/3/4/1 3/3/4/2)"}));
+  EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/5/"obj1\0" 2/3/4/1 3/3/4/2)"}));
   // The check saw the listing records as they came, and none after the bad one.
-  EXPECT_EQ(table_.checkedRecords,
-            (std::vector<std::string>{R"(0/3/4/9 1/2/5/"obj1\0")", R"(0/3/4/9 1/2/4/"bad\0")"}));
+  EXPECT_EQ(table_.checkedRecords, (std::vector<std::string>{R"(0/3/4/9 1/2/5/"obj1\0")", R"(0/3/4/9 1/2/4/"bad\0")"}));
   EXPECT_EQ(Messages(log_), (std::vector<std::string>{"kit4 ERROR 0x1002E OnQueryTable: faild to parse rsp"}));
   EXPECT_EQ(log_.traces(), (std::vector<std::string>{Enter(kQuerySig), Enter(kBatchSig), Leave(kBatchSig, true),
                                                      Leave(kQuerySig, false)}));
@@ -310,16 +313,15 @@ TEST_F(SimpleHandlerTest, FailedStatisticsOfSecondOfThreeObjectsLeavesOneRowAndR
 
   EXPECT_EQ(Requests(backend()),
             (std::vector<std::string>{kSwitchRequest, kListing213, Stats214("obj1"), Stats214("obj2")}));
-  EXPECT_EQ(PackageText(rsp_),
-            (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/5/"obj1\0" 2/3/4/1 3/3/4/2)"}));
+  EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/5/"obj1\0" 2/3/4/1 3/3/4/2)"}));
   EXPECT_EQ(table_.seenIds, (std::vector<std::string>{"obj1"}));
   EXPECT_EQ(Messages(log_),
             (std::vector<std::string>{
                 "kit4 ERROR 0x1002E GetBatchPerfData: faild to query perf data, UUID:214:obj2, Item:7,8, err:7.",
                 "kit4 ERROR 0x1002E OnQueryTable: failed to get perf data of obj2, err:7"}));
-  EXPECT_EQ(log_.traces(), (std::vector<std::string>{Enter(kQuerySig), Enter(kBatchSig), Leave(kBatchSig, true),
-                                                     Enter(kBatchSig), Leave(kBatchSig, false),
-                                                     Leave(kQuerySig, false)}));
+  EXPECT_EQ(log_.traces(),
+            (std::vector<std::string>{Enter(kQuerySig), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig),
+                                      Leave(kBatchSig, false), Leave(kQuerySig, false)}));
 }
 
 TEST_F(SimpleHandlerTest, UnparsableStatisticsEndQueryWithMinusOne) {
@@ -352,10 +354,8 @@ TEST_F(SimpleHandlerTest, ItemListIsComputedOnceAndReusedByLaterQueries) {
   EXPECT_EQ(table_.statistics(), "7,8");
   EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing213, Stats214("obj1"),
                                                            kSwitchRequest, kListing213, Stats214("obj1")}));
-  EXPECT_EQ(PackageText(rsp_),
-            (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/5/"obj1\0" 2/3/4/1 3/3/4/2)"}));
-  EXPECT_EQ(PackageText(rsp2),
-            (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/5/"obj1\0" 2/3/4/1 3/3/4/2)"}));
+  EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/5/"obj1\0" 2/3/4/1 3/3/4/2)"}));
+  EXPECT_EQ(PackageText(rsp2), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/5/"obj1\0" 2/3/4/1 3/3/4/2)"}));
   EXPECT_TRUE(Messages(log_).empty());
   std::vector<std::string> traces = QueryTraces({true}, true);
   const std::vector<std::string> again = QueryTraces({true}, true);
@@ -376,8 +376,7 @@ TEST_F(SimpleHandlerTest, ItemListIsTakenAtFirstQueryWithSwitchOn) {
   EXPECT_EQ(table_.statisticsCalls, 1);
   EXPECT_EQ(Requests(backend()),
             (std::vector<std::string>{kSwitchRequest, kSwitchRequest, kListing213, Stats214("obj1")}));
-  EXPECT_EQ(PackageText(rsp_),
-            (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/5/"obj1\0" 2/3/4/1 3/3/4/2)"}));
+  EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/5/"obj1\0" 2/3/4/1 3/3/4/2)"}));
   EXPECT_TRUE(Messages(log_).empty());
   std::vector<std::string> traces = QueryTraces({}, true);
   const std::vector<std::string> on = QueryTraces({true}, true);
@@ -393,9 +392,10 @@ TEST_F(SimpleHandlerTest, ValueListIsEmptiedBeforeEachObject) {
   EXPECT_EQ(Query(), 0);
 
   EXPECT_EQ(table_.seenValues, (std::vector<std::vector<unsigned int>>{{1, 2}, {3, 4}}));
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing213,
-                                                           R"(query 0xDE0222010: 0/2/7/"214:a1\0" 8/2/4/"7,8\0" 2/3/8/4)",
-                                                           R"(query 0xDE0222010: 0/2/7/"214:a2\0" 8/2/4/"7,8\0" 2/3/8/4)"}));
+  EXPECT_EQ(Requests(backend()),
+            (std::vector<std::string>{kSwitchRequest, kListing213,
+                                      R"(query 0xDE0222010: 0/2/7/"214:a1\0" 8/2/4/"7,8\0" 2/3/8/4)",
+                                      R"(query 0xDE0222010: 0/2/7/"214:a2\0" 8/2/4/"7,8\0" 2/3/8/4)"}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"a1\0" 2/3/4/1 3/3/4/2)",
                                                          R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"a2\0" 2/3/4/3 3/3/4/4)"}));
   EXPECT_TRUE(Messages(log_).empty());
@@ -430,8 +430,8 @@ TEST_F(SimpleHandlerTest, RowsAreAppendedAfterWhatTheResponseHeld) {
 
   EXPECT_EQ(Query(), 0);
 
-  EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{"0x5: 3/3/4/33",
-                                                         R"(0xFFFFFFFFFFFFFFFF: 1/2/5/"obj1\0" 2/3/4/1 3/3/4/2)"}));
+  EXPECT_EQ(PackageText(rsp_),
+            (std::vector<std::string>{"0x5: 3/3/4/33", R"(0xFFFFFFFFFFFFFFFF: 1/2/5/"obj1\0" 2/3/4/1 3/3/4/2)"}));
   EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing213, Stats214("obj1")}));
   EXPECT_TRUE(Messages(log_).empty());
   EXPECT_EQ(log_.traces(), QueryTraces({true}, true));
@@ -445,8 +445,7 @@ TEST_F(SimpleHandlerTest, RequestPackageAndContextAreNotConsulted) {
   EXPECT_EQ(Query(), 0);
 
   EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing213, Stats214("obj1")}));
-  EXPECT_EQ(PackageText(rsp_),
-            (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/5/"obj1\0" 2/3/4/1 3/3/4/2)"}));
+  EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/5/"obj1\0" 2/3/4/1 3/3/4/2)"}));
   EXPECT_EQ(PackageText(req_), (std::vector<std::string>{R"(0xD0000C000: 0/6/8/207 1/2/3/"0A\0")"}));
   EXPECT_TRUE(Messages(log_).empty());
   EXPECT_EQ(log_.traces(), QueryTraces({true}, true));
@@ -493,8 +492,7 @@ TEST_F(SimpleHandlerTest, ListingRecordWithoutObjectIdThrowsAndKeepsEarlierRows)
   }
 
   EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing213, Stats214("obj1")}));
-  EXPECT_EQ(PackageText(rsp_),
-            (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/5/"obj1\0" 2/3/4/1 3/3/4/2)"}));
+  EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/5/"obj1\0" 2/3/4/1 3/3/4/2)"}));
   EXPECT_TRUE(Messages(log_).empty());
   EXPECT_EQ(log_.traces(), (std::vector<std::string>{Enter(kQuerySig), Enter(kBatchSig), Leave(kBatchSig, true),
                                                      Leave(kQuerySig, true)}));

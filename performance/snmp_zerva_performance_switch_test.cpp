@@ -55,8 +55,8 @@ std::vector<std::string> KitLines(const KitLogCapture& log) {
       out.push_back(text + "TRACE " + r.message);
       continue;
     }
-    const char* level = r.level == VEM_LOG_ERROR  ? "ERROR"
-                        : r.level == VEM_LOG_WARN ? "WARN"
+    const char* level = r.level == VEM_LOG_ERROR   ? "ERROR"
+                        : r.level == VEM_LOG_WARN  ? "WARN"
                         : r.level == VEM_LOG_DEBUG ? "DEBUG"
                                                    : "OTHER";
     char code[32];
@@ -255,8 +255,8 @@ TEST_F(PerformanceSwitchTest, WriteOfASignedOneByteFFReachesTheBackEndAsAllOnes)
   EXPECT_EQ(Write(*req), 0);
   EXPECT_THAT(Requests(backend()), ElementsAre("listing=0 0xDE0222002: 0/3/4/4294967295"));
   EXPECT_THAT(PackageText(rsp_), ElementsAre("0x5: 0/3/4/77"));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kSetSig), Warn("OnSetLeaf", "set perf switch to -1, iRet:0."),
-                                          Leave(kSetSig, false)));
+  EXPECT_THAT(KitLines(log_),
+              ElementsAre(Enter(kSetSig), Warn("OnSetLeaf", "set perf switch to -1, iRet:0."), Leave(kSetSig, false)));
 }
 
 TEST_F(PerformanceSwitchTest, WriteOfAnUnsignedOneByteFFReachesTheBackEndAs255) {
@@ -264,8 +264,8 @@ TEST_F(PerformanceSwitchTest, WriteOfAnUnsignedOneByteFFReachesTheBackEndAs255) 
   EXPECT_EQ(Write(*req), 0);
   EXPECT_THAT(Requests(backend()), ElementsAre("listing=0 0xDE0222002: 0/3/4/255"));
   EXPECT_THAT(PackageText(rsp_), ElementsAre("0x5: 0/3/4/77"));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kSetSig), Warn("OnSetLeaf", "set perf switch to 255, iRet:0."),
-                                          Leave(kSetSig, false)));
+  EXPECT_THAT(KitLines(log_),
+              ElementsAre(Enter(kSetSig), Warn("OnSetLeaf", "set perf switch to 255, iRet:0."), Leave(kSetSig, false)));
 }
 
 TEST_F(PerformanceSwitchTest, WriteOfAnEightByteValueReachesTheBackEndAsItsLowFourBytes) {
@@ -273,8 +273,8 @@ TEST_F(PerformanceSwitchTest, WriteOfAnEightByteValueReachesTheBackEndAsItsLowFo
   EXPECT_EQ(Write(*req), 0);
   EXPECT_THAT(Requests(backend()), ElementsAre("listing=0 0xDE0222002: 0/3/4/2"));
   EXPECT_THAT(PackageText(rsp_), ElementsAre("0x5: 0/3/4/77"));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kSetSig), Warn("OnSetLeaf", "set perf switch to 2, iRet:0."),
-                                          Leave(kSetSig, false)));
+  EXPECT_THAT(KitLines(log_),
+              ElementsAre(Enter(kSetSig), Warn("OnSetLeaf", "set perf switch to 2, iRet:0."), Leave(kSetSig, false)));
 }
 
 TEST_F(PerformanceSwitchTest, WritePutsTheBackEndAnswerIntoTheCallersResponse) {
@@ -282,8 +282,8 @@ TEST_F(PerformanceSwitchTest, WritePutsTheBackEndAnswerIntoTheCallersResponse) {
   EXPECT_EQ(Write(*req), 0);
   EXPECT_THAT(PackageText(rsp_), ElementsAre("0x5: 0/3/4/77"));
   EXPECT_THAT(Requests(backend()), ElementsAre("listing=0 0xDE0222002: 0/3/4/1"));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kSetSig), Warn("OnSetLeaf", "set perf switch to 1, iRet:0."),
-                                          Leave(kSetSig, false)));
+  EXPECT_THAT(KitLines(log_),
+              ElementsAre(Enter(kSetSig), Warn("OnSetLeaf", "set perf switch to 1, iRet:0."), Leave(kSetSig, false)));
 }
 
 TEST_F(PerformanceSwitchTest, WriteWithValueTypeZeroOneOrTwoIsRefusedBeforeAnyBackEndCall) {

@@ -173,10 +173,14 @@ void ArraySimulator::runClock() {
 }
 
 std::vector<std::pair<std::string, unsigned long long>> CommandNames(const CommandCodes& codes) {
-  return {{"GET_PERFORMANCE_SWITCH", codes.getSwitch}, {"SET_PERFORMANCE_SWITCH", codes.setSwitch},
-          {"GET_CUR_STATISTIC_DATA", codes.getStats},  {"GET_SNMP_FEATURES", codes.getFeatures},
-          {"LISTING", kListingCmd},                    {"SORTED_LISTING", kSortedListingCmd},
-          {"LUN_BATCH_STATS", kLunBatchStatsCmd},      {"SIM_CONTROL", kSimControlCmd}};
+  return {{"GET_PERFORMANCE_SWITCH", codes.getSwitch},
+          {"SET_PERFORMANCE_SWITCH", codes.setSwitch},
+          {"GET_CUR_STATISTIC_DATA", codes.getStats},
+          {"GET_SNMP_FEATURES", codes.getFeatures},
+          {"LISTING", kListingCmd},
+          {"SORTED_LISTING", kSortedListingCmd},
+          {"LUN_BATCH_STATS", kLunBatchStatsCmd},
+          {"SIM_CONTROL", kSimControlCmd}};
 }
 
 bool ArraySimulator::commandByName(const std::string& name, unsigned long long* id) const {
@@ -262,8 +266,8 @@ Reply ArraySimulator::handle(const unsigned char* frame, size_t size) {
   Reply reply;
   CTLVPackage req;
   std::vector<unsigned char> copy(frame, frame + size);
-  if (size < TLVMsgHeadV3::SIZE ||
-      req.decode(copy.data(), static_cast<unsigned int>(size)) == CTLVPackage::FAILED || req.empty()) {
+  if (size < TLVMsgHeadV3::SIZE || req.decode(copy.data(), static_cast<unsigned int>(size)) == CTLVPackage::FAILED ||
+      req.empty()) {
     reply.bytes = AnswerWriter::Empty(kSimErrMalformed);
     return reply;
   }

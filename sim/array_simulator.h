@@ -23,9 +23,9 @@ class CTLVRecordV3;
 namespace zerva_sim {
 
 // Fixed record identifiers (not looked up by name).
-const unsigned long long kListingCmd = 0xD0000C000ULL;        // object listing by type
-const unsigned long long kSortedListingCmd = 55834583059ULL;  // 0xD00002013: listing with a tag-15 sort order
-const unsigned long long kLunBatchStatsCmd = 59594907720ULL;  // 0xDE0222048: statistics of many LUNs
+const unsigned long long kListingCmd = 0xD0000C000ULL;            // object listing by type
+const unsigned long long kSortedListingCmd = 55834583059ULL;      // 0xD00002013: listing with a tag-15 sort order
+const unsigned long long kLunBatchStatsCmd = 59594907720ULL;      // 0xDE0222048: statistics of many LUNs
 const unsigned long long kSimControlCmd = 0x53494D0000000001ULL;  // the simulator's own control command
 
 // Result codes of the simulator's refusals (hdrWord0 of the answer). None

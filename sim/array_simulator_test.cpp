@@ -144,8 +144,7 @@ TEST_F(ArraySimulatorTest, SortedFileSystemListingHonoursTheOrder) {
   ASSERT_EQ(desc->pkg.size(), 10u);
   EXPECT_EQ(Text(*desc->pkg[0], 1), "9");
   EXPECT_EQ(Text(*desc->pkg[8], 1), "1");
-  EXPECT_EQ(Ask(std::move(Req(kSortedListingCmd).t6(0, 40).str(15, "{\"sortby\":\"2 ASC\"}")))->code,
-            kSimErrMalformed);
+  EXPECT_EQ(Ask(std::move(Req(kSortedListingCmd).t6(0, 40).str(15, "{\"sortby\":\"2 ASC\"}")))->code, kSimErrMalformed);
   EXPECT_EQ(Ask(std::move(Req(kSortedListingCmd).t6(0, 40).str(15, "not json")))->code, kSimErrMalformed);
 }
 
@@ -158,8 +157,7 @@ TEST_F(ArraySimulatorTest, LunBatchAnswersEveryKnownLunInOrder) {
   std::vector<uint32_t> truth;
   sim_.statistics(11, "3", {303, 22, 25, 28, 21, 23, 26, 5, 307, 370, 371, 384, 385}, &truth);
   EXPECT_EQ(Text(*a->pkg[1], 9).substr(0, std::to_string(truth[0]).size() + 1), std::to_string(truth[0]) + ",");
-  EXPECT_EQ(Ask(std::move(Req(kLunBatchStatsCmd).u32(11, 40).str(12, "1").str(8, "22")))->code,
-            kSimErrBadObjectType);
+  EXPECT_EQ(Ask(std::move(Req(kLunBatchStatsCmd).u32(11, 40).str(12, "1").str(8, "22")))->code, kSimErrBadObjectType);
   EXPECT_EQ(Ask(std::move(Req(kLunBatchStatsCmd).u32(11, 11).str(12, "1,x").str(8, "22")))->code, kSimErrMalformed);
   EXPECT_EQ(Ask(std::move(Req(kLunBatchStatsCmd).u32(11, 11).str(12, "1").str(8, "182")))->code, kSimErrUnknownItem);
 }

@@ -14,8 +14,8 @@ struct KindName {
 };
 
 const KindName kKinds[] = {
-    {FaultKind::kRefuse, "refuse"},     {FaultKind::kDelay, "delay"},        {FaultKind::kClose, "close"},
-    {FaultKind::kGarbage, "garbage"},   {FaultKind::kTruncate, "truncate"},  {FaultKind::kBadMagic, "bad-magic"},
+    {FaultKind::kRefuse, "refuse"},          {FaultKind::kDelay, "delay"},         {FaultKind::kClose, "close"},
+    {FaultKind::kGarbage, "garbage"},        {FaultKind::kTruncate, "truncate"},   {FaultKind::kBadMagic, "bad-magic"},
     {FaultKind::kBadVersion, "bad-version"}, {FaultKind::kHugeLength, "huge-len"},
 };
 

@@ -34,12 +34,12 @@ enum class FaultKind {
 
 struct FaultRule {
   FaultKind kind = FaultKind::kRefuse;
-  uint32_t code = 0;        // kRefuse: the result code
-  uint32_t delayMs = 0;     // kDelay
-  bool anyCommand = true;   // false: only requests whose first record is `command`
+  uint32_t code = 0;       // kRefuse: the result code
+  uint32_t delayMs = 0;    // kDelay
+  bool anyCommand = true;  // false: only requests whose first record is `command`
   unsigned long long command = 0;
-  double rate = 1.0;        // chance that a matching request is hit
-  uint64_t count = 0;       // requests still to hit; 0: until cleared
+  double rate = 1.0;   // chance that a matching request is hit
+  uint64_t count = 0;  // requests still to hit; 0: until cleared
 };
 
 // Longest delay a fault may ask for.

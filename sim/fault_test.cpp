@@ -42,8 +42,8 @@ TEST(FaultTest, ParsesOptions) {
 TEST(FaultTest, RefusesBadTexts) {
   FaultRule s;
   std::string error;
-  for (const char* bad : {"", "explode", "refuse", "refuse=0", "delay=abc", "delay=999999", "close=1",
-                          "close,cmd=NOPE", "close,rate=0", "close,rate=2", "close,count=0", "close,colour=red"}) {
+  for (const char* bad : {"", "explode", "refuse", "refuse=0", "delay=abc", "delay=999999", "close=1", "close,cmd=NOPE",
+                          "close,rate=0", "close,rate=2", "close,count=0", "close,colour=red"}) {
     EXPECT_FALSE(ParseFault(bad, Resolve, &s, &error)) << bad;
     EXPECT_FALSE(error.empty());
   }

@@ -170,8 +170,8 @@ TEST_F(SimCtlTest, UnreachableSimulatorExitsOneWithTheTransportReason) {
   const std::string gone = "unix:" + dir_.path() + "/nobody.sock";
   const CtlRun r = Ctl("--timeout 500 " + gone + " counts");
   EXPECT_EQ(r.rc, 1) << r.output;
-  EXPECT_EQ(r.output, "zerva-sim-ctl: " + gone + ": " + SnmpTransportErrorText(SNMP_TRANSPORT_E_CONNECT) +
-                          " (0x4E540002)\n");
+  EXPECT_EQ(r.output,
+            "zerva-sim-ctl: " + gone + ": " + SnmpTransportErrorText(SNMP_TRANSPORT_E_CONNECT) + " (0x4E540002)\n");
 }
 
 TEST_F(SimCtlTest, HelpPrintsTheUsageAndExitsZero) {
@@ -239,8 +239,8 @@ TEST_F(SimCtlTest, BackEndWithoutTheControlCommandExitsOne) {
   const CtlRun r = Ctl("unix:" + path + " counts");
   EXPECT_TRUE(peer.gotRequest());
   EXPECT_EQ(r.rc, 1) << r.output;
-  EXPECT_EQ(r.output, "zerva-sim-ctl: unix:" + path +
-                          ": counts: unknown command (is this a zerva-array-sim?) (0x53494D01)\n");
+  EXPECT_EQ(r.output,
+            "zerva-sim-ctl: unix:" + path + ": counts: unknown command (is this a zerva-array-sim?) (0x53494D01)\n");
 }
 
 TEST_F(SimCtlTest, SilentPeerTimesOutAndExitsOne) {

@@ -102,7 +102,8 @@ TEST_F(EndToEndTest, PortRowsEqualTheGroundTruth) {
     const CTLVRecordV3& row = *rsp[i];
     EXPECT_EQ(U(row, 1), expected[i]->id);
     const std::vector<uint32_t> v = Truth(expected[i]->type, std::to_string(expected[i]->id), items);
-    for (unsigned short c = 0; c < 9; ++c) EXPECT_EQ(U(row, c + 2), v[c]) << "port " << expected[i]->id << " col " << c + 2;
+    for (unsigned short c = 0; c < 9; ++c)
+      EXPECT_EQ(U(row, c + 2), v[c]) << "port " << expected[i]->id << " col " << c + 2;
     EXPECT_EQ(row[11]->toString(), expected[i]->name);
   }
 }

@@ -190,9 +190,8 @@ void ArraySimServer::Impl::serve(int fd) {
     if (rc != 0) break;
     Reply reply = sim->handle(frame.data(), frame.size());
     if (reply.delayMs != 0 && !sleepFor(reply.delayMs)) break;
-    if (!reply.bytes.empty() &&
-        WriteBackendFrame(fd, reply.bytes.data(), reply.bytes.size(),
-                          std::chrono::steady_clock::now() + kSendTimeout) != 0) {
+    if (!reply.bytes.empty() && WriteBackendFrame(fd, reply.bytes.data(), reply.bytes.size(),
+                                                  std::chrono::steady_clock::now() + kSendTimeout) != 0) {
       break;
     }
     if (reply.closeAfter) break;
@@ -235,7 +234,7 @@ bool ArraySimServer::start(std::string* error) {
     return *error = "listen address '" + im.options.listen + "': " + why, false;
   }
   im.listenFd = im.bound.kind == CSnmpBackendAddress::UNIX ? ListenUnix(im.bound.path, &why)
-                                                          : ListenTcp(im.bound.host, &im.bound.port, &why);
+                                                           : ListenTcp(im.bound.host, &im.bound.port, &why);
   if (im.listenFd < 0) return *error = why, false;
   if (pipe2(im.wake, O_CLOEXEC) != 0) {
     *error = ErrnoText("pipe");

@@ -18,9 +18,9 @@ struct SimOptions {
   // Overrides of the topology (negative: keep what the topology says).
   long luns = -1;
   long fileSystems = -1;
-  long features = -1;   // bit 0: 48 (NFS), bit 1: 49 (SMB), bit 2: 602 (file systems)
-  long switchOn = -1;   // initial performance switch state
-  uint64_t seed = 1;    // workload model seed
+  long features = -1;  // bit 0: 48 (NFS), bit 1: 49 (SMB), bit 2: 602 (file systems)
+  long switchOn = -1;  // initial performance switch state
+  uint64_t seed = 1;   // workload model seed
   // Where to listen: "unix:/path" or "tcp:127.0.0.1:port" (port 0 picks one).
   std::string listen;
   // Device configuration for the command codes; empty: the host's default.

@@ -115,8 +115,7 @@ TEST_F(SimServerTest, ServesEveryCommandOverTheSocket) {
   }
   {
     CTLVPackage rsp;
-    ASSERT_EQ(Call(*t, std::move(Req(kSortedListingCmd).t6(0, 40).str(15, "{\"sortby\":\"1 ASC\"}")), &rsp, true),
-              0);
+    ASSERT_EQ(Call(*t, std::move(Req(kSortedListingCmd).t6(0, 40).str(15, "{\"sortby\":\"1 ASC\"}")), &rsp, true), 0);
     EXPECT_EQ(rsp.size(), 49u);
   }
   {
@@ -172,8 +171,7 @@ TEST_F(SimServerTest, FaultForOneCommandLeavesOthersAlone) {
 TEST_F(SimServerTest, ControlCommandOverTheSocketSetsAndClearsFaults) {
   auto t = Transport();
   CTLVPackage r1, r2, r3, r4;
-  ASSERT_EQ(Call(*t, std::move(Req(kSimControlCmd).str(0, "fault").str(1, "refuse=77,cmd=GET_SNMP_FEATURES")), &r1),
-            0);
+  ASSERT_EQ(Call(*t, std::move(Req(kSimControlCmd).str(0, "fault").str(1, "refuse=77,cmd=GET_SNMP_FEATURES")), &r1), 0);
   EXPECT_EQ(Call(*t, Req(codes_.getFeatures), &r2), 77);
   ASSERT_EQ(Call(*t, std::move(Req(kSimControlCmd).str(0, "clear-faults")), &r3), 0);
   EXPECT_EQ(Call(*t, Req(codes_.getFeatures), &r4), 0);

@@ -96,7 +96,8 @@ uint32_t NextPortId(const Topology& t) {
 bool AddPortGroup(const std::vector<std::string>& w, Topology* t, std::string* error) {
   unsigned long type, count, bonded = 0;
   std::vector<unsigned long> statuses;
-  if (w.size() < 5 || w.size() > 6) return *error = "usage: ports TYPE COUNT PREFIX STATUS[,STATUS...] [bonded=N]", false;
+  if (w.size() < 5 || w.size() > 6)
+    return *error = "usage: ports TYPE COUNT PREFIX STATUS[,STATUS...] [bonded=N]", false;
   if (!ParseNumber(w[1], 0xFFFFFFFFul, &type) || !IsPortType(type)) {
     return *error = "port type must be 213, 212, 252 or 235", false;
   }

@@ -46,8 +46,8 @@ struct SimPort {
   uint32_t type = kObjPortEth;  // 213, 212, 252 or 235
   uint32_t id = 0;              // object ID, unique among all ports
   std::string name;
-  uint32_t status = 0;          // running status (tag 64)
-  std::string bond;             // type 213 only: the bond a member port belongs to (tag 70)
+  uint32_t status = 0;  // running status (tag 64)
+  std::string bond;     // type 213 only: the bond a member port belongs to (tag 70)
 };
 
 struct Topology {
@@ -57,7 +57,7 @@ struct Topology {
   std::vector<uint32_t> fileSystems;     // sorted, unique
   std::set<int> features;                // 48, 49, 602
   bool switchOn = true;
-  size_t pageSize = 256;                 // objects per listing page
+  size_t pageSize = 256;  // objects per listing page
 
   // Index of a port by type and decimal ID text; -1 when there is none.
   long findPort(uint32_t type, const std::string& id) const;

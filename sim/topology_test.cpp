@@ -71,10 +71,11 @@ TEST(TopologyTest, LargeFileHasTheAdvertisedSize) {
 TEST(TopologyTest, ParsesExplicitObjects) {
   Topology t;
   std::string error;
-  ASSERT_TRUE(ParseTopology("# comment\ncontrollers 0A 3D\nport 213 7 p7 5 bond=b1  # member\n"
-                            "port 235 8 b1 6\nlun_ids 5 10-12\nfilesystem_ids 3-4\nfeatures none\n"
-                            "switch off\npage_size 10\n",
-                            &t, &error))
+  ASSERT_TRUE(
+      ParseTopology("# comment\ncontrollers 0A 3D\nport 213 7 p7 5 bond=b1  # member\n"
+                    "port 235 8 b1 6\nlun_ids 5 10-12\nfilesystem_ids 3-4\nfeatures none\n"
+                    "switch off\npage_size 10\n",
+                    &t, &error))
       << error;
   EXPECT_EQ(t.controllers, (std::vector<std::string>{"0A", "3D"}));
   ASSERT_EQ(t.ports.size(), 2u);

@@ -47,8 +47,8 @@ uint32_t WeightedLatency(uint64_t n1, uint32_t l1, uint64_t n2, uint32_t l2, uin
 }  // namespace
 
 struct WorkloadModel::Params {
-  double base[3] = {0, 0, 0};  // mean operations per second of each stream
-  double amp1 = 0, amp2 = 0;   // relative amplitudes of the two waves
+  double base[3] = {0, 0, 0};       // mean operations per second of each stream
+  double amp1 = 0, amp2 = 0;        // relative amplitudes of the two waves
   double period1 = 1, period2 = 1;  // their periods in seconds
   double phase1[3] = {0, 0, 0}, phase2[3] = {0, 0, 0};
   uint32_t sizeKB[2] = {4, 4};
@@ -176,11 +176,16 @@ uint32_t WorkloadModel::controllerValue(uint64_t key, uint32_t item, uint64_t tM
   const double jitter = Unit(Hash(p.salt, k, item, 0xC7));
   const double load = (static_cast<double>(s.readOps) + s.writeOps) / p.capacity;
   switch (item) {
-    case 68: return Percent(5 + 90 * load + 4 * jitter);                     // CPU usage
-    case 69: return Percent(40 + 35 * Unit(Hash(p.salt, 69, 0, 0)) + 3 * jitter);  // memory usage
-    case 110: return Percent(30 + 60 * Unit(Hash(p.salt, 110, 0, 0)) + 5 * jitter);  // cache usage
-    case 120: return Percent(5 + 60 * s.writeOps / p.capacity + 3 * jitter);  // dirty pages
-    default: break;
+    case 68:
+      return Percent(5 + 90 * load + 4 * jitter);  // CPU usage
+    case 69:
+      return Percent(40 + 35 * Unit(Hash(p.salt, 69, 0, 0)) + 3 * jitter);  // memory usage
+    case 110:
+      return Percent(30 + 60 * Unit(Hash(p.salt, 110, 0, 0)) + 5 * jitter);  // cache usage
+    case 120:
+      return Percent(5 + 60 * s.writeOps / p.capacity + 3 * jitter);  // dirty pages
+    default:
+      break;
   }
   // 475, 476: the controller's file services together.
   uint64_t ops = 0, weighted = 0;
@@ -202,43 +207,85 @@ bool WorkloadModel::value(uint32_t objType, uint64_t key, uint32_t item, uint64_
   const uint64_t r = s.readOps, w = s.writeOps, o = s.otherOps;
   if (isFileType(objType)) {
     switch (item) {
-      case 182: *out = Clamp32(r + w + o); return true;
-      case 523: *out = s.readOps; return true;
-      case 524: *out = s.writeOps; return true;
-      case 525: *out = s.otherOps; return true;
-      case 23: *out = Clamp32(r * s.readSizeKB); return true;
-      case 26: *out = Clamp32(w * s.writeSizeKB); return true;
-      case 232: *out = s.readLatencyUs; return true;
-      case 233: *out = s.writeLatencyUs; return true;
+      case 182:
+        *out = Clamp32(r + w + o);
+        return true;
+      case 523:
+        *out = s.readOps;
+        return true;
+      case 524:
+        *out = s.writeOps;
+        return true;
+      case 525:
+        *out = s.otherOps;
+        return true;
+      case 23:
+        *out = Clamp32(r * s.readSizeKB);
+        return true;
+      case 26:
+        *out = Clamp32(w * s.writeSizeKB);
+        return true;
+      case 232:
+        *out = s.readLatencyUs;
+        return true;
+      case 233:
+        *out = s.writeLatencyUs;
+        return true;
       case 439:
         *out = WeightedLatency(r, s.readLatencyUs, w, s.writeLatencyUs, o, s.otherLatencyUs, 3);
         return true;
-      default: return false;
+      default:
+        return false;
     }
   }
   switch (item) {
-    case 22: *out = Clamp32(r + w); return true;
-    case 25: *out = s.readOps; return true;
-    case 28: *out = s.writeOps; return true;
-    case 23: *out = Clamp32(r * s.readSizeKB); return true;
-    case 26: *out = Clamp32(w * s.writeSizeKB); return true;
-    case 21: *out = Clamp32(r * s.readSizeKB + w * s.writeSizeKB); return true;
-    case 384: *out = s.readHitPct; return true;
-    case 385: *out = s.writeHitPct; return true;
-    case 303:
-      *out = r + w == 0 ? (s.readHitPct + s.writeHitPct) / 2
-                        : Clamp32((r * s.readHitPct + w * s.writeHitPct) / (r + w));
+    case 22:
+      *out = Clamp32(r + w);
       return true;
-    case 370: *out = s.readLatencyUs; return true;
-    case 371: *out = s.writeLatencyUs; return true;
-    case 78: *out = WeightedLatency(r, s.readLatencyUs, w, s.writeLatencyUs, 0, 0, 2); return true;
-    case 307: *out = Clamp32((r * s.readLatencyUs + w * s.writeLatencyUs + 500000) / 1000000); return true;
+    case 25:
+      *out = s.readOps;
+      return true;
+    case 28:
+      *out = s.writeOps;
+      return true;
+    case 23:
+      *out = Clamp32(r * s.readSizeKB);
+      return true;
+    case 26:
+      *out = Clamp32(w * s.writeSizeKB);
+      return true;
+    case 21:
+      *out = Clamp32(r * s.readSizeKB + w * s.writeSizeKB);
+      return true;
+    case 384:
+      *out = s.readHitPct;
+      return true;
+    case 385:
+      *out = s.writeHitPct;
+      return true;
+    case 303:
+      *out =
+          r + w == 0 ? (s.readHitPct + s.writeHitPct) / 2 : Clamp32((r * s.readHitPct + w * s.writeHitPct) / (r + w));
+      return true;
+    case 370:
+      *out = s.readLatencyUs;
+      return true;
+    case 371:
+      *out = s.writeLatencyUs;
+      return true;
+    case 78:
+      *out = WeightedLatency(r, s.readLatencyUs, w, s.writeLatencyUs, 0, 0, 2);
+      return true;
+    case 307:
+      *out = Clamp32((r * s.readLatencyUs + w * s.writeLatencyUs + 500000) / 1000000);
+      return true;
     case 5: {
       const Params p = params(objType, key);
       *out = Percent(100.0 * static_cast<double>(r + w) / p.capacity);
       return true;
     }
-    default: break;
+    default:
+      break;
   }
   if (objType == 207 && (item == 68 || item == 69 || item == 110 || item == 120 || item == 475 || item == 476)) {
     *out = controllerValue(key, item, tMs, s);

@@ -27,20 +27,17 @@ inline void EncodeFixed64(unsigned char* dst, uint64_t value) {
 }
 
 // Reads a little-endian u16 from src[0..1]. REQUIRES: src has 2 bytes.
-inline uint16_t DecodeFixed16(const unsigned char* src) {
-  return static_cast<uint16_t>(src[0] | (src[1] << 8));
-}
+inline uint16_t DecodeFixed16(const unsigned char* src) { return static_cast<uint16_t>(src[0] | (src[1] << 8)); }
 
 // Reads a little-endian u32 from src[0..3]. REQUIRES: src has 4 bytes.
 inline uint32_t DecodeFixed32(const unsigned char* src) {
-  return static_cast<uint32_t>(src[0]) | (static_cast<uint32_t>(src[1]) << 8) |
-         (static_cast<uint32_t>(src[2]) << 16) | (static_cast<uint32_t>(src[3]) << 24);
+  return static_cast<uint32_t>(src[0]) | (static_cast<uint32_t>(src[1]) << 8) | (static_cast<uint32_t>(src[2]) << 16) |
+         (static_cast<uint32_t>(src[3]) << 24);
 }
 
 // Reads a little-endian u64 from src[0..7]. REQUIRES: src has 8 bytes.
 inline uint64_t DecodeFixed64(const unsigned char* src) {
-  return static_cast<uint64_t>(DecodeFixed32(src)) |
-         (static_cast<uint64_t>(DecodeFixed32(src + 4)) << 32);
+  return static_cast<uint64_t>(DecodeFixed32(src)) | (static_cast<uint64_t>(DecodeFixed32(src + 4)) << 32);
 }
 
 }  // namespace tlv

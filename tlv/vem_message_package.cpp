@@ -99,8 +99,7 @@ unsigned int CTLVPackageV3<HEAD>::encode(unsigned char* buf, unsigned int size) 
   const unsigned int bodyLen = bodyLength();
   const unsigned int total = HEAD::SIZE + bodyLen;
   if (size < total) {
-    VEM_ACE_ERROR_FMT("%D %M (%t) buf size is less than data size! buf size=%u, data size=%u!\n",
-                      size, total);
+    VEM_ACE_ERROR_FMT("%D %M (%t) buf size is less than data size! buf size=%u, data size=%u!\n", size, total);
     return FAILED;
   }
   encode_i(buf, bodyLen);
@@ -157,8 +156,7 @@ unsigned int CTLVPackageV3<HEAD>::decode(unsigned char* buf, unsigned int size) 
     for (;;) {
       if (remaining < MIN_RECORD_SIZE) {
         std::string text = AtFileLine(__FILE__, __LINE__) + ": MIN_RECORD_SIZE(10) > uiRemainLen, " +
-                           "buf size=" + std::to_string(size) +
-                           ", parsing pos=" + std::to_string(pos + HEAD::SIZE);
+                           "buf size=" + std::to_string(size) + ", parsing pos=" + std::to_string(pos + HEAD::SIZE);
         VEM_ACE_ERROR_TEXT(text);
         this->clear();
         return FAILED;
@@ -167,8 +165,7 @@ unsigned int CTLVPackageV3<HEAD>::decode(unsigned char* buf, unsigned int size) 
       pos += getRecord(body + pos, remaining, record);
       if (record == nullptr) {
         std::string text = AtFileLine(__FILE__, __LINE__) + " : it failed to parse record, " +
-                           "buf size=" + std::to_string(size) +
-                           ", parsing pos=" + std::to_string(pos + HEAD::SIZE);
+                           "buf size=" + std::to_string(size) + ", parsing pos=" + std::to_string(pos + HEAD::SIZE);
         VEM_ACE_ERROR_TEXT(text);
         this->clear();
         return FAILED;
@@ -191,8 +188,7 @@ unsigned int CTLVPackageV3<HEAD>::decode(unsigned char* buf, unsigned int size) 
 }
 
 template <typename HEAD>
-unsigned int CTLVPackageV3<HEAD>::getRecord(unsigned char* buf, unsigned int size,
-                                             CTLVRecordV3*& record) {
+unsigned int CTLVPackageV3<HEAD>::getRecord(unsigned char* buf, unsigned int size, CTLVRecordV3*& record) {
   record = nullptr;
   const unsigned long long id = tlv::DecodeFixed64(buf);
   const unsigned short usRecordLen = tlv::DecodeFixed16(buf + 8);
@@ -201,9 +197,9 @@ unsigned int CTLVPackageV3<HEAD>::getRecord(unsigned char* buf, unsigned int siz
   auto where = [](int line) { return AtFileLine(__FILE__, line) + ",Function=" + kGetRecordSignature; };
 
   if (recordEnd > size) {
-    VEM_ACE_ERROR_TEXT(where(__LINE__) + " : record length is too long, (usRecordLen +  MIN_RECORD_SIZE) > uiBufSize ->" +
-                       std::to_string(usRecordLen) + "+" + std::to_string(MIN_RECORD_SIZE) + " < " +
-                       std::to_string(size));
+    VEM_ACE_ERROR_TEXT(
+        where(__LINE__) + " : record length is too long, (usRecordLen +  MIN_RECORD_SIZE) > uiBufSize ->" +
+        std::to_string(usRecordLen) + "+" + std::to_string(MIN_RECORD_SIZE) + " < " + std::to_string(size));
     return 0;
   }
 
@@ -230,8 +226,8 @@ unsigned int CTLVPackageV3<HEAD>::getRecord(unsigned char* buf, unsigned int siz
     if (sDataLen + pos > recordEnd16) {
       VEM_ACE_ERROR_TEXT(where(__LINE__) +
                          " : data length is too long, ((sDataLen + pos) > usRecordLen + MIN_RECORD_SIZE) ->" +
-                         std::to_string(sDataLen) + "+" + std::to_string(pos) + " > " +
-                         std::to_string(usRecordLen) + "+" + std::to_string(MIN_RECORD_SIZE));
+                         std::to_string(sDataLen) + "+" + std::to_string(pos) + " > " + std::to_string(usRecordLen) +
+                         "+" + std::to_string(MIN_RECORD_SIZE));
       break;
     }
     CTLVCell* cell = new CTLVCell();
@@ -262,8 +258,7 @@ template class CTLVPackageV3<TLVMsgHeadV3>;
 
 namespace tlv {
 
-CTLVCell* NewUintCell(unsigned short tag, CTLVCell::ETLVType type, unsigned long long value,
-                      unsigned int width) {
+CTLVCell* NewUintCell(unsigned short tag, CTLVCell::ETLVType type, unsigned long long value, unsigned int width) {
   unsigned char bytes[8];
   EncodeFixed64(bytes, value);
   std::unique_ptr<CTLVCell> cell(new CTLVCell());

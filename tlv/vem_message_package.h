@@ -147,9 +147,7 @@ struct CTLVCell::ValueCast<unsigned int> {
 class CTLVRecordV3 {
  public:
   typedef std::list<CTLVCell*> CellList;
-  typedef ACE_Hash_Map_Manager_Ex<int, CellList::iterator, ACE_Hash<int>, ACE_Equal_To<int>,
-                                  ACE_Null_Mutex>
-      TagIndex;
+  typedef ACE_Hash_Map_Manager_Ex<int, CellList::iterator, ACE_Hash<int>, ACE_Equal_To<int>, ACE_Null_Mutex> TagIndex;
 
   enum : unsigned long long { RESPONSE_ID = 0xFFFFFFFFFFFFFFFFULL };
   enum : unsigned long { DEFAULT_BUCKETS = 32 };
@@ -327,8 +325,7 @@ namespace tlv {
 
 // A new cell holding an unsigned number of width 4 or 8 bytes (type 3 or 6).
 // REQUIRES: width is 4 or 8.
-CTLVCell* NewUintCell(unsigned short tag, CTLVCell::ETLVType type, unsigned long long value,
-                      unsigned int width);
+CTLVCell* NewUintCell(unsigned short tag, CTLVCell::ETLVType type, unsigned long long value, unsigned int width);
 // A new type-2 cell holding the text and its terminating NUL byte.
 CTLVCell* NewStringCell(unsigned short tag, const std::string& text);
 

@@ -20,12 +20,36 @@ typedef std::vector<unsigned char> Bytes;
 // Builds wire bytes field by field.
 class Wire {
  public:
-  Wire& u8(unsigned v) { b_.push_back(static_cast<unsigned char>(v)); return *this; }
-  Wire& u16(unsigned v) { unsigned char t[2]; tlv::EncodeFixed16(t, static_cast<uint16_t>(v)); b_.insert(b_.end(), t, t + 2); return *this; }
-  Wire& u32(uint32_t v) { unsigned char t[4]; tlv::EncodeFixed32(t, v); b_.insert(b_.end(), t, t + 4); return *this; }
-  Wire& u64(uint64_t v) { unsigned char t[8]; tlv::EncodeFixed64(t, v); b_.insert(b_.end(), t, t + 8); return *this; }
-  Wire& raw(const Bytes& v) { b_.insert(b_.end(), v.begin(), v.end()); return *this; }
-  Wire& zeros(size_t n) { b_.insert(b_.end(), n, 0); return *this; }
+  Wire& u8(unsigned v) {
+    b_.push_back(static_cast<unsigned char>(v));
+    return *this;
+  }
+  Wire& u16(unsigned v) {
+    unsigned char t[2];
+    tlv::EncodeFixed16(t, static_cast<uint16_t>(v));
+    b_.insert(b_.end(), t, t + 2);
+    return *this;
+  }
+  Wire& u32(uint32_t v) {
+    unsigned char t[4];
+    tlv::EncodeFixed32(t, v);
+    b_.insert(b_.end(), t, t + 4);
+    return *this;
+  }
+  Wire& u64(uint64_t v) {
+    unsigned char t[8];
+    tlv::EncodeFixed64(t, v);
+    b_.insert(b_.end(), t, t + 8);
+    return *this;
+  }
+  Wire& raw(const Bytes& v) {
+    b_.insert(b_.end(), v.begin(), v.end());
+    return *this;
+  }
+  Wire& zeros(size_t n) {
+    b_.insert(b_.end(), n, 0);
+    return *this;
+  }
   // A header with the default fields and the given dataLen.
   Wire& head(uint32_t dataLen, uint32_t magic = 0x55555555, uint32_t version = 3) {
     return u32(magic).u32(version).u32(0).u32(0xFFFFFFFF).u16(0xFFFD).u16(0xFFFF).u16(0xFFFF).u16(0xFFFF).u32(dataLen);
@@ -113,7 +137,8 @@ TEST(DecodeTest, NullBufferIsRejectedWithVerifyMsgHeadText) {
   EXPECT_EQ(pkg.decode(nullptr, 100), 0xFFFFFFFFu);
   auto texts = log.texts();
   ASSERT_EQ(texts.size(), 2u);
-  EXPECT_THAT(texts[0], AtFileLine(Escape(",Function=CTLVPackageV3::verifyMsgHead: pBuf is null or uiBufSize equal zero!")));
+  EXPECT_THAT(texts[0],
+              AtFileLine(Escape(",Function=CTLVPackageV3::verifyMsgHead: pBuf is null or uiBufSize equal zero!")));
   EXPECT_EQ(texts[1], "invalid MSG header!");
 }
 
@@ -157,8 +182,8 @@ TEST(DecodeTest, BodyOfOneToNineBytesIsRejectedAtParsingPos28) {
     EXPECT_EQ(pkg.decode(msg.data(), msg.size()), 0xFFFFFFFFu) << n;
     auto texts = log.texts();
     ASSERT_EQ(texts.size(), 1u) << n;
-    EXPECT_THAT(texts[0], AtFileLine(Escape(": MIN_RECORD_SIZE(10) > uiRemainLen, buf size=" +
-                                            std::to_string(28 + n) + ", parsing pos=28")));
+    EXPECT_THAT(texts[0], AtFileLine(Escape(": MIN_RECORD_SIZE(10) > uiRemainLen, buf size=" + std::to_string(28 + n) +
+                                            ", parsing pos=28")));
   }
 }
 
@@ -168,7 +193,8 @@ TEST(DecodeTest, ShortRemainderAfterARecordIsRejectedAtItsPosition) {
   CTLVPackage pkg;
   EXPECT_EQ(pkg.decode(msg.data(), msg.size()), 0xFFFFFFFFu);
   EXPECT_EQ(pkg.size(), 0u);
-  EXPECT_THAT(log.texts(), ElementsAre(AtFileLine(Escape(": MIN_RECORD_SIZE(10) > uiRemainLen, buf size=41, parsing pos=38"))));
+  EXPECT_THAT(log.texts(),
+              ElementsAre(AtFileLine(Escape(": MIN_RECORD_SIZE(10) > uiRemainLen, buf size=41, parsing pos=38"))));
 }
 
 TEST(DecodeTest, RecordWithZeroLengthDecodesToOneEmptyRecord) {
@@ -204,10 +230,16 @@ TEST(DecodeTest, RecordLength65526OrMoreIsNeverAccepted) {
 // before the 64 KiB mark: the parse position must not wrap into the record.
 Bytes NearWrapMessage(unsigned secondCellLen) {
   Bytes body = Wire()
-                   .u64(1).u16(65525)
-                   .u16((1 << 4) | 2).u16(65518).zeros(65518)
-                   .u16((2 << 4) | 2).u16(secondCellLen).zeros(3)
-                   .u64(2).u16(0)
+                   .u64(1)
+                   .u16(65525)
+                   .u16((1 << 4) | 2)
+                   .u16(65518)
+                   .zeros(65518)
+                   .u16((2 << 4) | 2)
+                   .u16(secondCellLen)
+                   .zeros(3)
+                   .u64(2)
+                   .u16(0)
                    .bytes();
   return Message(body);
 }
@@ -254,18 +286,15 @@ TEST(DecodeTest, TypeNibbleTenInTheLastTwoBytesOfARecordIsDroppedAndTheRecordKep
   AceLogCapture log;
   // Record: one good cell (tag 1, type 3, 4 bytes) then a lone bad tag word.
   // A second record follows so that the bound check of the cell loop passes.
-  Bytes body = Wire()
-                   .u64(5).u16(10).u16((1 << 4) | 3).u16(4).u32(77).u16((2 << 4) | 10)
-                   .u64(6).u16(0)
-                   .bytes();
+  Bytes body = Wire().u64(5).u16(10).u16((1 << 4) | 3).u16(4).u32(77).u16((2 << 4) | 10).u64(6).u16(0).bytes();
   Bytes msg = Message(body);
   CTLVPackage pkg;
   EXPECT_EQ(pkg.decode(msg.data(), msg.size()), body.size());
   ASSERT_EQ(pkg.size(), 2u);
   ASSERT_EQ(pkg[0]->cellCount(), 1u);
   EXPECT_EQ(Cast(*(*pkg[0])[1]), 77u);
-  EXPECT_THAT(log.texts(), ElementsAre(AtFileLine(Escape(std::string(kGetRecordFn) +
-                                                         " : data type unmated, received type is 10"))));
+  EXPECT_THAT(log.texts(),
+              ElementsAre(AtFileLine(Escape(std::string(kGetRecordFn) + " : data type unmated, received type is 10"))));
 }
 
 TEST(DecodeTest, TypeNineIsAccepted) {
@@ -362,8 +391,8 @@ TEST(DecodeTest, FailedDecodeDropsEveryRecordAndKeepsTheHeader) {
 }
 
 TEST(DecodeTest, HeaderFieldsAreCopiedFromTheMessage) {
-  Bytes msg = Wire().u32(0x55555555).u32(3).u32(17).u32(0x01020304).u16(1).u16(2).u16(3).u16(4).u32(10)
-                  .u64(9).u16(0).bytes();
+  Bytes msg =
+      Wire().u32(0x55555555).u32(3).u32(17).u32(0x01020304).u16(1).u16(2).u16(3).u16(4).u32(10).u64(9).u16(0).bytes();
   CTLVPackage pkg;
   EXPECT_EQ(pkg.decode(msg.data(), msg.size()), 10u);
   EXPECT_EQ(pkg.head().magic, 0x55555555u);
@@ -426,9 +455,16 @@ TEST(EncodeTest, WritesLittleEndianRecordsAndCellsByteForByte) {
   unsigned int n = pkg.encode(out);
   std::unique_ptr<unsigned char[]> owned(out);
   Bytes body = Wire()
-                   .u64(0xD0000C000ULL).u16(12 + 7)
-                   .u16(0x0006).u16(8).u64(207)
-                   .u16(0x0012).u16(3).u8('0').u8('A').u8(0)
+                   .u64(0xD0000C000ULL)
+                   .u16(12 + 7)
+                   .u16(0x0006)
+                   .u16(8)
+                   .u64(207)
+                   .u16(0x0012)
+                   .u16(3)
+                   .u8('0')
+                   .u8('A')
+                   .u8(0)
                    .bytes();
   EXPECT_EQ(Bytes(out, out + n), Message(body));
   EXPECT_EQ(pkg.head().dataLen, body.size());
@@ -586,9 +622,7 @@ TEST(CellTest, EightByteValueCastsToItsLow32Bits) {
   EXPECT_EQ(Cast(*RawCell(6, 1, Bytes(v, v + 8))), 2u);
 }
 
-TEST(CellTest, EmptyCellCastsToZero) {
-  EXPECT_EQ(Cast(*RawCell(3, 1, {})), 0u);
-}
+TEST(CellTest, EmptyCellCastsToZero) { EXPECT_EQ(Cast(*RawCell(3, 1, {})), 0u); }
 
 TEST(CellTest, StringCellPassesCheckStringAndFailsCheckNumerical) {
   auto cell = RawCell(2, 12, {'a', 0});
@@ -658,8 +692,7 @@ TEST(CellTest, JsonObjectBecomesCompactJsonTextWithNul) {
   EXPECT_EQ(cell.type(), 2);
   const std::string expected = "{\"sortby\":\"1 ASC\"}";
   ASSERT_EQ(cell.length(), expected.size() + 1);
-  EXPECT_EQ(std::string(reinterpret_cast<const char*>(cell.value()), cell.length()),
-            expected + std::string(1, '\0'));
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(cell.value()), cell.length()), expected + std::string(1, '\0'));
 }
 
 TEST(CellTest, JsonScalarsMapToTheirCellTypes) {

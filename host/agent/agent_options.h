@@ -14,16 +14,16 @@
 namespace zerva_agent {
 
 struct AgentOptions {
-  std::string modulePath;    // zervaModule: the service module plug-in
-  std::string mibDir;        // zervaMibDir: where the module's MIB description lies
-  std::string backend = "embedded";  // zervaBackend: unix:/path | tcp:host:port | embedded
-  unsigned int backendTimeoutMs = 0;  // zervaBackendTimeout: 0 keeps the transport's defaults
-  unsigned int snapshotSeconds = 3;   // zervaSnapshotSeconds: 0 reads the back end every time
-  unsigned int batchRows = 160;       // zervaBatchRows: rows per batch of a batch table
+  std::string modulePath;                // zervaModule: the service module plug-in
+  std::string mibDir;                    // zervaMibDir: where the module's MIB description lies
+  std::string backend = "embedded";      // zervaBackend: unix:/path | tcp:host:port | embedded
+  unsigned int backendTimeoutMs = 0;     // zervaBackendTimeout: 0 keeps the transport's defaults
+  unsigned int snapshotSeconds = 3;      // zervaSnapshotSeconds: 0 reads the back end every time
+  unsigned int batchRows = 160;          // zervaBatchRows: rows per batch of a batch table
   EVEMLogLevel logLevel = VEM_LOG_WARN;  // zervaLogLevel
-  std::string logFile;                // zervaLogFile: append log lines to this file
-  bool syslog = false;                // zervaSyslog: log to syslog
-  std::string deviceConfig;           // zervaDeviceConfig: command codes (XML)
+  std::string logFile;                   // zervaLogFile: append log lines to this file
+  bool syslog = false;                   // zervaSyslog: log to syslog
+  std::string deviceConfig;              // zervaDeviceConfig: command codes (XML)
   // zervaSim*: the embedded simulated array.
   std::string simTopology;
   long simLuns = -1;
@@ -44,8 +44,7 @@ const std::vector<AgentToken>& AgentTokens();
 // Checks the value of one of our tokens and stores it in *options. Returns
 // false with *error (the reason, without the file position) for an unknown
 // token or a bad value.
-bool ApplyAgentToken(const std::string& token, const std::string& value, AgentOptions* options,
-                     std::string* error);
+bool ApplyAgentToken(const std::string& token, const std::string& value, AgentOptions* options, std::string* error);
 
 // Finds the role token (zervaRole) in a configuration file without handing
 // it to Net-SNMP, which needs the role before it reads configuration.
@@ -55,8 +54,8 @@ bool ScanRole(const std::string& path, bool* agentx, std::string* error);
 
 // The program's command line.
 struct CommandLine {
-  std::string configFile;  // -c FILE
-  bool foreground = false;  // -f
+  std::string configFile;    // -c FILE
+  bool foreground = false;   // -f
   bool logToStderr = false;  // -L
   std::string agentxSocket;  // -x SOCKET: run as AgentX sub-agent of that master
   std::string listen;        // --listen ADDRS: overrides agentaddress

@@ -76,8 +76,8 @@ TEST(AgentOptionsTest, BadValuesAreRefusedWithAReason) {
 }
 
 TEST(AgentOptionsTest, CommandLineOptions) {
-  const char* argv[] = {"agent", "-c", "a.conf", "-f", "-L", "-x", "/tmp/ax", "--listen", "udp:127.0.0.1:9",
-                        "--state-dir", "/tmp/s"};
+  const char* argv[] = {"agent",   "-c",       "a.conf",          "-f",          "-L",    "-x",
+                        "/tmp/ax", "--listen", "udp:127.0.0.1:9", "--state-dir", "/tmp/s"};
   CommandLine cmd;
   std::string e;
   ASSERT_TRUE(ParseCommandLine(11, argv, &cmd, &e)) << e;

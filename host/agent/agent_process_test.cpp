@@ -129,7 +129,8 @@ TEST_F(AgentProcessTest, V3AuthPrivWithShaAndAes) {
   snmp_->tool("snmpset", v3, std::string(kSwitch) + " u 0", &rc);
   EXPECT_EQ(0, rc);
   EXPECT_NE(std::string::npos, snmp_->get(kSwitch, v3).find("Gauge32: 0"));
-  const std::string wrong = snmp_->get(kSwitch, "-v3 -l authPriv -u zerva -a SHA -A wrong-pass-123 -x AES -X zerva-priv-pass");
+  const std::string wrong =
+      snmp_->get(kSwitch, "-v3 -l authPriv -u zerva -a SHA -A wrong-pass-123 -x AES -X zerva-priv-pass");
   EXPECT_EQ(std::string::npos, wrong.find("Gauge32")) << wrong;
 }
 
@@ -142,8 +143,9 @@ TEST(AgentProcessConfigTest, BadTokenValueIsAClearErrorAndNonZeroExit) {
   TempDir dir;
   const std::string conf = dir.file("bad.conf", "zervaSnapshotSeconds soon\n");
   int rc = 0;
-  const std::string out = RunShell(std::string(ZERVA_AGENT_PROGRAM) + " -f -L -c " + conf + " --state-dir " + dir.path() +
-                              " --listen udp:127.0.0.1:" + std::to_string(FreeUdpPort()), &rc);
+  const std::string out = RunShell(std::string(ZERVA_AGENT_PROGRAM) + " -f -L -c " + conf + " --state-dir " +
+                                       dir.path() + " --listen udp:127.0.0.1:" + std::to_string(FreeUdpPort()),
+                                   &rc);
   EXPECT_NE(0, rc);
   EXPECT_NE(std::string::npos, out.find("zervaSnapshotSeconds")) << out;
   EXPECT_NE(std::string::npos, out.find("soon")) << out;
@@ -153,8 +155,9 @@ TEST(AgentProcessConfigTest, UnknownTokenIsAnError) {
   TempDir dir;
   const std::string conf = dir.file("bad.conf", "zervaNoSuchToken 1\n");
   int rc = 0;
-  const std::string out = RunShell(std::string(ZERVA_AGENT_PROGRAM) + " -f -L -c " + conf + " --state-dir " + dir.path() +
-                              " --listen udp:127.0.0.1:" + std::to_string(FreeUdpPort()), &rc);
+  const std::string out = RunShell(std::string(ZERVA_AGENT_PROGRAM) + " -f -L -c " + conf + " --state-dir " +
+                                       dir.path() + " --listen udp:127.0.0.1:" + std::to_string(FreeUdpPort()),
+                                   &rc);
   EXPECT_NE(0, rc);
   EXPECT_NE(std::string::npos, out.find("zervaNoSuchToken")) << out;
 }
@@ -170,8 +173,9 @@ TEST(AgentProcessConfigTest, MissingModuleIsAClearError) {
   TempDir dir;
   const std::string conf = dir.file("a.conf", std::string("zervaModule /nonexistent/libx.so\n") + kSimTokens);
   int rc = 0;
-  const std::string out = RunShell(std::string(ZERVA_AGENT_PROGRAM) + " -f -L -c " + conf + " --state-dir " + dir.path() +
-                              " --listen udp:127.0.0.1:" + std::to_string(FreeUdpPort()), &rc);
+  const std::string out = RunShell(std::string(ZERVA_AGENT_PROGRAM) + " -f -L -c " + conf + " --state-dir " +
+                                       dir.path() + " --listen udp:127.0.0.1:" + std::to_string(FreeUdpPort()),
+                                   &rc);
   EXPECT_EQ(1, rc);
   EXPECT_NE(std::string::npos, out.find("/nonexistent/libx.so")) << out;
 }
@@ -180,10 +184,10 @@ TEST(AgentProcessConfigTest, MissingModuleIsAClearError) {
 // configuration files, no SMUX, state in the test's directory.
 std::unique_ptr<Process> StartSnmpd(const TempDir& dir, int port, const std::string& lines) {
   const std::string conf = dir.file("snmpd.conf", "rocommunity public 127.0.0.1\n" + lines);
-  return std::unique_ptr<Process>(new Process(
-      {"/usr/bin/env", "MIBS=", "SNMP_PERSISTENT_DIR=" + dir.path(), ZERVA_SNMPD_PROGRAM, "-f", "-Lo", "-C", "-c",
-       conf, "-I", "-smux", "udp:127.0.0.1:" + std::to_string(port)},
-      dir.path() + "/snmpd.log"));
+  return std::unique_ptr<Process>(
+      new Process({"/usr/bin/env", "MIBS=", "SNMP_PERSISTENT_DIR=" + dir.path(), ZERVA_SNMPD_PROGRAM, "-f", "-Lo", "-C",
+                   "-c", conf, "-I", "-smux", "udp:127.0.0.1:" + std::to_string(port)},
+                  dir.path() + "/snmpd.log"));
 }
 
 // The walk of the standalone agent (same simulated array) for comparison.

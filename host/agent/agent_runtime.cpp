@@ -55,7 +55,8 @@ bool AgentRuntime::start(const AgentOptions& optionsIn, const std::string& where
       const bool batch = dynamic_cast<CSnmpTableBase*>(h.handler) != nullptr;
       server.reset(new TableServer(*h.object, h.handler, settings, batch));
     }
-    if (!registrations_.add(server.get(), [this] { invalidateTables(); }, error)) {
+    if (!registrations_.add(
+            server.get(), [this] { invalidateTables(); }, error)) {
       stop();
       return false;
     }

@@ -35,9 +35,9 @@ struct MibColumn {
 
 struct MibObject {
   enum Kind { Scalar, Table } kind = Scalar;
-  std::string prefix;               // dotted decimal, no leading dot: the handler's registration prefix
-  std::vector<unsigned long> oid;   // prefix as sub-identifiers
-  std::string name;                 // scalar object or table name
+  std::string prefix;              // dotted decimal, no leading dot: the handler's registration prefix
+  std::vector<unsigned long> oid;  // prefix as sub-identifiers
+  std::string name;                // scalar object or table name
   // Scalar: its one column (number 0 = the value's cell tag); the instance
   // is prefix.0.
   // Table: entry = prefix.1, column c of row index i = prefix.1.c.i.

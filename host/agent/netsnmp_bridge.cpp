@@ -77,8 +77,7 @@ struct SnmpRegistrations::Entry {
 
 namespace {
 
-void Answer(netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request, const Lookup& found,
-            bool next) {
+void Answer(netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request, const Lookup& found, bool next) {
   switch (found.status) {
     case Lookup::kFound:
       if (next) {
@@ -102,8 +101,7 @@ void Answer(netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request, 
 }
 
 // One phase of a SET on a scalar.
-void HandleSet(SnmpRegistrations::Entry* entry, netsnmp_agent_request_info* reqinfo,
-               netsnmp_request_info* request) {
+void HandleSet(SnmpRegistrations::Entry* entry, netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request) {
   auto* scalar = dynamic_cast<ScalarServer*>(entry->server);
   netsnmp_variable_list* vb = request->requestvb;
   const Agentpp::Oidx name = ToOidx(vb->name, vb->name_length);
@@ -117,7 +115,8 @@ void HandleSet(SnmpRegistrations::Entry* entry, netsnmp_agent_request_info* reqi
       uint64_t number = 0;
       bool negative = false;
       if ((vb->type == ASN_INTEGER || vb->type == ASN_UNSIGNED || vb->type == ASN_COUNTER ||
-           vb->type == ASN_TIMETICKS) && vb->val.integer != nullptr) {
+           vb->type == ASN_TIMETICKS) &&
+          vb->val.integer != nullptr) {
         const long v = *vb->val.integer;
         negative = vb->type == ASN_INTEGER && v < 0;
         number = negative ? 0 : static_cast<uint64_t>(static_cast<unsigned long>(v));
@@ -192,8 +191,8 @@ void NoteRequest(const netsnmp_agent_request_info* reqinfo) {
   g_lastTransactionId = transactionId;
 }
 
-int HandleRequests(netsnmp_mib_handler* handler, netsnmp_handler_registration*,
-                   netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests) {
+int HandleRequests(netsnmp_mib_handler* handler, netsnmp_handler_registration*, netsnmp_agent_request_info* reqinfo,
+                   netsnmp_request_info* requests) {
   auto* entry = static_cast<SnmpRegistrations::Entry*>(handler->myvoid);
   NoteRequest(reqinfo);
   for (netsnmp_request_info* request = requests; request != nullptr; request = request->next) {
@@ -213,8 +212,8 @@ int HandleRequests(netsnmp_mib_handler* handler, netsnmp_handler_registration*,
           break;
       }
     } catch (const std::exception& e) {
-      VEMLog(VEM_KIT_AGENT, VEM_LOG_ERROR, "HandleRequests", __LINE__, "%s: %s",
-             entry->server->object().name.c_str(), e.what());
+      VEMLog(VEM_KIT_AGENT, VEM_LOG_ERROR, "HandleRequests", __LINE__, "%s: %s", entry->server->object().name.c_str(),
+             e.what());
       netsnmp_set_request_error(reqinfo, request, SNMP_ERR_GENERR);
     } catch (...) {
       netsnmp_set_request_error(reqinfo, request, SNMP_ERR_GENERR);

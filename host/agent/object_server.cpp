@@ -74,8 +74,8 @@ void ObjectServer::reportFailure(const std::string& what) {
 void ObjectServer::reportSuccess() {
   if (failing_.empty()) return;
   failing_.clear();
-  VEMLog(VEM_KIT_AGENT, VEM_LOG_WARN, "ObjectServer", __LINE__, "%s (%s) answers again",
-         object_.name.c_str(), object_.prefix.c_str());
+  VEMLog(VEM_KIT_AGENT, VEM_LOG_WARN, "ObjectServer", __LINE__, "%s (%s) answers again", object_.name.c_str(),
+         object_.prefix.c_str());
 }
 
 void ObjectServer::warnOnce(const std::string& text) {
@@ -139,8 +139,7 @@ Lookup ScalarServer::getNext(const Agentpp::Oidx& oid, unsigned int) {
   return read();
 }
 
-SetError ScalarServer::checkSet(const Agentpp::Oidx& oid, unsigned char type, uint64_t number,
-                                bool negative) const {
+SetError ScalarServer::checkSet(const Agentpp::Oidx& oid, unsigned char type, uint64_t number, bool negative) const {
   if (!writable()) return kSetNotWritable;
   if (oid != instance()) return kSetNoCreation;
   const MibColumn& col = object_.columns.front();
@@ -178,8 +177,7 @@ int ScalarServer::write(uint32_t value, std::string* why) {
 
 // ---------------------------------------------------------------- TableServer
 
-TableServer::TableServer(const MibObject& object, CSnmpHandler* handler, const ServerSettings& settings,
-                         bool batch)
+TableServer::TableServer(const MibObject& object, CSnmpHandler* handler, const ServerSettings& settings, bool batch)
     : ObjectServer(object, handler, settings), batch_(batch) {}
 
 void TableServer::invalidate() {

@@ -241,10 +241,9 @@ TEST_F(WholeTableTest, RowsComeInIndexOrderColumnByColumn) {
   handler_.rows = {Rec().u32(1, 10).u32(2, 100).str(3, "ten"), Rec().u32(1, 2).u32(2, 20).str(3, "two"),
                    Rec().u32(1, 9).u32(2, 90).str(3, "nine")};
   auto s = server();
-  EXPECT_THAT(Walk(*s), ElementsAre("1.1.2=Gauge32: 2", "1.1.9=Gauge32: 9", "1.1.10=Gauge32: 10",
-                                    "1.2.2=Counter32: 20", "1.2.9=Counter32: 90", "1.2.10=Counter32: 100",
-                                    "1.3.2=STRING: \"two\"", "1.3.9=STRING: \"nine\"",
-                                    "1.3.10=STRING: \"ten\""));
+  EXPECT_THAT(Walk(*s), ElementsAre("1.1.2=Gauge32: 2", "1.1.9=Gauge32: 9", "1.1.10=Gauge32: 10", "1.2.2=Counter32: 20",
+                                    "1.2.9=Counter32: 90", "1.2.10=Counter32: 100", "1.3.2=STRING: \"two\"",
+                                    "1.3.9=STRING: \"nine\"", "1.3.10=STRING: \"ten\""));
 }
 
 TEST_F(WholeTableTest, CellOrderInsideARowDoesNotMatter) {
@@ -256,8 +255,8 @@ TEST_F(WholeTableTest, CellOrderInsideARowDoesNotMatter) {
 TEST_F(WholeTableTest, MissingCellsAreSkippedInTheirColumn) {
   handler_.rows = {Rec().u32(1, 1).u32(2, 5), Rec().u32(1, 2).u32(2, 6).str(3, "b")};
   auto s = server();
-  EXPECT_THAT(Walk(*s), ElementsAre("1.1.1=Gauge32: 1", "1.1.2=Gauge32: 2", "1.2.1=Counter32: 5",
-                                    "1.2.2=Counter32: 6", "1.3.2=STRING: \"b\""));
+  EXPECT_THAT(Walk(*s), ElementsAre("1.1.1=Gauge32: 1", "1.1.2=Gauge32: 2", "1.2.1=Counter32: 5", "1.2.2=Counter32: 6",
+                                    "1.3.2=STRING: \"b\""));
   EXPECT_EQ(Lookup::kNoSuchInstance, s->get(Under(*s, "1.3.1")).status);
 }
 

@@ -64,7 +64,8 @@ class BackendFailureTest : public ::testing::TestWithParam<FailureCase> {
 
   void setSwitch(int value) {
     int rc = -1;
-    const std::string out = agent_.tool("snmpset", kWriteCommunity, OidText(switch_) + " u " + std::to_string(value), &rc);
+    const std::string out =
+        agent_.tool("snmpset", kWriteCommunity, OidText(switch_) + " u " + std::to_string(value), &rc);
     ASSERT_EQ(0, rc) << out;
   }
 

@@ -159,21 +159,21 @@ std::vector<std::string> SplitCells(const std::string& line) {
 std::string TableText(const Value& v) {
   if (v.type != "OCTETS") return v.value;
   std::string text;
-  for (size_t i = 0; i + 1 < v.value.size(); i += 2) text += static_cast<char>(std::stoi(v.value.substr(i, 2), nullptr, 16));
+  for (size_t i = 0; i + 1 < v.value.size(); i += 2)
+    text += static_cast<char>(std::stoi(v.value.substr(i, 2), nullptr, 16));
   return text;
 }
 
 TEST_F(AgentTruthTest, SnmptableWithTheMibShowsNamedColumnsAndTheGroundTruthRows) {
-  const std::string mibOptions = "-M " ZERVA_E2E_SOURCE_DIR "/mibs:" ZERVA_E2E_SOURCE_DIR
-                                 "/mibs/base -m VEM-PERFORMANCE-MIB";
+  const std::string mibOptions =
+      "-M " ZERVA_E2E_SOURCE_DIR "/mibs:" ZERVA_E2E_SOURCE_DIR "/mibs/base -m VEM-PERFORMANCE-MIB";
   for (const TableTruth& t : allTables()) {
     const std::string& name = t.object->name;
     int rc = -1;
-    const std::string out = zerva_test::RunShell(agent_.snmp().env() + "snmptable -t 2 -r 1 -v2c -c public " +
-                                                     mibOptions + " -Cf '|' 127.0.0.1:" +
-                                                     std::to_string(agent_.snmp().port()) + " VEM-PERFORMANCE-MIB::" +
-                                                     name,
-                                                 &rc);
+    const std::string out = zerva_test::RunShell(
+        agent_.snmp().env() + "snmptable -t 2 -r 1 -v2c -c public " + mibOptions +
+            " -Cf '|' 127.0.0.1:" + std::to_string(agent_.snmp().port()) + " VEM-PERFORMANCE-MIB::" + name,
+        &rc);
     EXPECT_EQ(0, rc) << out;
     std::vector<std::string> lines;
     std::istringstream in(out);

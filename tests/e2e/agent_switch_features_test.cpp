@@ -112,8 +112,7 @@ TEST_P(FeatureCombinationTest, OptionalTablesFollowTheArraysFeatures) {
     }
   }
   // The start-up line counts the handlers: the switch and the served tables.
-  EXPECT_NE(std::string::npos, agent.log().find(" " + std::to_string(tablesServed + 1) + " handlers "))
-      << agent.log();
+  EXPECT_NE(std::string::npos, agent.log().find(" " + std::to_string(tablesServed + 1) + " handlers ")) << agent.log();
 }
 
 INSTANTIATE_TEST_SUITE_P(AllEight, FeatureCombinationTest, ::testing::Range(0, 8),

@@ -266,9 +266,9 @@ std::vector<RawRow> RawRows(const zerva_sim::ArraySimulator& sim, const std::str
     for (uint32_t fs : topo.fileSystems) {
       RawRow row;
       row[1] = Text(std::to_string(fs));
-      PutValues(&row, 2,
-                Stats(sim, zerva_sim::kObjFileSystem, std::to_string(fs), {182, 523, 232, 23, 524, 525, 233, 26},
-                      error));
+      PutValues(
+          &row, 2,
+          Stats(sim, zerva_sim::kObjFileSystem, std::to_string(fs), {182, 523, 232, 23, 524, 525, 233, 26}, error));
       rows.push_back(row);
     }
   } else {
@@ -281,8 +281,7 @@ std::vector<RawRow> RawRows(const zerva_sim::ArraySimulator& sim, const std::str
 
 }  // namespace
 
-TableTruth GroundTruth(const zerva_sim::ArraySimulator& sim, const MibObject& table, bool* served,
-                       std::string* error) {
+TableTruth GroundTruth(const zerva_sim::ArraySimulator& sim, const MibObject& table, bool* served, std::string* error) {
   TableTruth truth;
   truth.object = &table;
   truth.prefix = table.oid;
@@ -297,8 +296,8 @@ TableTruth GroundTruth(const zerva_sim::ArraySimulator& sim, const MibObject& ta
     if (table.indexEncoding == MibIndexEncoding::Integer) {
       index.push_back(static_cast<unsigned long>(indexCell->second.number));
     } else {
-      const std::string text = indexCell->second.text ? indexCell->second.bytes
-                                                      : std::to_string(indexCell->second.number);
+      const std::string text =
+          indexCell->second.text ? indexCell->second.bytes : std::to_string(indexCell->second.number);
       index.push_back(text.size());
       for (unsigned char c : text) index.push_back(c);
     }
@@ -439,8 +438,8 @@ std::string Diff(const std::map<Oid, Value>& expected, const std::map<Oid, Value
       ++missing;
     } else if (a->second != e.second) {
       if (shown++ < kMaxShown) {
-        out << "  " << OidText(e.first) << ": expected " << ValueText(e.second) << ", served "
-            << ValueText(a->second) << "\n";
+        out << "  " << OidText(e.first) << ": expected " << ValueText(e.second) << ", served " << ValueText(a->second)
+            << "\n";
       }
       ++different;
     }
@@ -488,10 +487,14 @@ bool SimAgent::start(const Options& options, std::string* error) {
   sim_->array().freezeClock(kFrozenMs);
 
   const int port = zerva_test::FreeUdpPort();
-  const std::string conf = dir_.file("agent.conf", "rocommunity public 127.0.0.1\n"
-                                                   "rwcommunity private 127.0.0.1\n"
-                                                   "zervaBackend " + sim_->address() + "\n"
-                                                   "zervaSnapshotSeconds 0\n" + options.extraConfig);
+  const std::string conf = dir_.file("agent.conf",
+                                     "rocommunity public 127.0.0.1\n"
+                                     "rwcommunity private 127.0.0.1\n"
+                                     "zervaBackend " +
+                                         sim_->address() +
+                                         "\n"
+                                         "zervaSnapshotSeconds 0\n" +
+                                         options.extraConfig);
   agent_.reset(new zerva_test::Process({ZERVA_AGENT_PROGRAM, "-f", "-L", "-c", conf, "--state-dir", dir_.path(),
                                         "--listen", "udp:127.0.0.1:" + std::to_string(port)},
                                        dir_.path() + "/agent.log"));

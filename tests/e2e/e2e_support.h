@@ -50,7 +50,7 @@ std::string ValueText(const Value& v);  // "Gauge32: 5"
 struct TableTruth {
   const zerva_agent::MibObject* object = nullptr;  // from the MIB description
   Oid prefix;
-  std::vector<Oid> rowIndexes;                      // in OID order
+  std::vector<Oid> rowIndexes;  // in OID order
   std::map<Oid, Value> instances;
   // The first and last instance of a walk of the table (column by column).
   Oid first() const;
@@ -91,10 +91,10 @@ std::string Diff(const std::map<Oid, Value>& expected, const std::map<Oid, Value
 class SimAgent {
  public:
   struct Options {
-    long features = 7;                  // bit 0: 48 NFS, bit 1: 49 SMB, bit 2: 602 file systems
-    long luns = -1;                     // override of the topology's LUNs (IDs 0..n-1)
-    long fileSystems = -1;              // override of the topology's file systems (IDs 1..n)
-    std::string extraConfig;            // more agent configuration lines
+    long features = 7;        // bit 0: 48 NFS, bit 1: 49 SMB, bit 2: 602 file systems
+    long luns = -1;           // override of the topology's LUNs (IDs 0..n-1)
+    long fileSystems = -1;    // override of the topology's file systems (IDs 1..n)
+    std::string extraConfig;  // more agent configuration lines
   };
   SimAgent() = default;
   ~SimAgent();

@@ -46,8 +46,8 @@ std::string Integer(long v) {
   std::string bytes;
   for (int i = 7; i >= 0; --i) bytes += static_cast<char>((static_cast<unsigned long>(v) >> (8 * i)) & 0xFF);
   // Shortest two's complement form.
-  while (bytes.size() > 1 && ((bytes[0] == 0 && (bytes[1] & 0x80) == 0) ||
-                              (bytes[0] == '\xFF' && (bytes[1] & 0x80) != 0))) {
+  while (bytes.size() > 1 &&
+         ((bytes[0] == 0 && (bytes[1] & 0x80) == 0) || (bytes[0] == '\xFF' && (bytes[1] & 0x80) != 0))) {
     bytes.erase(0, 1);
   }
   return Tlv(0x02, bytes);

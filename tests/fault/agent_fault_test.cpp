@@ -62,8 +62,7 @@ class AgentFaultTest : public ::testing::Test {
   // fault the walks take turns over the whole subtree and each table on its
   // own (as a table-reading manager does), so that an error in one object
   // does not keep the walks from the others.
-  void RunScenario(const std::function<void()>& inject, const std::function<void()>& heal,
-                   bool countBackEndRequests) {
+  void RunScenario(const std::function<void()>& inject, const std::function<void()>& heal, bool countBackEndRequests) {
     std::vector<Oid> roots = {Subtree()};
     for (const zerva_agent::MibObject& o : checker_.mib().objects) {
       if (o.kind == zerva_agent::MibObject::Table) roots.push_back(Oid(o.oid.begin(), o.oid.end()));

@@ -121,8 +121,8 @@ TEST(AgentStressTest, ConcurrentWalkersAndSwitchWritesGetOnlyCorrectAnswers) {
       if (a.status != Answer::kAnswered) {
         ++writer.timeouts;
       } else if (a.command != 0xA2 || a.varbinds.size() != 1) {
-        writer.problem("SET answer: PDU type " + std::to_string(a.command) + ", " +
-                       std::to_string(a.varbinds.size()) + " varbinds");
+        writer.problem("SET answer: PDU type " + std::to_string(a.command) + ", " + std::to_string(a.varbinds.size()) +
+                       " varbinds");
       } else if (a.errorStatus != 0) {
         ++writer.errors;
         writer.problem("SET answered error status " + std::to_string(a.errorStatus));
@@ -155,9 +155,10 @@ TEST(AgentStressTest, ConcurrentWalkersAndSwitchWritesGetOnlyCorrectAnswers) {
   EXPECT_GE(writes, static_cast<size_t>(seconds));  // about five a second
   EXPECT_LT(maxMs, kAnswerMs);
   EXPECT_TRUE(rig.agent().running()) << rig.log();
-  printf("%d s: %zu walk requests, %zu complete walks (%zu with every row), %zu error answers, %zu writes, "
-         "slowest answer %.0f ms\n",
-         seconds, requests, completeWalks, wholeWalks, errors, writes, maxMs);
+  printf(
+      "%d s: %zu walk requests, %zu complete walks (%zu with every row), %zu error answers, %zu writes, "
+      "slowest answer %.0f ms\n",
+      seconds, requests, completeWalks, wholeWalks, errors, writes, maxMs);
 
   // Off: the tables are empty; on again: the whole subtree, as before.
   SnmpClient client(rig.port(), "private");

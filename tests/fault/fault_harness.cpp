@@ -412,10 +412,11 @@ void SimAgent::stopSim() {
 bool SimAgent::start(const std::string& extraConf, std::string* error) {
   if (!startSim(error)) return false;
   port_ = zerva_test::FreeUdpPort();
-  const std::string conf = dir_.file("agent.conf", "rocommunity public 127.0.0.1\n"
-                                                   "rwcommunity private 127.0.0.1\n"
-                                                   "zervaBackend unix:" +
-                                                       socketPath() + "\n" + extraConf);
+  const std::string conf = dir_.file("agent.conf",
+                                     "rocommunity public 127.0.0.1\n"
+                                     "rwcommunity private 127.0.0.1\n"
+                                     "zervaBackend unix:" +
+                                         socketPath() + "\n" + extraConf);
   agent_.reset(new zerva_test::Process({ZERVA_AGENT_PROGRAM, "-f", "-L", "-c", conf, "--state-dir", dir_.path(),
                                         "--listen", "udp:127.0.0.1:" + std::to_string(port_)},
                                        dir_.path() + "/agent.log"));
@@ -443,7 +444,8 @@ const zerva_agent::MibObject* FindTable(const AnswerChecker& checker, const std:
 }
 
 // The rows (index -> column -> varbind) of one table in a walk.
-std::map<Oid, std::map<unsigned long, VarBind>> Rows(const std::vector<VarBind>& walk, const zerva_agent::MibObject& t) {
+std::map<Oid, std::map<unsigned long, VarBind>> Rows(const std::vector<VarBind>& walk,
+                                                     const zerva_agent::MibObject& t) {
   const Oid entry = [&] {
     Oid e(t.oid.begin(), t.oid.end());
     e.push_back(1);
@@ -493,11 +495,22 @@ std::string CheckAgainstGroundTruth(const std::vector<VarBind>& walk, zerva_sim:
       return "the model has no statistics for LUN " + std::to_string(id);
     }
     const auto percent = [](uint64_t a, uint64_t b) { return b == 0 ? 0 : a * 100 / b; };
-    std::map<unsigned long, uint64_t> expected = {{1, id},    {2, v[0]},  {3, v[1]},  {4, v[2]},
-                                                  {5, v[3]},  {6, v[4]},  {7, v[5]},  {8, v[6]},
-                                                  {9, percent(v[2], v[1])}, {10, percent(v[3], v[1])},
-                                                  {11, v[7]}, {12, v[8]}, {13, v[9]}, {14, v[10]},
-                                                  {15, v[11]}, {16, v[12]}};
+    std::map<unsigned long, uint64_t> expected = {{1, id},
+                                                  {2, v[0]},
+                                                  {3, v[1]},
+                                                  {4, v[2]},
+                                                  {5, v[3]},
+                                                  {6, v[4]},
+                                                  {7, v[5]},
+                                                  {8, v[6]},
+                                                  {9, percent(v[2], v[1])},
+                                                  {10, percent(v[3], v[1])},
+                                                  {11, v[7]},
+                                                  {12, v[8]},
+                                                  {13, v[9]},
+                                                  {14, v[10]},
+                                                  {15, v[11]},
+                                                  {16, v[12]}};
     if (row->second.size() != expected.size()) {
       return "LUN " + std::to_string(id) + " has " + std::to_string(row->second.size()) + " columns";
     }
@@ -521,8 +534,7 @@ std::string CheckAgainstGroundTruth(const std::vector<VarBind>& walk, zerva_sim:
   std::set<Oid> fsRows;
   for (const auto& r : Rows(walk, *fs)) fsRows.insert(r.first);
   if (fileSystems != fsRows) {
-    return std::to_string(fsRows.size()) + " file-system rows, the array has " +
-           std::to_string(fileSystems.size());
+    return std::to_string(fsRows.size()) + " file-system rows, the array has " + std::to_string(fileSystems.size());
   }
   return "";
 }

@@ -32,9 +32,9 @@ const int kEndOfMibView = 0x82;
 
 struct VarBind {
   Oid name;
-  int type = 0;          // ASN type or exception
-  uint64_t number = 0;   // integer types and Counter64
-  std::string bytes;     // OCTET STRING
+  int type = 0;         // ASN type or exception
+  uint64_t number = 0;  // integer types and Counter64
+  std::string bytes;    // OCTET STRING
   bool operator==(const VarBind& o) const {
     return name == o.name && type == o.type && number == o.number && bytes == o.bytes;
   }
@@ -44,11 +44,11 @@ struct VarBind {
 struct Answer {
   enum Status { kAnswered, kTimeout, kNotSent };
   Status status = kNotSent;
-  int command = 0;        // PDU type of the answer (0xA2: Response)
+  int command = 0;  // PDU type of the answer (0xA2: Response)
   long errorStatus = 0;
   long errorIndex = 0;
   std::vector<VarBind> varbinds;
-  double ms = 0;          // from sending to the whole answer
+  double ms = 0;  // from sending to the whole answer
 };
 
 // Prepares the Net-SNMP library for the clients (once per process): no
@@ -111,11 +111,11 @@ class AnswerChecker {
 };
 
 struct WalkResult {
-  bool complete = false;   // reached the end of the subtree
+  bool complete = false;  // reached the end of the subtree
   size_t requests = 0;
-  size_t timeouts = 0;     // requests without an answer in time
-  size_t errors = 0;       // answers with an SNMP error status
-  double maxMs = 0;        // slowest answer
+  size_t timeouts = 0;                // requests without an answer in time
+  size_t errors = 0;                  // answers with an SNMP error status
+  double maxMs = 0;                   // slowest answer
   std::vector<std::string> problems;  // malformed answers, out-of-order OIDs
   std::vector<VarBind> varbinds;      // instances of the subtree, in walk order
 };
@@ -125,8 +125,7 @@ struct WalkResult {
 // an error, a timeout, `deadline` or `maxRequests`. `afterRequest` (may be
 // empty) runs after every answer with the number of requests made so far.
 WalkResult Walk(SnmpClient& client, const AnswerChecker& checker, int maxRepetitions, Clock::time_point deadline,
-                size_t maxRequests, const std::function<void(size_t)>& afterRequest = nullptr,
-                const Oid& root = Oid());
+                size_t maxRequests, const std::function<void(size_t)>& afterRequest = nullptr, const Oid& root = Oid());
 
 // The varbinds of a walk that lie under root.
 std::vector<VarBind> Under(const std::vector<VarBind>& walk, const Oid& root);

@@ -186,8 +186,8 @@ TEST(BackendProtocolDocTest, EveryLabelledBlockBelongsToAnExampleAndIsUnique) {
 
 TEST(BackendProtocolDocTest, CommandCodeTableMatchesTheShippedDeviceConfiguration) {
   ASSERT_TRUE(zerva_protocol::LoadShippedDeviceConfig(nullptr));
-  for (const char* name : {"GET_PERFORMANCE_SWITCH", "SET_PERFORMANCE_SWITCH", "GET_CUR_STATISTIC_DATA",
-                           "GET_SNMP_FEATURES"}) {
+  for (const char* name :
+       {"GET_PERFORMANCE_SWITCH", "SET_PERFORMANCE_SWITCH", "GET_CUR_STATISTIC_DATA", "GET_SNMP_FEATURES"}) {
     std::string code;
     CVEMXmlConfig::instance()->getDeviceItem("COMMAND", name, code);
     ASSERT_FALSE(code.empty()) << name;

@@ -37,9 +37,9 @@ using zerva_test::Rec;
 namespace {
 
 // Record identifiers that the examples answer.
-const unsigned long long kListingCmd = CSnmpTableBase::LISTING_CMD;                             // 0xD0000C000
-const unsigned long long kLunBatchCmd = 59594907720ULL;                                        // 0xDE0222048
-const unsigned long long kFsListingCmd = CPerformanceFileSystemHandler::kSortedListingCmd;    // 0xD00002013
+const unsigned long long kListingCmd = CSnmpTableBase::LISTING_CMD;                         // 0xD0000C000
+const unsigned long long kLunBatchCmd = 59594907720ULL;                                     // 0xDE0222048
+const unsigned long long kFsListingCmd = CPerformanceFileSystemHandler::kSortedListingCmd;  // 0xD00002013
 
 // Statistic values the scenarios answer for the objects they list.
 const char kPortValues[] = "1200,800,400,64,16,12,4000,2500,3";
@@ -201,9 +201,7 @@ ExampleRun RunPortListing(const Bytes& answer) {
   });
 }
 
-Bytes ControllerListingAnswer() {
-  return Frame({Rec(kListingCmd).str(1, "0A"), Rec(kListingCmd).str(1, "0B")}, 0);
-}
+Bytes ControllerListingAnswer() { return Frame({Rec(kListingCmd).str(1, "0A"), Rec(kListingCmd).str(1, "0B")}, 0); }
 
 ExampleRun RunControllerListing(const Bytes& answer) {
   return Guarded([&](ExampleRun* run) {
@@ -297,8 +295,7 @@ ExampleRun RunLunBatch(const Bytes& answer) {
 }
 
 Bytes FsListingAnswer() {
-  return Frame({Rec(kFsListingCmd).str(1, "12"), Rec(kFsListingCmd).str(1, "13"), Rec(kFsListingCmd).u32(4095, 1)},
-               0);
+  return Frame({Rec(kFsListingCmd).str(1, "12"), Rec(kFsListingCmd).str(1, "13"), Rec(kFsListingCmd).u32(4095, 1)}, 0);
 }
 
 ExampleRun RunFsListing(const Bytes& answer) {
@@ -509,12 +506,18 @@ std::string Hex(unsigned long long v, int width) {
 
 std::string TypeName(unsigned type) {
   switch (type) {
-    case CTLVCell::TLV_TYPE_NONE: return "none";
-    case CTLVCell::TLV_TYPE_STRING: return "text";
-    case CTLVCell::TLV_TYPE_UINT: return "unsigned";
-    case CTLVCell::TLV_TYPE_INT: return "signed";
-    case CTLVCell::TLV_TYPE_UINT64: return "unsigned 64";
-    default: return "other";
+    case CTLVCell::TLV_TYPE_NONE:
+      return "none";
+    case CTLVCell::TLV_TYPE_STRING:
+      return "text";
+    case CTLVCell::TLV_TYPE_UINT:
+      return "unsigned";
+    case CTLVCell::TLV_TYPE_INT:
+      return "signed";
+    case CTLVCell::TLV_TYPE_UINT64:
+      return "unsigned 64";
+    default:
+      return "other";
   }
 }
 
@@ -551,23 +554,35 @@ std::string At(size_t offset) { return "[" + Offset(offset) + "] "; }
 // *out; a record or cell that cannot be read ends the listing with a note.
 void DescribeRecords(const unsigned char* p, size_t pos, size_t end, std::string* out) {
   while (pos < end) {
-    if (end - pos < CTLVPackage::MIN_RECORD_SIZE) { *out += At(pos) + "trailing bytes: not a record\n"; return; }
+    if (end - pos < CTLVPackage::MIN_RECORD_SIZE) {
+      *out += At(pos) + "trailing bytes: not a record\n";
+      return;
+    }
     const unsigned long long id = tlv::DecodeFixed64(p + pos);
     const size_t len = tlv::DecodeFixed16(p + pos + 8);
     *out += At(pos) + "record " + Hex(id, 1) + " (" + std::to_string(id) + "), " + std::to_string(len) +
-           " bytes of cells\n";
+            " bytes of cells\n";
     size_t cell = pos + CTLVPackage::MIN_RECORD_SIZE;
     const size_t recordEnd = cell + len;
-    if (recordEnd > end) { *out += At(cell) + "record runs past the end of the frame\n"; return; }
+    if (recordEnd > end) {
+      *out += At(cell) + "record runs past the end of the frame\n";
+      return;
+    }
     while (cell < recordEnd) {
-      if (recordEnd - cell < CTLVPackage::MIN_TLV_SIZE) { *out += At(cell) + "trailing bytes: not a cell\n"; return; }
+      if (recordEnd - cell < CTLVPackage::MIN_TLV_SIZE) {
+        *out += At(cell) + "trailing bytes: not a cell\n";
+        return;
+      }
       const unsigned tagWord = tlv::DecodeFixed16(p + cell);
       const size_t n = tlv::DecodeFixed16(p + cell + 2);
-      if (cell + CTLVPackage::MIN_TLV_SIZE + n > recordEnd) { *out += At(cell) + "cell runs past its record\n"; return; }
+      if (cell + CTLVPackage::MIN_TLV_SIZE + n > recordEnd) {
+        *out += At(cell) + "cell runs past its record\n";
+        return;
+      }
       const unsigned type = tagWord & 0xF;
       *out += At(cell) + "  tag " + std::to_string(tagWord >> 4) + ", type " + std::to_string(type) + " (" +
-             TypeName(type) + "), " + std::to_string(n) + " bytes: " +
-             ValueText(type, p + cell + CTLVPackage::MIN_TLV_SIZE, n) + "\n";
+              TypeName(type) + "), " + std::to_string(n) +
+              " bytes: " + ValueText(type, p + cell + CTLVPackage::MIN_TLV_SIZE, n) + "\n";
       cell += CTLVPackage::MIN_TLV_SIZE + n;
     }
     pos = recordEnd;
@@ -582,8 +597,8 @@ std::string DescribeFrame(const Bytes& frame) {
   std::string out = At(0) + "header: magic " + Hex(tlv::DecodeFixed32(p), 8) + ", version " +
                     std::to_string(tlv::DecodeFixed32(p + 4)) + ", hdrWord0 (result) " +
                     std::to_string(static_cast<int32_t>(tlv::DecodeFixed32(p + 8))) + ", hdrWord1 " +
-                    Hex(tlv::DecodeFixed32(p + 12), 8) + ", hdrShort0..3 " + Hex(tlv::DecodeFixed16(p + 16), 4) +
-                    " " + Hex(tlv::DecodeFixed16(p + 18), 4) + " " + Hex(tlv::DecodeFixed16(p + 20), 4) + " " +
+                    Hex(tlv::DecodeFixed32(p + 12), 8) + ", hdrShort0..3 " + Hex(tlv::DecodeFixed16(p + 16), 4) + " " +
+                    Hex(tlv::DecodeFixed16(p + 18), 4) + " " + Hex(tlv::DecodeFixed16(p + 20), 4) + " " +
                     Hex(tlv::DecodeFixed16(p + 22), 4) + ", dataLen " + std::to_string(tlv::DecodeFixed32(p + 24)) +
                     "\n";
   size_t pos = TLVMsgHeadV3::SIZE;

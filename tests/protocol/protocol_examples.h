@@ -26,10 +26,10 @@ struct ExampleRun {
 
 // One documented exchange.
 struct Example {
-  std::string label;    // "switch-read": names the blocks "switch-read.request" etc.
-  std::string sender;   // who sends the command, for the text
-  std::string setting;  // the other answers of the scenario, for the text
-  Bytes (*defaultAnswer)();            // a representative answer frame
+  std::string label;                       // "switch-read": names the blocks "switch-read.request" etc.
+  std::string sender;                      // who sends the command, for the text
+  std::string setting;                     // the other answers of the scenario, for the text
+  Bytes (*defaultAnswer)();                // a representative answer frame
   ExampleRun (*run)(const Bytes& answer);  // runs the scenario with that answer
 };
 

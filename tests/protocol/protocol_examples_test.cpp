@@ -20,8 +20,8 @@ Bytes Sequence(size_t n) {
 TEST(HexDumpTest, EmptyInputIsOnlyTheClosingLength) { EXPECT_EQ(zerva_protocol::HexDump(Bytes()), "00000000\n"); }
 
 TEST(HexDumpTest, LaysOutLinesAsHexdumpC) {
-  const Bytes bytes = {0x55, 0x55, 0x55, 0x55, 0x03, 0x00, 0x00, 0x00, 0x41, 0x42, 0x7f,
-                       0x20, 0xff, 0xff, 0xff, 0xff, 0x0a};
+  const Bytes bytes = {0x55, 0x55, 0x55, 0x55, 0x03, 0x00, 0x00, 0x00, 0x41,
+                       0x42, 0x7f, 0x20, 0xff, 0xff, 0xff, 0xff, 0x0a};
   EXPECT_EQ(zerva_protocol::HexDump(bytes),
             "00000000  55 55 55 55 03 00 00 00  41 42 7f 20 ff ff ff ff  |UUUU....AB. ....|\n"
             "00000010  0a                                                |.|\n"

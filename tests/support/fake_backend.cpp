@@ -230,8 +230,8 @@ void BackendFixture::setFeatures(std::set<int> features) {
 void BackendFixture::setSwitch(unsigned int state) { backend_->on(kGetSwitchCmd, Answer{Rec().u32(0, state)}); }
 
 std::string CellText(const CTLVCell& cell) {
-  std::string out = std::to_string(cell.tag()) + "/" + std::to_string(cell.type()) + "/" +
-                    std::to_string(cell.length()) + "/";
+  std::string out =
+      std::to_string(cell.tag()) + "/" + std::to_string(cell.type()) + "/" + std::to_string(cell.length()) + "/";
   if (cell.type() == CTLVCell::TLV_TYPE_STRING) {
     out += '"';
     for (unsigned i = 0; i < cell.length(); ++i) {

@@ -22,7 +22,7 @@ Oidx::Oidx(const std::string& text) {
     }
     subids_.push_back(static_cast<uint32_t>(v));
     if (i == text.size()) break;
-    ++i;  // the dot
+    ++i;                     // the dot
     if (i == text.size()) {  // trailing dot
       subids_.clear();
       valid_ = false;

@@ -35,8 +35,7 @@ bool FeatureOfRecord(const CTLVRecordV3& record, int* feature) {
 
 void LogFailure(const std::string& what) {
   VEMLog(VEM_KIT_HOST, VEM_LOG_ERROR, "supports", __LINE__,
-         "%s %s; every feature reads as unsupported until the back end answers", kSnmpFeaturesCommand,
-         what.c_str());
+         "%s %s; every feature reads as unsupported until the back end answers", kSnmpFeaturesCommand, what.c_str());
 }
 
 }  // namespace

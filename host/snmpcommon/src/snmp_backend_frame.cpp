@@ -73,8 +73,7 @@ bool PeerGone(int err) { return err == EPIPE || err == ECONNRESET; }
 
 // Receives some bytes (at most len) into buf. Returns 0 with *got > 0, or an
 // error code; end of stream is SNMP_TRANSPORT_E_CLOSED.
-int ReceiveSome(int fd, unsigned char* buf, size_t len, CSnmpDeadline deadline, size_t* got,
-                std::string* reason) {
+int ReceiveSome(int fd, unsigned char* buf, size_t len, CSnmpDeadline deadline, size_t* got, std::string* reason) {
   for (;;) {
     int rc = WaitReady(fd, POLLIN, deadline, reason);
     if (rc != 0) return rc;
@@ -161,8 +160,7 @@ int ReadBackendFrame(int fd, std::vector<unsigned char>& frame, size_t maxBody, 
   return rc;
 }
 
-int WriteBackendFrame(int fd, const unsigned char* data, size_t size, CSnmpDeadline deadline,
-                      std::string* reason) {
+int WriteBackendFrame(int fd, const unsigned char* data, size_t size, CSnmpDeadline deadline, std::string* reason) {
   size_t done = 0;
   while (done < size) {
     int rc = WaitReady(fd, POLLOUT, deadline, reason);

@@ -139,8 +139,8 @@ TEST(BackendFrameTest, RoundTripKeepsEveryByte) {
   ASSERT_EQ(decoded.decode(got.data(), static_cast<unsigned int>(got.size())), got.size() - 28);
   EXPECT_EQ(decoded.head().hdrWord0, 7u);
   EXPECT_EQ(PackageText(decoded),
-            (std::vector<std::string>{"0x2A: 0/3/4/48 1/2/8/\"ctrl 0A\\0\"", "0xFFFFFFFFFFFFFFFF: 2/6/8/1234605616436508552",
-                                      "0xD0000C000: "}));
+            (std::vector<std::string>{"0x2A: 0/3/4/48 1/2/8/\"ctrl 0A\\0\"",
+                                      "0xFFFFFFFFFFFFFFFF: 2/6/8/1234605616436508552", "0xD0000C000: "}));
 }
 
 TEST(BackendFrameTest, ReadsTwoFramesSentBackToBackOneAtATime) {
@@ -283,8 +283,7 @@ TEST(BackendFrameTest, EndOfStreamInsideTheHeaderIsClosed) {
   sp.closeEnd(1);
   Bytes got;
   std::string reason;
-  EXPECT_EQ(ReadBackendFrame(sp.fd[0], got, SNMP_FRAME_DEFAULT_MAX_BODY, In(2000), &reason),
-            SNMP_TRANSPORT_E_CLOSED);
+  EXPECT_EQ(ReadBackendFrame(sp.fd[0], got, SNMP_FRAME_DEFAULT_MAX_BODY, In(2000), &reason), SNMP_TRANSPORT_E_CLOSED);
   EXPECT_NE(reason.find("header"), std::string::npos) << reason;
   EXPECT_TRUE(got.empty());
 }
@@ -296,8 +295,7 @@ TEST(BackendFrameTest, EndOfStreamInsideTheBodyIsClosed) {
   sp.closeEnd(1);
   Bytes got;
   std::string reason;
-  EXPECT_EQ(ReadBackendFrame(sp.fd[0], got, SNMP_FRAME_DEFAULT_MAX_BODY, In(2000), &reason),
-            SNMP_TRANSPORT_E_CLOSED);
+  EXPECT_EQ(ReadBackendFrame(sp.fd[0], got, SNMP_FRAME_DEFAULT_MAX_BODY, In(2000), &reason), SNMP_TRANSPORT_E_CLOSED);
   EXPECT_NE(reason.find("body"), std::string::npos) << reason;
   EXPECT_TRUE(got.empty());
 }

@@ -191,13 +191,13 @@ bool IdleConnectionUsable(int fd, std::string* what) {
 }  // namespace
 
 struct CSnmpSocketTransport::State {
-  std::mutex mu;                       // one exchange at a time; guards what follows
-  int fd = -1;                         // the connection, -1 when there is none
-  uint64_t calls = 0;                  // exchanges begun, numbers the log lines
-  int heldCode = 0;                    // the last connect failed or call timed out ...
-  Clock::time_point retryAfter;        // ... so calls answer heldCode until this
-  bool fastFailLogged = false;         // a refusal in the current window was logged
-  std::atomic<uint64_t> connects{0};   // connections opened
+  std::mutex mu;                      // one exchange at a time; guards what follows
+  int fd = -1;                        // the connection, -1 when there is none
+  uint64_t calls = 0;                 // exchanges begun, numbers the log lines
+  int heldCode = 0;                   // the last connect failed or call timed out ...
+  Clock::time_point retryAfter;       // ... so calls answer heldCode until this
+  bool fastFailLogged = false;        // a refusal in the current window was logged
+  std::atomic<uint64_t> connects{0};  // connections opened
 
   void drop() {
     if (fd >= 0) close(fd);
@@ -231,8 +231,7 @@ CSnmpSocketTransport::~CSnmpSocketTransport() {
 
 uint64_t CSnmpSocketTransport::connectCount() const { return state_->connects.load(); }
 
-int CSnmpSocketTransport::exchange(CTLVPackageV3<TLVMsgHeadV3>& req, CTLVPackageV3<TLVMsgHeadV3>& rsp,
-                                   bool listing) {
+int CSnmpSocketTransport::exchange(CTLVPackageV3<TLVMsgHeadV3>& req, CTLVPackageV3<TLVMsgHeadV3>& rsp, bool listing) {
   State& st = *state_;
   std::lock_guard<std::mutex> lock(st.mu);
   const uint64_t call = ++st.calls;
@@ -264,10 +263,10 @@ int CSnmpSocketTransport::exchange(CTLVPackageV3<TLVMsgHeadV3>& req, CTLVPackage
   unsigned long long body = 0;
   for (const CTLVRecordV3* r : req.records()) body += r->length() + CTLVPackageV3<TLVMsgHeadV3>::MIN_RECORD_SIZE;
   if (body > options_.maxBody) {
-    return fail(SNMP_TRANSPORT_E_ENCODE,
-                "request body of " + std::to_string(body) + " bytes exceeds the limit of " +
-                    std::to_string(options_.maxBody),
-                false);
+    return fail(
+        SNMP_TRANSPORT_E_ENCODE,
+        "request body of " + std::to_string(body) + " bytes exceeds the limit of " + std::to_string(options_.maxBody),
+        false);
   }
   std::vector<unsigned char> out(TLVMsgHeadV3::SIZE + body);
   if (req.encode(out.data(), static_cast<unsigned int>(out.size())) != out.size()) {
@@ -301,8 +300,7 @@ int CSnmpSocketTransport::exchange(CTLVPackageV3<TLVMsgHeadV3>& req, CTLVPackage
     if (fd < 0) {
       st.hold(SNMP_TRANSPORT_E_CONNECT, options_.retryInterval);
       return fail(SNMP_TRANSPORT_E_CONNECT,
-                  "connect failed after " + std::to_string(MillisBetween(start, Clock::now())) + " ms (" + reason +
-                      ")",
+                  "connect failed after " + std::to_string(MillisBetween(start, Clock::now())) + " ms (" + reason + ")",
                   false);
     }
     st.fd = fd;
@@ -327,11 +325,21 @@ int CSnmpSocketTransport::exchange(CTLVPackageV3<TLVMsgHeadV3>& req, CTLVPackage
   if (rc != 0) {
     std::string what;
     switch (rc) {
-      case SNMP_TRANSPORT_E_TIMEOUT: what = "no whole answer within " + std::to_string(timeout.count()) + " ms"; break;
-      case SNMP_TRANSPORT_E_CLOSED: what = "connection closed before a whole answer"; break;
-      case SNMP_TRANSPORT_E_BAD_FRAME: what = "answer is not a frame"; break;
-      case SNMP_TRANSPORT_E_TOO_LARGE: what = "answer too large"; break;
-      default: what = "receiving the answer failed"; break;
+      case SNMP_TRANSPORT_E_TIMEOUT:
+        what = "no whole answer within " + std::to_string(timeout.count()) + " ms";
+        break;
+      case SNMP_TRANSPORT_E_CLOSED:
+        what = "connection closed before a whole answer";
+        break;
+      case SNMP_TRANSPORT_E_BAD_FRAME:
+        what = "answer is not a frame";
+        break;
+      case SNMP_TRANSPORT_E_TOO_LARGE:
+        what = "answer too large";
+        break;
+      default:
+        what = "receiving the answer failed";
+        break;
     }
     if (rc == SNMP_TRANSPORT_E_TIMEOUT) st.hold(rc, options_.retryInterval);
     return fail(rc, what + " (" + reason + ")", true);
@@ -341,8 +349,7 @@ int CSnmpSocketTransport::exchange(CTLVPackageV3<TLVMsgHeadV3>& req, CTLVPackage
   const int result = static_cast<int>(tlv::DecodeFixed32(frame.data() + kResultOffset));
   if (rsp.decode(frame.data(), static_cast<unsigned int>(frame.size())) == CTLVPackageV3<TLVMsgHeadV3>::FAILED) {
     return fail(SNMP_TRANSPORT_E_BAD_FRAME,
-                "answer body of " + std::to_string(frame.size() - TLVMsgHeadV3::SIZE) + " bytes does not decode",
-                true);
+                "answer body of " + std::to_string(frame.size() - TLVMsgHeadV3::SIZE) + " bytes does not decode", true);
   }
   if (IsSnmpTransportError(result)) {
     // A back end may not use the host's own codes: passing one on would make

@@ -79,8 +79,7 @@ class Conn {
   bool read(CTLVPackage& pkg) {
     Bytes frame;
     pkg.clear();
-    if (ReadBackendFrame(fd_, frame, SNMP_FRAME_DEFAULT_MAX_BODY,
-                         std::chrono::steady_clock::now() + kBound) != 0) {
+    if (ReadBackendFrame(fd_, frame, SNMP_FRAME_DEFAULT_MAX_BODY, std::chrono::steady_clock::now() + kBound) != 0) {
       return false;
     }
     lastRequest = frame;
@@ -278,8 +277,8 @@ TEST_F(SocketTransportTest, CarriesARequestAndItsAnswerOverAUnixSocket) {
   CTLVPackage req, rsp;
   req.push_back(Rec(0xD0000C000ULL).t6(0, 213).str(1, "key").build());
   EXPECT_EQ(t.exchange(req, rsp, true), 0);
-  EXPECT_EQ(PackageText(rsp), (std::vector<std::string>{"0xFFFFFFFFFFFFFFFF: 0/3/4/48 1/2/3/\"ok\\0\"",
-                                                        "0x77: 2/6/8/5"}));
+  EXPECT_EQ(PackageText(rsp),
+            (std::vector<std::string>{"0xFFFFFFFFFFFFFFFF: 0/3/4/48 1/2/3/\"ok\\0\"", "0x77: 2/6/8/5"}));
   EXPECT_EQ(seen, Encode(req));  // the request as the codec encodes it, listing or not
   CTLVPackage rsp2;
   EXPECT_EQ(t.exchange(req, rsp2, false), 0);

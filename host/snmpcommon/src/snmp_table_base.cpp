@@ -27,7 +27,8 @@ int CSnmpTableBase::OnQueryTable(const CVEM_SnmpContext& ctx, const CTLVPackageV
 
 int CSnmpTableBase::walk(const std::string& startKey, bool fromStart, unsigned int rowsWanted,
                          CTLVPackageV3<TLVMsgHeadV3>& rsp) {
-  CVEMDebugKitGuard guard(VEM_KIT_HOST, "int CSnmpTableBase::walk(const string&, bool, unsigned int, CTLVPackageV3<TLVMsgHeadV3>&)");
+  CVEMDebugKitGuard guard(VEM_KIT_HOST,
+                          "int CSnmpTableBase::walk(const string&, bool, unsigned int, CTLVPackageV3<TLVMsgHeadV3>&)");
   std::string index = INVALID_KEY;
   std::string firstIndex = INVALID_KEY;
   unsigned long long rows = 0;

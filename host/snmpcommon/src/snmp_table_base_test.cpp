@@ -162,9 +162,8 @@ TEST_F(TableBaseTest, NotReadyGivesNoRowsAndAsksNothing) {
 TEST_F(TableBaseTest, AFailingListingEndsTheWalkWithItsCodeAndKeepsTheRows) {
   PagedListing listing(Keys(400), 160);
   int calls = 0;
-  fixture.backend().on(zerva_test::kListingCmd, [&](const CTLVPackage& r, bool l) {
-    return ++calls == 2 ? Answer(1077) : listing(r, l);
-  });
+  fixture.backend().on(zerva_test::kListingCmd,
+                       [&](const CTLVPackage& r, bool l) { return ++calls == 2 ? Answer(1077) : listing(r, l); });
   EXPECT_EQ(table.OnQueryTable(walk, req, rsp), 1077);
   EXPECT_EQ(rsp.size(), 160u);
   EXPECT_FALSE(table.isWholeTable());
@@ -175,7 +174,8 @@ TEST_F(TableBaseTest, AnObjectTheBackEndRefusesLosesOnlyItsRow) {
   table.refuse["2"] = 1077;
   EXPECT_EQ(table.OnQueryTable(walk, req, rsp), 0);
   EXPECT_THAT(RowKeys(rsp), ElementsAre("1", "3"));
-  EXPECT_THAT(table.hookCalls, ElementsAre("pre 1", "fill 1", "post 1", "pre 2", "post 2", "pre 3", "fill 3", "post 3"));
+  EXPECT_THAT(table.hookCalls,
+              ElementsAre("pre 1", "fill 1", "post 1", "pre 2", "post 2", "pre 3", "fill 3", "post 3"));
 }
 
 TEST_F(TableBaseTest, LosingTheBackEndMidWalkEndsItWithTheTransportCode) {
@@ -187,8 +187,8 @@ TEST_F(TableBaseTest, LosingTheBackEndMidWalkEndsItWithTheTransportCode) {
 
 TEST_F(TableBaseTest, ABackEndThatIgnoresTheKeyCannotMakeTheWalkLoop) {
   // Always the same first page and "more follows".
-  fixture.backend().on(zerva_test::kListingCmd, Answer{Rec().t6(0, 11).str(1, "1"), Rec().t6(0, 11).str(1, "2"),
-                                                       Rec().u32(4095, 0)});
+  fixture.backend().on(zerva_test::kListingCmd,
+                       Answer{Rec().t6(0, 11).str(1, "1"), Rec().t6(0, 11).str(1, "2"), Rec().u32(4095, 0)});
   EXPECT_EQ(table.OnQueryTable(walk, req, rsp), 0);
   // "1" again is the walk's first key: the second listing stops there.
   EXPECT_THAT(RowKeys(rsp), ElementsAre("1", "2"));

@@ -33,11 +33,16 @@ std::string FormatV(const char* format, va_list args) {
 
 const char* VEMLogLevelName(EVEMLogLevel level) {
   switch (level) {
-    case VEM_LOG_TRACE: return "trace";
-    case VEM_LOG_DEBUG: return "debug";
-    case VEM_LOG_WARN: return "warn";
-    case VEM_LOG_ERROR: return "error";
-    case VEM_LOG_OFF: return "off";
+    case VEM_LOG_TRACE:
+      return "trace";
+    case VEM_LOG_DEBUG:
+      return "debug";
+    case VEM_LOG_WARN:
+      return "warn";
+    case VEM_LOG_ERROR:
+      return "error";
+    case VEM_LOG_OFF:
+      return "off";
   }
   return "?";
 }
@@ -45,8 +50,7 @@ const char* VEMLogLevelName(EVEMLogLevel level) {
 bool VEMParseLogLevel(const std::string& text, EVEMLogLevel* level) {
   std::string t;
   for (char c : text) t += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  static const EVEMLogLevel kAll[] = {VEM_LOG_TRACE, VEM_LOG_DEBUG, VEM_LOG_WARN, VEM_LOG_ERROR,
-                                      VEM_LOG_OFF};
+  static const EVEMLogLevel kAll[] = {VEM_LOG_TRACE, VEM_LOG_DEBUG, VEM_LOG_WARN, VEM_LOG_ERROR, VEM_LOG_OFF};
   for (EVEMLogLevel l : kAll) {
     if (t == VEMLogLevelName(l)) {
       *level = l;
@@ -62,9 +66,8 @@ std::string VEMFormatLogRecord(const CVEMLogRecord& record) {
   struct tm tmv;
   localtime_r(&tv.tv_sec, &tmv);
   char stamp[64];
-  snprintf(stamp, sizeof stamp, "%04d-%02d-%02d %02d:%02d:%02d.%06ld", tmv.tm_year + 1900,
-           tmv.tm_mon + 1, tmv.tm_mday, tmv.tm_hour, tmv.tm_min, tmv.tm_sec,
-           static_cast<long>(tv.tv_usec));
+  snprintf(stamp, sizeof stamp, "%04d-%02d-%02d %02d:%02d:%02d.%06ld", tmv.tm_year + 1900, tmv.tm_mon + 1, tmv.tm_mday,
+           tmv.tm_hour, tmv.tm_min, tmv.tm_sec, static_cast<long>(tv.tv_usec));
   static const char* const kUpper[] = {"TRACE", "DEBUG", "WARN", "ERROR", "OFF"};
   std::string out = stamp;
   out += " [kit ";
@@ -134,8 +137,8 @@ void CVEMDebugKit::trace(const std::string& line) {
   mgr_->write(record);
 }
 
-void CVEMDebugKit::emit(EVEMLogLevel level, unsigned long long code, const char* function,
-                        unsigned int line, const char* format, va_list args) {
+void CVEMDebugKit::emit(EVEMLogLevel level, unsigned long long code, const char* function, unsigned int line,
+                        const char* format, va_list args) {
   if (!enabled(level)) return;
   CVEMLogRecord record;
   record.kitNo = kitNo_;
@@ -147,23 +150,22 @@ void CVEMDebugKit::emit(EVEMLogLevel level, unsigned long long code, const char*
   mgr_->write(record);
 }
 
-void CVEMDebugKit::error(unsigned long long code, const char* function, unsigned int line,
-                         const char* format, va_list args) {
+void CVEMDebugKit::error(unsigned long long code, const char* function, unsigned int line, const char* format,
+                         va_list args) {
   emit(VEM_LOG_ERROR, code, function, line, format, args);
 }
 
-void CVEMDebugKit::warn(unsigned long long code, const char* function, unsigned int line,
-                        const char* format, va_list args) {
+void CVEMDebugKit::warn(unsigned long long code, const char* function, unsigned int line, const char* format,
+                        va_list args) {
   emit(VEM_LOG_WARN, code, function, line, format, args);
 }
 
-void CVEMDebugKit::debug(unsigned long long code, const char* function, unsigned int line,
-                         const char* format, va_list args) {
+void CVEMDebugKit::debug(unsigned long long code, const char* function, unsigned int line, const char* format,
+                         va_list args) {
   emit(VEM_LOG_DEBUG, code, function, line, format, args);
 }
 
-CVEMDebugKitMgr::CVEMDebugKitMgr()
-    : defaultLevel_(VEM_LOG_WARN), sink_(std::make_shared<CVEMStderrSink>()) {
+CVEMDebugKitMgr::CVEMDebugKitMgr() : defaultLevel_(VEM_LOG_WARN), sink_(std::make_shared<CVEMStderrSink>()) {
   g_instancesCreated.fetch_add(1);
 }
 
@@ -225,8 +227,7 @@ bool CVEMDebugKitMgr::setDestination(const std::string& destination, std::string
     return true;
   }
   if (error != nullptr) {
-    *error = "unknown log destination '" + destination +
-             "' (expected stderr, syslog, syslog:IDENT or file:PATH)";
+    *error = "unknown log destination '" + destination + "' (expected stderr, syslog, syslog:IDENT or file:PATH)";
   }
   return false;
 }
@@ -236,15 +237,20 @@ void CVEMDebugKitMgr::write(const CVEMLogRecord& record) {
   sink->write(record);
 }
 
-void VEMLog(unsigned int kitNo, EVEMLogLevel level, const char* function, unsigned int line,
-            const char* format, ...) {
+void VEMLog(unsigned int kitNo, EVEMLogLevel level, const char* function, unsigned int line, const char* format, ...) {
   CVEMDebugKit* kit = CVEMDebugKitMgrSingleton::instance()->find(kitNo);
   va_list args;
   va_start(args, format);
   switch (level) {
-    case VEM_LOG_ERROR: kit->error(0x1002E, function, line, format, args); break;
-    case VEM_LOG_WARN: kit->warn(0xFFFF, function, line, format, args); break;
-    default: kit->debug(0xFFFF, function, line, format, args); break;
+    case VEM_LOG_ERROR:
+      kit->error(0x1002E, function, line, format, args);
+      break;
+    case VEM_LOG_WARN:
+      kit->warn(0xFFFF, function, line, format, args);
+      break;
+    default:
+      kit->debug(0xFFFF, function, line, format, args);
+      break;
   }
   va_end(args);
 }

@@ -32,8 +32,8 @@ std::string NumberText(const CTLVCell& cell) {
 
 void CTLVCell::set_i(ETLVType type, unsigned short tag, const void* value, unsigned long len) {
   if (len > 0xFFFF) {
-    throw CVEM_Exception("CTLVCell value is too long, tag equal to " + std::to_string(tag) +
-                         ", length " + std::to_string(len));
+    throw CVEM_Exception("CTLVCell value is too long, tag equal to " + std::to_string(tag) + ", length " +
+                         std::to_string(len));
   }
   if (value == nullptr && len != 0) {
     throw CVEM_Exception("CTLVCell value is null, tag equal to " + std::to_string(tag));
@@ -119,9 +119,7 @@ CTLVCell* CTLVRecordV3::operator[](unsigned short tag) {
   return *node;
 }
 
-const CTLVCell* CTLVRecordV3::operator[](unsigned short tag) const {
-  return (*const_cast<CTLVRecordV3*>(this))[tag];
-}
+const CTLVCell* CTLVRecordV3::operator[](unsigned short tag) const { return (*const_cast<CTLVRecordV3*>(this))[tag]; }
 
 unsigned long CTLVRecordV3::length() const {
   unsigned long total = 0;

@@ -102,8 +102,7 @@ void CVEMXmlConfig::ensureLoaded() {
   if (!load(&error)) VEMLog(VEM_KIT_HOST, VEM_LOG_ERROR, "getDeviceItem", __LINE__, "%s", error.c_str());
 }
 
-std::string& CVEMXmlConfig::getDeviceItem(const std::string& section, const std::string& key,
-                                          std::string& value) {
+std::string& CVEMXmlConfig::getDeviceItem(const std::string& section, const std::string& key, std::string& value) {
   ensureLoaded();
   std::lock_guard<std::mutex> lock(mu_);
   auto it = items_.find({section, key});
@@ -113,8 +112,8 @@ std::string& CVEMXmlConfig::getDeviceItem(const std::string& section, const std:
   }
   value.clear();
   if (reportedMissing_.insert({section, key}).second) {
-    VEMLog(VEM_KIT_HOST, VEM_LOG_ERROR, "getDeviceItem", __LINE__,
-           "device configuration has no item %s in section %s", key.c_str(), section.c_str());
+    VEMLog(VEM_KIT_HOST, VEM_LOG_ERROR, "getDeviceItem", __LINE__, "device configuration has no item %s in section %s",
+           key.c_str(), section.c_str());
   }
   return value;
 }

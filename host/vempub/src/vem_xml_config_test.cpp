@@ -32,8 +32,8 @@ TEST(XmlConfigTest, ReadsItemsOfTheShippedFile) {
 
 TEST(XmlConfigTest, ReturnsAReferenceToTheCallersText) {
   CVEMXmlConfig* cfg = CVEMXmlConfig::instance();
-  ASSERT_TRUE(cfg->loadFromString("<device><section name=\"A\"><item key=\"k\" value=\"v\"/></section></device>",
-                                  nullptr));
+  ASSERT_TRUE(
+      cfg->loadFromString("<device><section name=\"A\"><item key=\"k\" value=\"v\"/></section></device>", nullptr));
   std::string value;
   EXPECT_EQ(&cfg->getDeviceItem("A", "k", value), &value);
 }

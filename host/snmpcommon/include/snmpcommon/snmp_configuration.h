@@ -30,9 +30,7 @@ enum ESnmpTransportError : int {
 };
 
 // True for the transport's own codes.
-inline bool IsSnmpTransportError(int code) {
-  return code >= SNMP_TRANSPORT_E_BASE && code <= SNMP_TRANSPORT_E_LAST;
-}
+inline bool IsSnmpTransportError(int code) { return code >= SNMP_TRANSPORT_E_BASE && code <= SNMP_TRANSPORT_E_LAST; }
 // A short English text for a transport code ("timed out", ...); "" otherwise.
 const char* SnmpTransportErrorText(int code);
 

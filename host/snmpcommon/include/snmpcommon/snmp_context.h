@@ -13,7 +13,7 @@ enum ESnmpOperation {
   SNMP_OP_GETNEXT = 1,  // rows after index (or from the first row when index is empty)
   SNMP_OP_GETBULK = 2,  // as GETNEXT, with rowsWanted rows asked for
   SNMP_OP_SET = 3,
-  SNMP_OP_WALK = 4,     // the whole table
+  SNMP_OP_WALK = 4,  // the whole table
 };
 
 class CVEM_SnmpContext {

@@ -76,9 +76,9 @@ class CSnmpTableBase : public CSnmpTableHandler {
   // AppendRspPkgRecord; records failing queryRecordValidation are skipped,
   // an object whose preGetRspCell fails with a back-end code loses its row,
   // and a transport failure ends the walk.
-  virtual int GetBatchTableInfo_i(CTLVPackageV3<TLVMsgHeadV3>& listing, std::string& index,
-                                  std::string& firstIndex, unsigned long long& rows, Uint32& amount,
-                                  int& collectResult, CTLVPackageV3<TLVMsgHeadV3>& rsp);
+  virtual int GetBatchTableInfo_i(CTLVPackageV3<TLVMsgHeadV3>& listing, std::string& index, std::string& firstIndex,
+                                  unsigned long long& rows, Uint32& amount, int& collectResult,
+                                  CTLVPackageV3<TLVMsgHeadV3>& rsp);
   // Builds one row from a listed record: a new record (identifier all
   // ones), fillRspRecord, postGetRspCell, then appended to rsp.
   virtual void AppendRspPkgRecord(CTLVPackageV3<TLVMsgHeadV3>& rsp, const CTLVRecordV3& record);

@@ -104,16 +104,13 @@ class CVEMDebugKit {
   // Writes an entry/exit line at trace level.
   void trace(const std::string& line);
   // Format and write a message at their level.
-  void error(unsigned long long code, const char* function, unsigned int line, const char* format,
-             va_list args);
-  void warn(unsigned long long code, const char* function, unsigned int line, const char* format,
-            va_list args);
-  void debug(unsigned long long code, const char* function, unsigned int line, const char* format,
-             va_list args);
+  void error(unsigned long long code, const char* function, unsigned int line, const char* format, va_list args);
+  void warn(unsigned long long code, const char* function, unsigned int line, const char* format, va_list args);
+  void debug(unsigned long long code, const char* function, unsigned int line, const char* format, va_list args);
 
  private:
-  void emit(EVEMLogLevel level, unsigned long long code, const char* function, unsigned int line,
-            const char* format, va_list args);
+  void emit(EVEMLogLevel level, unsigned long long code, const char* function, unsigned int line, const char* format,
+            va_list args);
 
   const unsigned int kitNo_;
   CVEMDebugKitMgr* const mgr_;
@@ -168,8 +165,8 @@ enum : unsigned int {
 };
 
 // Writes one message on a kit: errors with code 0x1002E, the rest with 0xFFFF.
-void VEMLog(unsigned int kitNo, EVEMLogLevel level, const char* function, unsigned int line,
-            const char* format, ...) __attribute__((format(printf, 5, 6)));
+void VEMLog(unsigned int kitNo, EVEMLogLevel level, const char* function, unsigned int line, const char* format, ...)
+    __attribute__((format(printf, 5, 6)));
 
 // libvempub holds the only instantiation of the singleton template.
 ACE_EXPORT_SINGLETON_DECLARE(ACE_Unmanaged_Singleton, CVEMDebugKitMgr, ACE_Thread_Mutex)

@@ -7,7 +7,7 @@ PACKAGES=(
   build-essential cmake ninja-build pkg-config python3
   libace-dev libsafec-dev libjsoncpp-dev libpugixml-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  clang libclang-rt-14-dev
+  clang clang-format libclang-rt-14-dev
   libsnmp-dev snmp snmpd smitools
   python3-pysnmp4 valgrind
 )

@@ -13,14 +13,17 @@ JOBS="$(nproc)"
 
 scripts/deps.sh
 
+echo "== format"
+scripts/check_format.sh
+
 echo "== normal build"
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZERVA_BUILD_BENCH=ON >/dev/null
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZERVA_BUILD_BENCH=ON -DZERVA_WERROR=ON >/dev/null
 cmake --build build -j "$JOBS"
 echo "== tests"
 ctest --test-dir build --output-on-failure -j "$JOBS"
 
 echo "== sanitizer build (ASan + UBSan)"
-cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DZERVA_SANITIZE=ON -DZERVA_BUILD_BENCH=OFF >/dev/null
+cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DZERVA_SANITIZE=ON -DZERVA_BUILD_BENCH=OFF -DZERVA_WERROR=ON >/dev/null
 cmake --build build-asan -j "$JOBS"
 echo "== tests under sanitizers"
 ASAN_OPTIONS="detect_leaks=1:abort_on_error=1" UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1" \

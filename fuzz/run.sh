@@ -31,14 +31,14 @@ WORK="$(mktemp -d "${TMPDIR:-/tmp}/zerva-fuzz.XXXXXX")"
 trap 'rm -rf "$WORK"' EXIT
 
 # clang without the compiler-rt fuzzer runtime cannot link a fuzz target.
-cat >"$WORK/probe.cc" <<'EOF'
+cat >"$WORK/probe.cpp" <<'EOF'
 #include <cstddef>
 #include <cstdint>
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t*, size_t) { return 0; }
 EOF
-if ! clang++ -fsanitize=fuzzer,address,undefined "$WORK/probe.cc" -o "$WORK/probe" >/dev/null 2>&1; then
-  echo "fuzz: clang++ cannot link -fsanitize=fuzzer (libclang-rt missing?), skipping the fuzz run"
-  exit 0
+if ! clang++ -fsanitize=fuzzer,address,undefined "$WORK/probe.cpp" -o "$WORK/probe" >/dev/null 2>&1; then
+  echo "fuzz: clang++ cannot link -fsanitize=fuzzer: install clang and libclang-rt-14-dev (scripts/deps.sh)" >&2
+  exit 1
 fi
 
 GENERATOR="Unix Makefiles"
@@ -47,7 +47,7 @@ if command -v ninja >/dev/null 2>&1; then GENERATOR="Ninja"; fi
 echo "== configuring build-fuzz"
 cmake -S . -B build-fuzz -G "$GENERATOR" \
   -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
-  -DZERVA_BUILD_FUZZ=ON -DZERVA_BUILD_TESTS=OFF -DZERVA_BUILD_BENCH=OFF >/dev/null
+  -DZERVA_BUILD_FUZZ=ON -DZERVA_BUILD_TESTS=OFF -DZERVA_BUILD_BENCH=OFF -DZERVA_WERROR=ON >/dev/null
 echo "== building build-fuzz"
 cmake --build build-fuzz -j "$(nproc)"
 

@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "tlv/backend_codes.h"
 #include "tlv/vem_message_package.h"
 
 namespace {
@@ -32,8 +33,9 @@ constexpr unsigned int kRowCells = 16;
 constexpr unsigned int kRowsPerBatch = 40;
 constexpr unsigned int kLargeCellSize = 4096;
 
-// Command codes of the table queries answered with rows.
-constexpr unsigned long long kRowCommands[] = {0xD0000C000ULL, 0xD0000C001ULL, 0xD00010002ULL};
+// Record identifiers of the table rows: a mix of the listing commands.
+constexpr unsigned long long kRowCommands[] = {backend::kObjectListingCmd, backend::kPlainListingCmd,
+                                               backend::kSortedListingCmd};
 
 // The encoded size of a package (header plus body).
 unsigned int EncodedSize(const CTLVPackage& pkg) { return TLVMsgHeadV3::SIZE + pkg.bodyLength(); }
@@ -73,8 +75,8 @@ void BuildStatsPackage(CTLVPackage& pkg) {
     for (unsigned int i = 0; i < kBatchObjects && EncodedSize(pkg) < kTargetSize; ++i) {
       CTLVRecordV3* record = new CTLVRecordV3(CTLVRecordV3::RESPONSE_ID, CTLVRecordV3::DEFAULT_BUCKETS);
       pkg.push_back(record);
-      record->append(tlv::NewStringCell(13, std::to_string(objectId++)));
-      record->append(tlv::NewStringCell(9, CounterText(rng)));
+      record->append(tlv::NewStringCell(backend::kTagBatchObjectId, std::to_string(objectId++)));
+      record->append(tlv::NewStringCell(backend::kTagStatsValues, CounterText(rng)));
     }
     for (unsigned int r = 0; r < kRowsPerBatch && EncodedSize(pkg) < kTargetSize; ++r) {
       const unsigned long long id = kRowCommands[(batch + r) % (sizeof kRowCommands / sizeof kRowCommands[0])];

@@ -1,4 +1,8 @@
 // Back-end command codes by name, from the host's device configuration.
+//
+// Only the commands the device configuration names are looked up here; the
+// fixed record identifiers, the cell tags and the object types are in
+// tlv/backend_codes.h, shared with the host's batch-table base.
 #ifndef ZERVA_PERFORMANCE_COMMAND_CODE_H_
 #define ZERVA_PERFORMANCE_COMMAND_CODE_H_
 
@@ -16,16 +20,6 @@ inline long long CommandCode(const char* name) {
   CVEMXmlConfig::instance()->getDeviceItem("COMMAND", name, text);
   return strtoll(text.c_str(), nullptr, 10);
 }
-
-// Record identifier of the object listing, by object type in cell 0.
-const unsigned long long kObjectListingCmd = 0xD0000C000ULL;
-
-// Back-end object types.
-enum : unsigned int {
-  kObjTypeLun = 11,
-  kObjTypeFileSystem = 40,
-  kObjTypeController = 207,
-};
 
 }  // namespace perf
 

@@ -4,9 +4,9 @@
 #include <vector>
 
 #include "diag/vem_debug_kit_guard.h"
-#include "performance/command_code.h"
 #include "snmpcommon/snmp_comm_util.h"
 #include "snmpcommon/snmp_configuration.h"
+#include "tlv/backend_codes.h"
 
 namespace {
 
@@ -26,8 +26,8 @@ int CPerformanceCacheHandler::OnQueryTable(const CVEM_SnmpContext&, const CTLVPa
 
   CTLVPackage req;
   CTLVPackage answer;
-  std::unique_ptr<CTLVRecordV3> record(new CTLVRecordV3(perf::kObjectListingCmd, CTLVRecordV3::DEFAULT_BUCKETS));
-  record->append(tlv::NewUintCell(0, CTLVCell::TLV_TYPE_UINT64, perf::kObjTypeController, 8));
+  std::unique_ptr<CTLVRecordV3> record(new CTLVRecordV3(backend::kObjectListingCmd, CTLVRecordV3::DEFAULT_BUCKETS));
+  record->append(tlv::NewUintCell(backend::kTagListingType, CTLVCell::TLV_TYPE_UINT64, backend::kObjTypeController, 8));
   req.push_back(record.release());
 
   const int result = CSNMP_Configuration::instance()->configure(req, answer, true);
@@ -39,8 +39,8 @@ int CPerformanceCacheHandler::OnQueryTable(const CVEM_SnmpContext&, const CTLVPa
   std::vector<unsigned int> values;
   for (CTLVRecordIterator it(&answer); !it.isEnd(); ++it) {
     values.clear();
-    const std::string objectId = (*it)[1]->toString();
-    const int fetched = GetBatchPerfData(perf::kObjTypeController, objectId, m_strItems, values);
+    const std::string objectId = (*it)[backend::kTagObjectId]->toString();
+    const int fetched = GetBatchPerfData(backend::kObjTypeController, objectId, m_strItems, values);
     if (fetched != 0) {
       guard.error(VEM_CODE_ERROR, "OnQueryTable", __LINE__, "failed to get perf data of %s, err:%d", objectId.c_str(),
                   fetched);

@@ -6,6 +6,7 @@
 #include "performance/command_code.h"
 #include "snmpcommon/snmp_comm_util.h"
 #include "snmpcommon/snmp_configuration.h"
+#include "tlv/backend_codes.h"
 
 CSnmpPerformanceCommon::CSnmpPerformanceCommon() : m_getSwitchCmd(perf::CommandCode("GET_PERFORMANCE_SWITCH")) {}
 
@@ -14,7 +15,7 @@ unsigned int CSnmpPerformanceCommon::GetPerfSwitchSta() {
   CTLVPackage rsp;
   req.push_back(new CTLVRecordV3(static_cast<unsigned long long>(m_getSwitchCmd), CTLVRecordV3::DEFAULT_BUCKETS));
   if (CSNMP_Configuration::instance()->configure(req, rsp, false) != 0) return 0;
-  const CTLVCell* state = (*rsp[0])[0];
+  const CTLVCell* state = (*rsp[0])[backend::kTagSwitchState];
   state->checkNumerical();
   return CTLVCell::ValueCast<unsigned int>()(state);
 }
@@ -31,9 +32,9 @@ int CSnmpPerformanceCommon::GetBatchPerfData(unsigned int objType, const std::st
   CTLVPackage rsp;
   std::unique_ptr<CTLVRecordV3> record(
       new CTLVRecordV3(static_cast<unsigned long long>(cmd), CTLVRecordV3::DEFAULT_BUCKETS));
-  record->append(tlv::NewStringCell(0, key));
-  record->append(tlv::NewStringCell(8, items));
-  record->append(tlv::NewUintCell(2, CTLVCell::TLV_TYPE_UINT, 4, 8));
+  record->append(tlv::NewStringCell(backend::kTagStatsObjectKey, key));
+  record->append(tlv::NewStringCell(backend::kTagStatsItems, items));
+  record->append(tlv::NewUintCell(backend::kTagStatsFlag, CTLVCell::TLV_TYPE_UINT, backend::kStatsFlagValue, 8));
   req.push_back(record.release());
 
   const int result = CSNMP_Configuration::instance()->configure(req, rsp, false);
@@ -42,7 +43,7 @@ int CSnmpPerformanceCommon::GetBatchPerfData(unsigned int objType, const std::st
                 key.c_str(), items.c_str(), result);
     return result;
   }
-  const std::string text = (*rsp[0])[9]->toString();
+  const std::string text = (*rsp[0])[backend::kTagStatsValues]->toString();
   if (!SplitToUint(text, ',', values)) {
     guard.error(VEM_CODE_ERROR, "GetBatchPerfData", __LINE__, "faild to parse perf data, UUID:%s, Item:%s, Value:%s.",
                 key.c_str(), items.c_str(), text.c_str());

@@ -3,6 +3,7 @@
 #include <sstream>
 
 #include "diag/vem_debug_kit_guard.h"
+#include "tlv/backend_codes.h"
 
 namespace {
 
@@ -19,7 +20,7 @@ std::string CPerformanceControllerNFSV3Handler::getStatistics() {
   return list;
 }
 
-unsigned int CPerformanceControllerNFSV3Handler::getObjIDForPerf() { return 1000; }
+unsigned int CPerformanceControllerNFSV3Handler::getObjIDForPerf() { return backend::kObjTypeNfsV3; }
 
 void CPerformanceControllerNFSV3Handler::fillRspRecord(CTLVRecordV3* row, std::string objectID,
                                                        std::vector<unsigned int>& values) {

@@ -1,3 +1,5 @@
 #include "performance/snmp_zerva_performance_controllerNFSV41_handler.h"
 
-unsigned int CPerformanceControllerNFSV41Handler::getObjIDForPerf() { return 57636; }
+#include "tlv/backend_codes.h"
+
+unsigned int CPerformanceControllerNFSV41Handler::getObjIDForPerf() { return backend::kObjTypeNfsV41; }

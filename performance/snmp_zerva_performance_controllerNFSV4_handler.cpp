@@ -1,3 +1,5 @@
 #include "performance/snmp_zerva_performance_controllerNFSV4_handler.h"
 
-unsigned int CPerformanceControllerNFSV4Handler::getObjIDForPerf() { return 1001; }
+#include "tlv/backend_codes.h"
+
+unsigned int CPerformanceControllerNFSV4Handler::getObjIDForPerf() { return backend::kObjTypeNfsV4; }

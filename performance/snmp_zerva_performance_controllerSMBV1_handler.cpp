@@ -1,3 +1,5 @@
 #include "performance/snmp_zerva_performance_controllerSMBV1_handler.h"
 
-unsigned int CPerformanceControllerSMBV1Handler::getObjIDForPerf() { return 1002; }
+#include "tlv/backend_codes.h"
+
+unsigned int CPerformanceControllerSMBV1Handler::getObjIDForPerf() { return backend::kObjTypeSmbV1; }

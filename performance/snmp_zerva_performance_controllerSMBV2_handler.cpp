@@ -1,3 +1,5 @@
 #include "performance/snmp_zerva_performance_controllerSMBV2_handler.h"
 
-unsigned int CPerformanceControllerSMBV2Handler::getObjIDForPerf() { return 1003; }
+#include "tlv/backend_codes.h"
+
+unsigned int CPerformanceControllerSMBV2Handler::getObjIDForPerf() { return backend::kObjTypeSmbV2; }

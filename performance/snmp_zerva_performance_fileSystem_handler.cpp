@@ -6,13 +6,12 @@
 #include <sstream>
 
 #include "diag/vem_debug_kit_guard.h"
-#include "performance/command_code.h"
 #include "performance/snmp_zerva_performance_common.h"
+#include "tlv/backend_codes.h"
 
 namespace {
 
 const unsigned int kFileSystemItems[] = {182, 523, 232, 23, 524, 525, 233, 26};
-const unsigned short kSortTag = 15;
 
 }  // namespace
 
@@ -42,14 +41,14 @@ bool CPerformanceFileSystemHandler::checkOKBeforeQueryTable(const CVEM_SnmpConte
 std::string CPerformanceFileSystemHandler::getMibKey(const Agentpp::Oidx&) { return DEFAULT_STRING_KEY; }
 
 void CPerformanceFileSystemHandler::fillReqRecord(CTLVRecordV3* record) {
-  record->append(tlv::NewUintCell(0, CTLVCell::TLV_TYPE_UINT64, perf::kObjTypeFileSystem, 8));
-  if (!m_strCurKey.empty()) record->append(tlv::NewStringCell(1, m_strCurKey));
+  record->append(tlv::NewUintCell(backend::kTagListingType, CTLVCell::TLV_TYPE_UINT64, backend::kObjTypeFileSystem, 8));
+  if (!m_strCurKey.empty()) record->append(tlv::NewStringCell(backend::kTagListingKey, m_strCurKey));
   if (record->id() != kPlainListingCmd) {
     record->setId(kSortedListingCmd);
     Json::Value sort(Json::objectValue);
     sort["sortby"] = "1 ASC";
     std::unique_ptr<CTLVCell> cell(new CTLVCell());
-    cell->set(kSortTag, sort);
+    cell->set(backend::kTagListingSort, sort);
     record->append(cell.release());
   }
 }
@@ -57,7 +56,7 @@ void CPerformanceFileSystemHandler::fillReqRecord(CTLVRecordV3* record) {
 std::string CPerformanceFileSystemHandler::getIndexOfRecord(const CTLVRecordV3& record) {
   CVEMDebugKitGuard guard(VEM_KIT_HANDLER,
                           "virtual std::string CPerformanceFileSystemHandler::getIndexOfRecord(const CTLVRecordV3&)");
-  const CTLVCell* id = record[1];
+  const CTLVCell* id = record[backend::kTagObjectId];
   id->checkString();
   return id->toString();
 }
@@ -66,10 +65,10 @@ int CPerformanceFileSystemHandler::preGetRspCell(const CTLVRecordV3& record) {
   CVEMDebugKitGuard guard(VEM_KIT_HANDLER,
                           "virtual int CPerformanceFileSystemHandler::preGetRspCell(const CTLVRecordV3&)");
   m_vecPerfData.clear();
-  const CTLVCell* id = record[1];
+  const CTLVCell* id = record[backend::kTagObjectId];
   id->checkString();
   const int result =
-      m_pPerfCommon->GetBatchPerfData(perf::kObjTypeFileSystem, id->toString(), m_strItemList, m_vecPerfData);
+      m_pPerfCommon->GetBatchPerfData(backend::kObjTypeFileSystem, id->toString(), m_strItemList, m_vecPerfData);
   if (result != 0) {
     // The message names no object: its ID buffer is never filled.
     const char lunId[1] = "";
@@ -89,7 +88,7 @@ void CPerformanceFileSystemHandler::postGetRspCell(const CTLVRecordV3&) {
 void CPerformanceFileSystemHandler::fillRspRecord(const CTLVRecordV3& in, CTLVRecordV3* out) {
   CVEMDebugKitGuard guard(
       VEM_KIT_HANDLER, "virtual void CPerformanceFileSystemHandler::fillRspRecord(const CTLVRecordV3&, CTLVRecordV3*)");
-  const CTLVCell* id = in[1];
+  const CTLVCell* id = in[backend::kTagObjectId];
   id->checkString();
   out->append(tlv::NewStringCell(1, id->toString()));
   // A short value list leaves the columns it lacks out of the row.

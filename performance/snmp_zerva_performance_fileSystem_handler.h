@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "snmpcommon/snmp_table_base.h"
+#include "tlv/backend_codes.h"
 
 class CSnmpPerformanceCommon;
 
@@ -26,9 +27,9 @@ class CPerformanceFileSystemHandler : public CSnmpTableBase {
   bool checkOKBeforeQueryTable(const CVEM_SnmpContext& ctx) override;
 
   // The unsorted listing, kept as it is by fillReqRecord.
-  static const unsigned long long kPlainListingCmd = 55834574848ULL;  // 0xD00000000
+  static const unsigned long long kPlainListingCmd = backend::kPlainListingCmd;
   // The sorted listing that every other listing becomes.
-  static const unsigned long long kSortedListingCmd = 55834583059ULL;  // 0xD00002013
+  static const unsigned long long kSortedListingCmd = backend::kSortedListingCmd;
 
  private:
   std::vector<unsigned int> m_vecPerfData;

@@ -4,18 +4,14 @@
 #include <sstream>
 
 #include "diag/vem_debug_kit_guard.h"
-#include "performance/command_code.h"
 #include "performance/snmp_zerva_performance_common.h"
 #include "snmpcommon/snmp_comm_util.h"
 #include "snmpcommon/snmp_configuration.h"
+#include "tlv/backend_codes.h"
 
 namespace {
 
 const unsigned int kLunItems[] = {303, 22, 25, 28, 21, 23, 26, 5, 307, 370, 371, 384, 385};
-// The batch statistics command; a fixed code, not looked up by name.
-const unsigned long long kLunBatchStatsCmd = 59594907720ULL;  // 0xDE0222048
-// A statistics record carries its LUN ID in this cell.
-const unsigned int kStatsIdTag = 13;
 
 // a * 100 / b in unsigned 32-bit arithmetic (the product wraps); 0 when b is 0.
 unsigned int Percent(unsigned int a, unsigned int b) { return b == 0 ? 0 : static_cast<unsigned int>(a * 100u) / b; }
@@ -48,14 +44,14 @@ std::string CPerformanceLunHandler::getMibKey(const Agentpp::Oidx& index) {
 
 void CPerformanceLunHandler::fillReqRecord(CTLVRecordV3* record) {
   CVEMDebugKitGuard guard(VEM_KIT_HANDLER, "virtual void CPerformanceLunHandler::fillReqRecord(CTLVRecordV3*)");
-  record->append(tlv::NewUintCell(0, CTLVCell::TLV_TYPE_UINT64, perf::kObjTypeLun, 8));
-  if (!m_strCurKey.empty()) record->append(tlv::NewStringCell(1, m_strCurKey));
+  record->append(tlv::NewUintCell(backend::kTagListingType, CTLVCell::TLV_TYPE_UINT64, backend::kObjTypeLun, 8));
+  if (!m_strCurKey.empty()) record->append(tlv::NewStringCell(backend::kTagListingKey, m_strCurKey));
 }
 
 std::string CPerformanceLunHandler::getIndexOfRecord(const CTLVRecordV3& record) {
   CVEMDebugKitGuard guard(VEM_KIT_HANDLER,
                           "virtual std::string CPerformanceLunHandler::getIndexOfRecord(const CTLVRecordV3&)");
-  const CTLVCell* id = record[1];
+  const CTLVCell* id = record[backend::kTagObjectId];
   id->checkString();
   return id->toString();
 }
@@ -63,9 +59,10 @@ std::string CPerformanceLunHandler::getIndexOfRecord(const CTLVRecordV3& record)
 int CPerformanceLunHandler::preGetRspCell(const CTLVRecordV3& record) {
   CVEMDebugKitGuard guard(VEM_KIT_HANDLER, "virtual int CPerformanceLunHandler::preGetRspCell(const CTLVRecordV3&)");
   m_vecPerfData.clear();
-  const CTLVCell* id = record[1];
+  const CTLVCell* id = record[backend::kTagObjectId];
   id->checkString();
-  const int result = m_pPerfCommon->GetBatchPerfData(perf::kObjTypeLun, id->toString(), m_strItemList, m_vecPerfData);
+  const int result =
+      m_pPerfCommon->GetBatchPerfData(backend::kObjTypeLun, id->toString(), m_strItemList, m_vecPerfData);
   if (result != 0) {
     // The message names no LUN: its ID buffer is never filled.
     const char lunId[1] = "";
@@ -81,7 +78,9 @@ void CPerformanceLunHandler::postGetRspCell(const CTLVRecordV3&) {
   m_vecPerfData.clear();
 }
 
-void CPerformanceLunHandler::fillRspRecord(const CTLVRecordV3& in, CTLVRecordV3* out) { fillRspRecord(in, out, 1); }
+void CPerformanceLunHandler::fillRspRecord(const CTLVRecordV3& in, CTLVRecordV3* out) {
+  fillRspRecord(in, out, backend::kTagObjectId);
+}
 
 void CPerformanceLunHandler::fillRspRecord(const CTLVRecordV3& in, CTLVRecordV3* out, unsigned int idTag) {
   const CTLVCell* id = in[static_cast<unsigned short>(idTag & 0xFFFF)];
@@ -167,11 +166,11 @@ int CPerformanceLunHandler::QueryPerfLunData(std::string objID, CTLVPackageV3<TL
                           "int CPerformanceLunHandler::QueryPerfLunData(std::string, CTLVPackageV3<TLVMsgHeadV3>&)");
   CTLVPackage req;
   CTLVPackage reply;
-  std::unique_ptr<CTLVRecordV3> record(new CTLVRecordV3(kLunBatchStatsCmd, CTLVRecordV3::DEFAULT_BUCKETS));
-  record->append(tlv::NewUintCell(11, CTLVCell::TLV_TYPE_UINT, perf::kObjTypeLun, 4));
-  record->append(tlv::NewStringCell(12, objID));
-  record->append(tlv::NewStringCell(8, m_strItemList));
-  record->append(tlv::NewUintCell(2, CTLVCell::TLV_TYPE_UINT, 4, 8));
+  std::unique_ptr<CTLVRecordV3> record(new CTLVRecordV3(backend::kLunBatchStatsCmd, CTLVRecordV3::DEFAULT_BUCKETS));
+  record->append(tlv::NewUintCell(backend::kTagBatchObjectType, CTLVCell::TLV_TYPE_UINT, backend::kObjTypeLun, 4));
+  record->append(tlv::NewStringCell(backend::kTagBatchObjectIds, objID));
+  record->append(tlv::NewStringCell(backend::kTagStatsItems, m_strItemList));
+  record->append(tlv::NewUintCell(backend::kTagStatsFlag, CTLVCell::TLV_TYPE_UINT, backend::kStatsFlagValue, 8));
   req.push_back(record.release());
 
   const int result = CSNMP_Configuration::instance()->configure(req, reply, false);
@@ -185,11 +184,11 @@ int CPerformanceLunHandler::QueryPerfLunData(std::string objID, CTLVPackageV3<TL
     if (stats.cellCount() == 0) continue;
     if (ControlValue(stats) == 1) return 0;
     m_vecPerfData.clear();  // a row that threw while being filled leaves nothing behind
-    if (!SplitToUint(stats[9]->toString(), ',', m_vecPerfData)) {
+    if (!SplitToUint(stats[backend::kTagStatsValues]->toString(), ',', m_vecPerfData)) {
       guard.error(VEM_CODE_ERROR, "QueryPerfLunData", __LINE__, "faild to parse perf data.");
       return SNMP_HANDLER_FAILED;
     }
-    AppendRspPkgRecord(rsp, stats, kStatsIdTag);
+    AppendRspPkgRecord(rsp, stats, backend::kTagBatchObjectId);
   }
   return 0;
 }

@@ -2,9 +2,9 @@
 
 #include <sstream>
 
-#include "performance/command_code.h"
 #include "snmpcommon/snmp_capability.h"
 #include "snmpcommon/snmp_comm_util.h"
+#include "tlv/backend_codes.h"
 
 namespace {
 
@@ -27,12 +27,12 @@ CPerformanceNodeHandler::CPerformanceNodeHandler() {
 
 std::string CPerformanceNodeHandler::getStatistics() { return m_nodeStatistics; }
 
-unsigned int CPerformanceNodeHandler::getObjIDForKey() { return perf::kObjTypeController; }
+unsigned int CPerformanceNodeHandler::getObjIDForKey() { return backend::kObjTypeController; }
 
 unsigned int CPerformanceNodeHandler::getObjIDForPerf() { return getObjIDForKey(); }
 
 bool CPerformanceNodeHandler::checkRspValid(const CTLVRecordV3& record) {
-  return CSnmpCommUtil::ParseCtrlNodeID(record[1]->toString()) != CSnmpCommUtil::INVALID_NODE_ID;
+  return CSnmpCommUtil::ParseCtrlNodeID(record[backend::kTagObjectId]->toString()) != CSnmpCommUtil::INVALID_NODE_ID;
 }
 
 void CPerformanceNodeHandler::fillRspRecord(CTLVRecordV3* row, std::string objectID,

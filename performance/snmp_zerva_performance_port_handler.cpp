@@ -3,16 +3,19 @@
 #include <memory>
 
 #include "diag/vem_debug_kit_guard.h"
-#include "performance/command_code.h"
 #include "snmpcommon/snmp_comm_util.h"
 #include "snmpcommon/snmp_configuration.h"
+#include "tlv/backend_codes.h"
 
 namespace {
 
 // Port types, in the order they are listed.
-const unsigned int kPortTypes[] = {213, 212, 252, 235};
-const unsigned int kPortTypeNoStatus = 235;  // named by tag 2, no status test
-const unsigned int kPortTypeTag70 = 213;     // a non-empty tag 70 leaves the port out
+const unsigned int kPortTypes[] = {backend::kObjTypePortEth, backend::kObjTypePortFc, backend::kObjTypePortFcoe,
+                                   backend::kObjTypePortBond};
+// Bond ports are named by their own tag and have no status to test; an
+// Ethernet port with a non-empty bond cell is left out.
+const unsigned int kPortTypeNoStatus = backend::kObjTypePortBond;
+const unsigned int kPortTypeInBond = backend::kObjTypePortEth;
 
 // Statistic items of a port row, columns 2 to 10.
 const char kPortItems[] = "78,22,25,28,21,23,26,5,307";
@@ -37,8 +40,8 @@ int CPerformancePortHandler::OnQueryTable(const CVEM_SnmpContext&, const CTLVPac
   for (unsigned int portType : m_vecPortTypes) {
     CTLVPackage req;
     CTLVPackage answer;
-    std::unique_ptr<CTLVRecordV3> record(new CTLVRecordV3(perf::kObjectListingCmd, CTLVRecordV3::DEFAULT_BUCKETS));
-    record->append(tlv::NewUintCell(0, CTLVCell::TLV_TYPE_UINT64, portType, 8));
+    std::unique_ptr<CTLVRecordV3> record(new CTLVRecordV3(backend::kObjectListingCmd, CTLVRecordV3::DEFAULT_BUCKETS));
+    record->append(tlv::NewUintCell(backend::kTagListingType, CTLVCell::TLV_TYPE_UINT64, portType, 8));
     req.push_back(record.release());
 
     const int result = CSNMP_Configuration::instance()->configure(req, answer, true);
@@ -59,17 +62,20 @@ void CPerformancePortHandler::GetPortPerfValue(unsigned int portType, CTLVPackag
     const CTLVRecordV3& port = *it;
     std::string name;
     if (portType == kPortTypeNoStatus) {
-      name = port[2]->toString();
+      name = port[backend::kTagBondPortName]->toString();
     } else {
-      if (portType == kPortTypeTag70 && port.hasTag(70) && !port[70]->toString().empty()) continue;
-      const CTLVCell* statusCell = port[64];
+      if (portType == kPortTypeInBond && port.hasTag(backend::kTagPortBond) &&
+          !port[backend::kTagPortBond]->toString().empty()) {
+        continue;
+      }
+      const CTLVCell* statusCell = port[backend::kTagPortStatus];
       statusCell->checkNumerical();
       const unsigned int status = CTLVCell::ValueCast<unsigned int>()(statusCell);
-      name = port[6]->toString();
+      name = port[backend::kTagPortName]->toString();
       if (!StatusQualifies(status)) continue;
     }
 
-    const std::string objectId = port[1]->toString();
+    const std::string objectId = port[backend::kTagObjectId]->toString();
     values.clear();
     if (GetBatchPerfData(portType, objectId, m_strItems, values) != 0) continue;
 

@@ -3,8 +3,8 @@
 #include <memory>
 
 #include "diag/vem_debug_kit_guard.h"
-#include "performance/command_code.h"
 #include "snmpcommon/snmp_configuration.h"
+#include "tlv/backend_codes.h"
 
 bool CPerformanceSimpleHandler::checkRspValid(const CTLVRecordV3&) { return true; }
 
@@ -18,8 +18,8 @@ int CPerformanceSimpleHandler::OnQueryTable(const CVEM_SnmpContext&, const CTLVP
 
   CTLVPackage req;
   CTLVPackage answer;
-  std::unique_ptr<CTLVRecordV3> record(new CTLVRecordV3(perf::kObjectListingCmd, CTLVRecordV3::DEFAULT_BUCKETS));
-  record->append(tlv::NewUintCell(0, CTLVCell::TLV_TYPE_UINT64, getObjIDForKey(), 8));
+  std::unique_ptr<CTLVRecordV3> record(new CTLVRecordV3(backend::kObjectListingCmd, CTLVRecordV3::DEFAULT_BUCKETS));
+  record->append(tlv::NewUintCell(backend::kTagListingType, CTLVCell::TLV_TYPE_UINT64, getObjIDForKey(), 8));
   req.push_back(record.release());
 
   const int status = CSNMP_Configuration::instance()->configure(req, answer, true);
@@ -35,7 +35,7 @@ int CPerformanceSimpleHandler::OnQueryTable(const CVEM_SnmpContext&, const CTLVP
       guard.error(VEM_CODE_ERROR, "OnQueryTable", __LINE__, "faild to parse rsp");
       return SNMP_HANDLER_FAILED;
     }
-    const std::string objectId = (*it)[1]->toString();
+    const std::string objectId = (*it)[backend::kTagObjectId]->toString();
     const int fetched = GetBatchPerfData(getObjIDForPerf(), objectId, m_statistics, values);
     if (fetched != 0) {
       guard.error(VEM_CODE_ERROR, "OnQueryTable", __LINE__, "failed to get perf data of %s, err:%d", objectId.c_str(),

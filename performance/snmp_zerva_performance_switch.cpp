@@ -5,6 +5,7 @@
 #include "diag/vem_debug_kit_guard.h"
 #include "performance/command_code.h"
 #include "snmpcommon/snmp_configuration.h"
+#include "tlv/backend_codes.h"
 
 namespace {
 
@@ -12,7 +13,7 @@ namespace {
 void BuildRequest(CTLVPackage& req, long long cmd, const unsigned int* state) {
   std::unique_ptr<CTLVRecordV3> record(
       new CTLVRecordV3(static_cast<unsigned long long>(cmd), CTLVRecordV3::DEFAULT_BUCKETS));
-  if (state != nullptr) record->append(tlv::NewUintCell(0, CTLVCell::TLV_TYPE_UINT, *state, 4));
+  if (state != nullptr) record->append(tlv::NewUintCell(backend::kTagSwitchState, CTLVCell::TLV_TYPE_UINT, *state, 4));
   req.push_back(record.release());
 }
 
@@ -28,7 +29,7 @@ int CPerformanceSwithHandler::queryLeaf(const CVEM_SnmpContext&, CTLVCell*& cell
   const int result = CSNMP_Configuration::instance()->configure(req, rsp, false);
   if (result != 0) return result;
 
-  const CTLVCell* answer = (*rsp[0])[0];
+  const CTLVCell* answer = (*rsp[0])[backend::kTagSwitchState];
   answer->checkNumerical();
   const unsigned int state = CTLVCell::ValueCast<unsigned int>()(answer);
   cell = tlv::NewUintCell(0, CTLVCell::TLV_TYPE_UINT, state, 4);

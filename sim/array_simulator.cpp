@@ -26,9 +26,7 @@ bool ReadNumber(const CTLVRecordV3& record, uint16_t tag, uint64_t* out) {
   if (!record.hasTag(tag)) return false;
   const CTLVCell* cell = record[tag];
   if (cell->type() < CTLVCell::TLV_TYPE_UINT || cell->length() > 8) return false;
-  uint64_t v = 0;
-  for (unsigned i = 0; i < cell->length(); ++i) v |= static_cast<uint64_t>(cell->value()[i]) << (8 * i);
-  *out = v;
+  *out = tlv::DecodeFixedUpTo64(cell->value(), cell->length());
   return true;
 }
 
@@ -346,7 +344,7 @@ std::vector<unsigned char> ArraySimulator::answer(const CTLVRecordV3& record) {
   if (id == codes_.getSwitch) {
     AnswerWriter w;
     w.beginRecord(kAnswerId);
-    w.u32(0, switch_.load());
+    w.u32(kTagSwitchState, switch_.load());
     return w.finish();
   }
   if (id == codes_.setSwitch) return setSwitchAnswer(record);
@@ -355,7 +353,7 @@ std::vector<unsigned char> ArraySimulator::answer(const CTLVRecordV3& record) {
     AnswerWriter w;
     for (int f : topology_.features) {
       w.beginRecord(kAnswerId);
-      w.u32(0, static_cast<uint32_t>(f));
+      w.u32(kTagFeature, static_cast<uint32_t>(f));
     }
     return w.finish();
   }
@@ -368,7 +366,7 @@ std::vector<unsigned char> ArraySimulator::answer(const CTLVRecordV3& record) {
 
 std::vector<unsigned char> ArraySimulator::setSwitchAnswer(const CTLVRecordV3& record) {
   uint64_t v;
-  if (!ReadNumber(record, 0, &v)) return AnswerWriter::Empty(kSimErrMalformed);
+  if (!ReadNumber(record, kTagSwitchState, &v)) return AnswerWriter::Empty(kSimErrMalformed);
   if (v > 1) return AnswerWriter::Empty(kSimErrBadValue);
   switch_.store(static_cast<uint32_t>(v));
   return AnswerWriter::Empty(kSimOk);
@@ -377,7 +375,8 @@ std::vector<unsigned char> ArraySimulator::setSwitchAnswer(const CTLVRecordV3& r
 std::vector<unsigned char> ArraySimulator::curStatistics(const CTLVRecordV3& record) {
   std::string key, itemsText;
   std::vector<uint32_t> items;
-  if (!ReadText(record, 0, &key) || !ReadText(record, 8, &itemsText) || !ParseIdList(itemsText, false, &items)) {
+  if (!ReadText(record, kTagStatsKey, &key) || !ReadText(record, kTagStatsItems, &itemsText) ||
+      !ParseIdList(itemsText, false, &items)) {
     return AnswerWriter::Empty(kSimErrMalformed);
   }
   const size_t colon = key.find(':');
@@ -393,7 +392,7 @@ std::vector<unsigned char> ArraySimulator::curStatistics(const CTLVRecordV3& rec
   if (rc != kSimOk) return AnswerWriter::Empty(rc);
   AnswerWriter w;
   w.beginRecord(kAnswerId);
-  w.str(9, values);
+  w.str(kTagStatsValues, values);
   return w.finish();
 }
 
@@ -401,8 +400,9 @@ std::vector<unsigned char> ArraySimulator::lunBatchStatistics(const CTLVRecordV3
   uint64_t type;
   std::string idsText, itemsText;
   std::vector<uint32_t> ids, items;
-  if (!ReadNumber(record, 11, &type) || !ReadText(record, 12, &idsText) || !ReadText(record, 8, &itemsText) ||
-      !ParseIdList(idsText, true, &ids) || !ParseIdList(itemsText, false, &items)) {
+  if (!ReadNumber(record, kTagBatchType, &type) || !ReadText(record, kTagBatchIds, &idsText) ||
+      !ReadText(record, kTagStatsItems, &itemsText) || !ParseIdList(idsText, true, &ids) ||
+      !ParseIdList(itemsText, false, &items)) {
     return AnswerWriter::Empty(kSimErrMalformed);
   }
   if (type != kObjLun) return AnswerWriter::Empty(kSimErrBadObjectType);
@@ -420,23 +420,23 @@ std::vector<unsigned char> ArraySimulator::lunBatchStatistics(const CTLVRecordV3
     std::string values;
     valuesText(kObjLun, id, items, t, &values);
     w.beginRecord(kAnswerId);
-    w.str(13, std::to_string(id));
-    w.str(9, values);
+    w.str(kTagBatchId, std::to_string(id));
+    w.str(kTagStatsValues, values);
   }
   return w.finish();
 }
 
 std::vector<unsigned char> ArraySimulator::listing(const CTLVRecordV3& record, bool sorted) {
   uint64_t type;
-  if (!ReadNumber(record, 0, &type) || type > 0xFFFFFFFFULL) return AnswerWriter::Empty(kSimErrMalformed);
+  if (!ReadNumber(record, kTagObjectType, &type) || type > 0xFFFFFFFFULL) return AnswerWriter::Empty(kSimErrMalformed);
   bool descending = false;
-  if (sorted && record.hasTag(15)) {
+  if (sorted && record.hasTag(kTagSortOrder)) {
     std::string text;
     Json::Value sort;
     Json::CharReaderBuilder builder;
     std::istringstream in;
     std::string errors;
-    if (!ReadText(record, 15, &text)) return AnswerWriter::Empty(kSimErrMalformed);
+    if (!ReadText(record, kTagSortOrder, &text)) return AnswerWriter::Empty(kSimErrMalformed);
     in.str(text);
     if (!Json::parseFromStream(builder, in, &sort, &errors) || !sort.isObject() || !sort["sortby"].isString()) {
       return AnswerWriter::Empty(kSimErrMalformed);
@@ -455,9 +455,9 @@ std::vector<unsigned char> ArraySimulator::listing(const CTLVRecordV3& record, b
   if (t == kObjController) {
     for (const std::string& c : topology_.controllers) {
       w.beginRecord(kAnswerId);
-      w.t6(0, kObjController);
-      w.str(1, c);
-      w.str(2, "controller " + c);
+      w.t6(kTagObjectType, kObjController);
+      w.str(kTagObjectId, c);
+      w.str(kTagObjectName, "controller " + c);
     }
     return w.finish();
   }
@@ -465,11 +465,11 @@ std::vector<unsigned char> ArraySimulator::listing(const CTLVRecordV3& record, b
   for (const SimPort& p : topology_.ports) {
     if (p.type != t) continue;
     w.beginRecord(kAnswerId);
-    w.t6(0, t);
-    w.str(1, std::to_string(p.id));
-    w.str(t == kObjPortBond ? 2 : 6, p.name);
-    w.u32(64, p.status);
-    if (!p.bond.empty()) w.str(70, p.bond);
+    w.t6(kTagObjectType, t);
+    w.str(kTagObjectId, std::to_string(p.id));
+    w.str(t == kObjPortBond ? kTagObjectName : kTagPortName, p.name);
+    w.u32(kTagPortStatus, p.status);
+    if (!p.bond.empty()) w.str(kTagPortBond, p.bond);
   }
   return w.finish();
 }
@@ -479,10 +479,10 @@ std::vector<unsigned char> ArraySimulator::pagedListing(const CTLVRecordV3& reco
   const size_t n = ids.size();
   // Position j in listing order: ids[j] ascending, ids[n - 1 - j] descending.
   size_t j = 0;
-  if (record.hasTag(1)) {
+  if (record.hasTag(kTagListingKey)) {
     std::string keyText;
     uint32_t key;
-    if (!ReadText(record, 1, &keyText)) return AnswerWriter::Empty(kSimErrMalformed);
+    if (!ReadText(record, kTagListingKey, &keyText)) return AnswerWriter::Empty(kSimErrMalformed);
     if (!keyText.empty()) {
       if (!ParseU32(keyText, &key)) return AnswerWriter::Empty(kSimErrMalformed);
       j = descending ? n - static_cast<size_t>(std::lower_bound(ids.begin(), ids.end(), key) - ids.begin())
@@ -496,12 +496,12 @@ std::vector<unsigned char> ArraySimulator::pagedListing(const CTLVRecordV3& reco
     char name[32];
     snprintf(name, sizeof name, type == kObjLun ? "LUN%05u" : "fs%04u", id);
     w.beginRecord(kAnswerId);
-    w.t6(0, type);
-    w.str(1, std::to_string(id));
-    w.str(2, name);
+    w.t6(kTagObjectType, type);
+    w.str(kTagObjectId, std::to_string(id));
+    w.str(kTagObjectName, name);
   }
   w.beginRecord(kAnswerId);
-  w.u32(4095, end < n ? 0 : 1);
+  w.u32(kTagControl, end < n ? 0 : 1);
   return w.finish();
 }
 

@@ -22,11 +22,43 @@ class CTLVRecordV3;
 
 namespace zerva_sim {
 
+// The simulator's wire constants: the fixed record identifiers and the cell
+// tags below, the codes looked up by name in CommandCodes, the object types
+// in sim/topology.h. They are the back end's side of the protocol, and the
+// simulator keeps its own copy of them on purpose instead of including the
+// module's (tlv/backend_codes.h): a wrong number on one side then makes the
+// end-to-end tests fail, where a shared number would agree with itself. Each
+// is defined once in the simulator, here or in sim/topology.h.
+
 // Fixed record identifiers (not looked up by name).
 const unsigned long long kListingCmd = 0xD0000C000ULL;            // object listing by type
-const unsigned long long kSortedListingCmd = 55834583059ULL;      // 0xD00002013: listing with a tag-15 sort order
-const unsigned long long kLunBatchStatsCmd = 59594907720ULL;      // 0xDE0222048: statistics of many LUNs
+const unsigned long long kSortedListingCmd = 0xD00002013ULL;      // listing with a kTagSortOrder sort order
+const unsigned long long kLunBatchStatsCmd = 0xDE0222048ULL;      // statistics of many LUNs
 const unsigned long long kSimControlCmd = 0x53494D0000000001ULL;  // the simulator's own control command
+
+// Cell tags of the array's commands (the control command numbers its own).
+enum : uint16_t {
+  // Listings: request and answer.
+  kTagObjectType = 0,   // type 6: the object type listed
+  kTagListingKey = 1,   // request: list the objects after this key
+  kTagObjectId = 1,     // answer: the object's ID
+  kTagObjectName = 2,   // answer: the name of a controller, LUN, file system or bond port
+  kTagPortName = 6,     // answer: the name of an Ethernet, FC or FCoE port
+  kTagSortOrder = 15,   // sorted listing request: {"sortby":"1 ASC"} or "1 DESC"
+  kTagPortStatus = 64,  // answer: the port's status
+  kTagPortBond = 70,    // answer: the bond an Ethernet port belongs to
+  kTagControl = 4095,   // answer: 0 = more objects follow, 1 = the listing ends
+  // Switch and features.
+  kTagSwitchState = 0,  // get answer, set request
+  kTagFeature = 0,      // one feature number per answer record
+  // Statistics.
+  kTagStatsKey = 0,     // "type:id"
+  kTagStatsItems = 8,   // item numbers joined by ","
+  kTagStatsValues = 9,  // answer: values joined by ","
+  kTagBatchType = 11,   // batch request: the object type
+  kTagBatchIds = 12,    // batch request: object IDs joined by ","
+  kTagBatchId = 13,     // batch answer: the object of the record
+};
 
 // Result codes of the simulator's refusals (hdrWord0 of the answer). None
 // lies in 0x4E540000-0x4E5400FF, the host transport's range.

@@ -26,6 +26,7 @@
 #include "snmpcommon/snmp_backend_frame.h"
 #include "snmpcommon/snmp_configuration.h"
 #include "snmpcommon/snmp_socket_transport.h"
+#include "tlv/coding.h"
 #include "tlv/vem_message_package.h"
 #include "vempub/vem_debug_kit.h"
 
@@ -81,9 +82,7 @@ bool CellNumber(const CTLVRecordV3& record, unsigned short tag, unsigned long lo
   if (!record.hasTag(tag)) return false;
   const CTLVCell* cell = record[tag];
   if (cell->type() < CTLVCell::TLV_TYPE_UINT || cell->length() > 8) return false;
-  unsigned long long v = 0;
-  for (unsigned i = 0; i < cell->length(); ++i) v |= static_cast<unsigned long long>(cell->value()[i]) << (8 * i);
-  *out = v;
+  *out = tlv::DecodeFixedUpTo64(cell->value(), cell->length());
   return true;
 }
 

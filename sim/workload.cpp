@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "sim/topology.h"
+
 namespace zerva_sim {
 
 namespace {
@@ -30,11 +32,13 @@ uint32_t Clamp32(uint64_t v) { return v > 0xFFFFFFFFULL ? 0xFFFFFFFFu : static_c
 
 uint32_t Percent(double v) { return static_cast<uint32_t>(std::min(100.0, std::max(0.0, v))); }
 
-bool IsPort(uint32_t t) { return t == 213 || t == 212 || t == 252 || t == 235; }
+bool IsPort(uint32_t t) { return t == kObjPortEth || t == kObjPortFc || t == kObjPortFcoe || t == kObjPortBond; }
 
-bool IsService(uint32_t t) { return t == 1000 || t == 1001 || t == 57636 || t == 1002 || t == 1003; }
+bool IsService(uint32_t t) {
+  return t == kObjNfsV3 || t == kObjNfsV4 || t == kObjNfsV41 || t == kObjSmbV1 || t == kObjSmbV2;
+}
 
-const uint32_t kServiceTypes[] = {1000, 1001, 57636, 1002, 1003};
+const uint32_t kServiceTypes[] = {kObjNfsV3, kObjNfsV4, kObjNfsV41, kObjSmbV1, kObjSmbV2};
 
 // The weighted mean of two or three latencies by their operation counts,
 // or their plain mean when there were no operations.
@@ -58,22 +62,24 @@ struct WorkloadModel::Params {
   uint64_t salt = 0;    // per-object hash for per-period jitter
 };
 
-bool WorkloadModel::knowsType(uint32_t t) { return t == 11 || t == 40 || t == 207 || IsPort(t) || IsService(t); }
+bool WorkloadModel::knowsType(uint32_t t) {
+  return t == kObjLun || t == kObjFileSystem || t == kObjController || IsPort(t) || IsService(t);
+}
 
-bool WorkloadModel::isFileType(uint32_t t) { return t == 40 || IsService(t); }
+bool WorkloadModel::isFileType(uint32_t t) { return t == kObjFileSystem || IsService(t); }
 
 WorkloadModel::Params WorkloadModel::params(uint32_t objType, uint64_t key) const {
   Params p;
   p.salt = Hash(seed_, objType, key, 0x5EED);
   auto h = [&](uint64_t n) { return Hash(p.salt, n, 0, 0); };
   double readLo, readHi, writeFrac;
-  if (objType == 11) {
+  if (objType == kObjLun) {
     readLo = 20, readHi = 1500, writeFrac = Between(h(1), 0.2, 1.0);
   } else if (IsPort(objType)) {
     readLo = 500, readHi = 15000, writeFrac = Between(h(1), 0.3, 0.8);
-  } else if (objType == 207) {
+  } else if (objType == kObjController) {
     readLo = 5000, readHi = 60000, writeFrac = Between(h(1), 0.3, 0.7);
-  } else if (objType == 40) {
+  } else if (objType == kObjFileSystem) {
     readLo = 10, readHi = 2000, writeFrac = Between(h(1), 0.2, 0.9);
   } else {
     readLo = 100, readHi = 10000, writeFrac = Between(h(1), 0.2, 0.8);
@@ -162,7 +168,7 @@ std::vector<uint32_t> WorkloadModel::itemsOf(uint32_t objType) {
     items = {23, 26, 182, 232, 233, 439, 523, 524, 525};
   } else if (knowsType(objType)) {
     items = {5, 21, 22, 23, 25, 26, 28, 78, 303, 307, 370, 371, 384, 385};
-    if (objType == 207) {
+    if (objType == kObjController) {
       items.insert(items.end(), {68, 69, 110, 120, 475, 476});
       std::sort(items.begin(), items.end());
     }
@@ -171,7 +177,7 @@ std::vector<uint32_t> WorkloadModel::itemsOf(uint32_t objType) {
 }
 
 uint32_t WorkloadModel::controllerValue(uint64_t key, uint32_t item, uint64_t tMs, const Sample& s) const {
-  const Params p = params(207, key);
+  const Params p = params(kObjController, key);
   const uint64_t k = tMs / kSamplePeriodMs;
   const double jitter = Unit(Hash(p.salt, k, item, 0xC7));
   const double load = (static_cast<double>(s.readOps) + s.writeOps) / p.capacity;
@@ -287,7 +293,8 @@ bool WorkloadModel::value(uint32_t objType, uint64_t key, uint32_t item, uint64_
     default:
       break;
   }
-  if (objType == 207 && (item == 68 || item == 69 || item == 110 || item == 120 || item == 475 || item == 476)) {
+  if (objType == kObjController &&
+      (item == 68 || item == 69 || item == 110 || item == 120 || item == 475 || item == 476)) {
     *out = controllerValue(key, item, tMs, s);
     return true;
   }

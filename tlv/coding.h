@@ -6,6 +6,7 @@
 #ifndef ZERVA_TLV_CODING_H_
 #define ZERVA_TLV_CODING_H_
 
+#include <cstddef>
 #include <cstdint>
 
 namespace tlv {
@@ -38,6 +39,16 @@ inline uint32_t DecodeFixed32(const unsigned char* src) {
 // Reads a little-endian u64 from src[0..7]. REQUIRES: src has 8 bytes.
 inline uint64_t DecodeFixed64(const unsigned char* src) {
   return static_cast<uint64_t>(DecodeFixed32(src)) | (static_cast<uint64_t>(DecodeFixed32(src + 4)) << 32);
+}
+
+// Reads the first n bytes of src, at most 8, as a little-endian unsigned
+// number, zero-extended: a value of any width up to 8 bytes (0 bytes give 0).
+// Bytes past the eighth are not read. REQUIRES: src has min(n, 8) bytes.
+inline uint64_t DecodeFixedUpTo64(const unsigned char* src, size_t n) {
+  const size_t width = n < 8 ? n : 8;
+  uint64_t value = 0;
+  for (size_t i = 0; i < width; ++i) value |= static_cast<uint64_t>(src[i]) << (8 * i);
+  return value;
 }
 
 }  // namespace tlv

@@ -36,4 +36,30 @@ TEST(CodingTest, RoundTripsExtremes) {
   }
 }
 
+TEST(CodingTest, FixedUpTo64ReadsEachWidthLowByteFirst) {
+  const unsigned char b[8] = {0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x88};
+  EXPECT_EQ(tlv::DecodeFixedUpTo64(b, 0), 0u);
+  EXPECT_EQ(tlv::DecodeFixedUpTo64(b, 1), 0x01u);
+  EXPECT_EQ(tlv::DecodeFixedUpTo64(b, 2), 0x0201u);
+  EXPECT_EQ(tlv::DecodeFixedUpTo64(b, 3), 0x030201u);
+  EXPECT_EQ(tlv::DecodeFixedUpTo64(b, 5), 0x0504030201ULL);
+  EXPECT_EQ(tlv::DecodeFixedUpTo64(b, 8), 0x8807060504030201ULL);
+}
+
+TEST(CodingTest, FixedUpTo64AgreesWithTheFixedWidths) {
+  unsigned char b[8];
+  tlv::EncodeFixed64(b, 0xFEDCBA9876543210ULL);
+  EXPECT_EQ(tlv::DecodeFixedUpTo64(b, 2), tlv::DecodeFixed16(b));
+  EXPECT_EQ(tlv::DecodeFixedUpTo64(b, 4), tlv::DecodeFixed32(b));
+  EXPECT_EQ(tlv::DecodeFixedUpTo64(b, 8), tlv::DecodeFixed64(b));
+}
+
+TEST(CodingTest, FixedUpTo64ReadsNoMoreThanEightBytes) {
+  // The ninth byte and after are left alone: a longer value reads as its
+  // first eight bytes.
+  unsigned char b[12] = {0xFF, 0, 0, 0, 0, 0, 0, 0x01, 0xAA, 0xBB, 0xCC, 0xDD};
+  EXPECT_EQ(tlv::DecodeFixedUpTo64(b, 12), 0x01000000000000FFULL);
+  EXPECT_EQ(tlv::DecodeFixedUpTo64(b, 65535), 0x01000000000000FFULL);
+}
+
 }  // namespace

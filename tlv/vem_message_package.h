@@ -29,6 +29,7 @@
 #include <vector>
 
 #include "diag/vem_exception.h"
+#include "tlv/coding.h"
 
 namespace Json {
 class Value;
@@ -130,16 +131,14 @@ struct CTLVCell::ValueCast<unsigned int> {
         return isSigned ? static_cast<unsigned int>(static_cast<int>(static_cast<int8_t>(v[0])))
                         : static_cast<unsigned int>(v[0]);
       case 2: {
-        uint16_t u = static_cast<uint16_t>(v[0] | (v[1] << 8));
+        const uint16_t u = tlv::DecodeFixed16(v);
         return isSigned ? static_cast<unsigned int>(static_cast<int>(static_cast<int16_t>(u)))
                         : static_cast<unsigned int>(u);
       }
       case 3:
-        return static_cast<unsigned int>(v[0]) | (static_cast<unsigned int>(v[1]) << 8) |
-               (static_cast<unsigned int>(v[2]) << 16);
+        return static_cast<unsigned int>(tlv::DecodeFixedUpTo64(v, 3));
       default:
-        return static_cast<unsigned int>(v[0]) | (static_cast<unsigned int>(v[1]) << 8) |
-               (static_cast<unsigned int>(v[2]) << 16) | (static_cast<unsigned int>(v[3]) << 24);
+        return tlv::DecodeFixed32(v);
     }
   }
 };

@@ -20,10 +20,7 @@ std::string NumberText(const CTLVCell& cell) {
     const unsigned int u = CTLVCell::ValueCast<unsigned int>()(&cell);
     return isSigned ? std::to_string(static_cast<int32_t>(u)) : std::to_string(u);
   }
-  uint64_t u = 0;
-  for (unsigned int i = 0; i < cell.length() && i < 8; ++i) {
-    u |= static_cast<uint64_t>(cell.value()[i]) << (8 * i);
-  }
+  const uint64_t u = tlv::DecodeFixedUpTo64(cell.value(), cell.length());
   if (isSigned && cell.length() == 8) return std::to_string(static_cast<int64_t>(u));
   return std::to_string(u);
 }

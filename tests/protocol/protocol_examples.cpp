@@ -18,6 +18,7 @@
 #include "snmpcommon/snmp_configuration.h"
 #include "snmpcommon/snmp_context.h"
 #include "tests/support/fake_backend.h"
+#include "tlv/backend_codes.h"
 #include "tlv/coding.h"
 #include "tlv/vem_message_package.h"
 #include "vempub/vem_xml_config.h"
@@ -36,10 +37,9 @@ using zerva_test::Rec;
 
 namespace {
 
-// Record identifiers that the examples answer.
-const unsigned long long kListingCmd = CSnmpTableBase::LISTING_CMD;                         // 0xD0000C000
-const unsigned long long kLunBatchCmd = 59594907720ULL;                                     // 0xDE0222048
-const unsigned long long kFsListingCmd = CPerformanceFileSystemHandler::kSortedListingCmd;  // 0xD00002013
+using backend::kLunBatchStatsCmd;
+using backend::kObjectListingCmd;
+using backend::kSortedListingCmd;
 
 // Statistic values the scenarios answer for the objects they list.
 const char kPortValues[] = "1200,800,400,64,16,12,4000,2500,3";
@@ -98,14 +98,14 @@ class Scene {
 
 // Answers every GET_CUR_STATISTIC_DATA with these values.
 void AnswerStats(FakeBackend& backend, const std::string& values) {
-  backend.on(zerva_test::kGetStatsCmd, Answer{Rec(zerva_test::kGetStatsCmd).str(9, values)});
+  backend.on(zerva_test::kGetStatsCmd, Answer{Rec(zerva_test::kGetStatsCmd).str(backend::kTagStatsValues, values)});
 }
 
-// The object type in cell 0 of a listing request.
+// The object type of a listing request.
 unsigned long long ListedType(const Call& call) {
   std::unique_ptr<CTLVPackage> pkg = call.package();
-  if (pkg->empty() || !(*pkg)[0]->hasTag(0)) return 0;
-  const CTLVCell* cell = (*(*pkg)[0])[0];
+  if (pkg->empty() || !(*pkg)[0]->hasTag(backend::kTagListingType)) return 0;
+  const CTLVCell* cell = (*(*pkg)[0])[backend::kTagListingType];
   return cell->length() == 8 ? tlv::DecodeFixed64(cell->value()) : CTLVCell::ValueCast<unsigned int>()(cell);
 }
 
@@ -142,7 +142,7 @@ ExampleRun Guarded(F body) {
 
 // --- the scenarios ---------------------------------------------------------
 
-Bytes SwitchReadAnswer() { return Frame({Rec(zerva_test::kGetSwitchCmd).u32(0, 1)}, 0); }
+Bytes SwitchReadAnswer() { return Frame({Rec(zerva_test::kGetSwitchCmd).u32(backend::kTagSwitchState, 1)}, 0); }
 
 ExampleRun RunSwitchRead(const Bytes& answer) {
   return Guarded([&](ExampleRun* run) {
@@ -177,10 +177,17 @@ ExampleRun RunSwitchSet(const Bytes& answer) {
   });
 }
 
+// A listed Ethernet port: ID, name and status.
+Rec Port(const std::string& id, const std::string& name, unsigned int status) {
+  return Rec(kObjectListingCmd)
+      .str(backend::kTagObjectId, id)
+      .str(backend::kTagPortName, name)
+      .u32(backend::kTagPortStatus, status);
+}
+
 Bytes PortListingAnswer() {
-  return Frame({Rec(kListingCmd).str(1, "4097").str(6, "CTE0.A.IOM0.P0").u32(64, 0),
-                Rec(kListingCmd).str(1, "4098").str(6, "CTE0.A.IOM0.P1").u32(64, 1),
-                Rec(kListingCmd).str(1, "4099").str(6, "CTE0.B.IOM0.P0").u32(64, 5).str(70, "1")},
+  return Frame({Port("4097", "CTE0.A.IOM0.P0", 0), Port("4098", "CTE0.A.IOM0.P1", 1),
+                Port("4099", "CTE0.B.IOM0.P0", 5).str(backend::kTagPortBond, "1")},
                0);
 }
 
@@ -188,44 +195,54 @@ ExampleRun RunPortListing(const Bytes& answer) {
   return Guarded([&](ExampleRun* run) {
     Scene scene({});
     scene.fixture().setSwitch(1);
-    scene.backend().onListing(213, FromFrame(answer));
-    for (unsigned long long type : {212ULL, 252ULL, 235ULL}) scene.backend().onListing(type, Answer());
+    scene.backend().onListing(backend::kObjTypePortEth, FromFrame(answer));
+    for (unsigned long long type : {backend::kObjTypePortFc, backend::kObjTypePortFcoe, backend::kObjTypePortBond}) {
+      scene.backend().onListing(type, Answer());
+    }
     AnswerStats(scene.backend(), kPortValues);
     CPerformancePortHandler handler;
     CTLVPackage req;
     CTLVPackage rsp;
     const int result = handler.OnQueryTable(CVEM_SnmpContext(), req, rsp);
-    TakeRequest(scene.backend(), kListingCmd, 213, run);
+    TakeRequest(scene.backend(), kObjectListingCmd, backend::kObjTypePortEth, run);
     AddResult(result, run);
     AddRows(rsp, run);
   });
 }
 
-Bytes ControllerListingAnswer() { return Frame({Rec(kListingCmd).str(1, "0A"), Rec(kListingCmd).str(1, "0B")}, 0); }
+// A listed object: its ID only.
+Rec Listed(const std::string& id) { return Rec(kObjectListingCmd).str(backend::kTagObjectId, id); }
+
+// The control record that ends a listing.
+Rec EndOfListing() { return Rec(kObjectListingCmd).u32(backend::kTagControl, 1); }
+
+Bytes ControllerListingAnswer() { return Frame({Listed("0A"), Listed("0B")}, 0); }
 
 ExampleRun RunControllerListing(const Bytes& answer) {
   return Guarded([&](ExampleRun* run) {
     Scene scene({SNMP_FEATURE_FILESYSTEM_PERF});
     scene.fixture().setSwitch(1);
-    scene.backend().onListing(perf::kObjTypeController, FromFrame(answer));
+    scene.backend().onListing(backend::kObjTypeController, FromFrame(answer));
     AnswerStats(scene.backend(), kNodeValues);
     CPerformanceNodeHandler handler;
     CTLVPackage req;
     CTLVPackage rsp;
     const int result = handler.OnQueryTable(CVEM_SnmpContext(), req, rsp);
-    TakeRequest(scene.backend(), kListingCmd, perf::kObjTypeController, run);
+    TakeRequest(scene.backend(), kObjectListingCmd, backend::kObjTypeController, run);
     AddResult(result, run);
     AddRows(rsp, run);
   });
 }
 
-Bytes StatisticsAnswer() { return Frame({Rec(zerva_test::kGetStatsCmd).str(9, kNodeValues)}, 0); }
+Bytes StatisticsAnswer() {
+  return Frame({Rec(zerva_test::kGetStatsCmd).str(backend::kTagStatsValues, kNodeValues)}, 0);
+}
 
 ExampleRun RunStatistics(const Bytes& answer) {
   return Guarded([&](ExampleRun* run) {
     Scene scene({SNMP_FEATURE_FILESYSTEM_PERF});
     scene.fixture().setSwitch(1);
-    scene.backend().onListing(perf::kObjTypeController, Answer{Rec(kListingCmd).str(1, "0A")});
+    scene.backend().onListing(backend::kObjTypeController, Answer{Listed("0A")});
     scene.backend().on(zerva_test::kGetStatsCmd, FromFrame(answer));
     CPerformanceNodeHandler handler;
     CTLVPackage req;
@@ -237,78 +254,83 @@ ExampleRun RunStatistics(const Bytes& answer) {
   });
 }
 
+// One record of a batch statistics answer.
+Rec BatchStats(const std::string& id, const std::string& values) {
+  return Rec(kLunBatchStatsCmd).str(backend::kTagBatchObjectId, id).str(backend::kTagStatsValues, values);
+}
+
 // Answers the LUN batch command with one statistics record per LUN ID of
-// its tag-12 list (empty fields skipped), each with kLunValues.
+// its ID list (empty fields skipped), each with kLunValues.
 Answer LunBatchAnswer(const CTLVPackage& req, bool) {
   Answer answer;
-  const std::string ids = (*req[0])[12]->toString();
+  const std::string ids = (*req[0])[backend::kTagBatchObjectIds]->toString();
   std::stringstream in(ids);
   std::string id;
   while (std::getline(in, id, ',')) {
-    if (!id.empty()) answer.records.push_back(Rec(kLunBatchCmd).str(13, id).str(9, kLunValues));
+    if (!id.empty()) answer.records.push_back(BatchStats(id, kLunValues));
   }
   return answer;
 }
 
-Bytes LunListingAnswer() {
-  return Frame({Rec(kListingCmd).str(1, "160"), Rec(kListingCmd).str(1, "161"), Rec(kListingCmd).u32(4095, 1)}, 0);
-}
+Bytes LunListingAnswer() { return Frame({Listed("160"), Listed("161"), EndOfListing()}, 0); }
 
 ExampleRun RunLunListing(const Bytes& answer) {
   return Guarded([&](ExampleRun* run) {
     Scene scene({});
     scene.fixture().setSwitch(1);
-    scene.backend().onListing(perf::kObjTypeLun, FromFrame(answer));
-    scene.backend().on(kLunBatchCmd, LunBatchAnswer);
+    scene.backend().onListing(backend::kObjTypeLun, FromFrame(answer));
+    scene.backend().on(kLunBatchStatsCmd, LunBatchAnswer);
     CPerformanceLunHandler handler;
     CTLVPackage req;
     CTLVPackage rsp;
     // A GETNEXT from the row of LUN 159: the walk continues after key "159".
     const int result = handler.OnQueryTable(CVEM_SnmpContext(SNMP_OP_GETNEXT, Agentpp::Oidx{159}, 0), req, rsp);
-    TakeRequest(scene.backend(), kListingCmd, perf::kObjTypeLun, run);
+    TakeRequest(scene.backend(), kObjectListingCmd, backend::kObjTypeLun, run);
     AddResult(result, run);
     AddRows(rsp, run);
   });
 }
 
 Bytes LunBatchAnswerFrame() {
-  return Frame({Rec(kLunBatchCmd).str(13, "0").str(9, "850,1000,600,400,24,16,12,9,4,2,3,1,0"),
-                Rec(kLunBatchCmd).str(13, "1").str(9, "90,200,50,150,8,6,3,1,0,0,0,0,0")},
-               0);
+  return Frame(
+      {BatchStats("0", "850,1000,600,400,24,16,12,9,4,2,3,1,0"), BatchStats("1", "90,200,50,150,8,6,3,1,0,0,0,0,0")},
+      0);
 }
 
 ExampleRun RunLunBatch(const Bytes& answer) {
   return Guarded([&](ExampleRun* run) {
     Scene scene({});
     scene.fixture().setSwitch(1);
-    scene.backend().onListing(perf::kObjTypeLun, Answer{Rec(kListingCmd).str(1, "0"), Rec(kListingCmd).str(1, "1"),
-                                                        Rec(kListingCmd).u32(4095, 1)});
-    scene.backend().on(kLunBatchCmd, FromFrame(answer));
+    scene.backend().onListing(backend::kObjTypeLun, Answer{Listed("0"), Listed("1"), EndOfListing()});
+    scene.backend().on(kLunBatchStatsCmd, FromFrame(answer));
     CPerformanceLunHandler handler;
     CTLVPackage req;
     CTLVPackage rsp;
     const int result = handler.OnQueryTable(CVEM_SnmpContext(SNMP_OP_WALK, Agentpp::Oidx(), 0), req, rsp);
-    TakeRequest(scene.backend(), kLunBatchCmd, 0, run);
+    TakeRequest(scene.backend(), kLunBatchStatsCmd, 0, run);
     AddResult(result, run);
     AddRows(rsp, run);
   });
 }
 
 Bytes FsListingAnswer() {
-  return Frame({Rec(kFsListingCmd).str(1, "12"), Rec(kFsListingCmd).str(1, "13"), Rec(kFsListingCmd).u32(4095, 1)}, 0);
+  return Frame(
+      {Rec(kSortedListingCmd).str(backend::kTagObjectId, "12"), Rec(kSortedListingCmd).str(backend::kTagObjectId, "13"),
+       Rec(kSortedListingCmd).u32(backend::kTagControl, 1)},
+      0);
 }
 
 ExampleRun RunFsListing(const Bytes& answer) {
   return Guarded([&](ExampleRun* run) {
     Scene scene({SNMP_FEATURE_FILESYSTEM_PERF});
     scene.fixture().setSwitch(1);
-    scene.backend().on(kFsListingCmd, FromFrame(answer));
+    scene.backend().on(kSortedListingCmd, FromFrame(answer));
     AnswerStats(scene.backend(), kFsValues);
     CPerformanceFileSystemHandler handler;
     CTLVPackage req;
     CTLVPackage rsp;
     const int result = handler.OnQueryTable(CVEM_SnmpContext(SNMP_OP_WALK, Agentpp::Oidx(), 0), req, rsp);
-    TakeRequest(scene.backend(), kFsListingCmd, 0, run);
+    TakeRequest(scene.backend(), kSortedListingCmd, 0, run);
     AddResult(result, run);
     AddRows(rsp, run);
   });

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "tests/support/fake_backend.h"
+#include "tlv/backend_codes.h"
 #include "tlv/vem_message_package.h"
 
 namespace {
@@ -88,7 +89,11 @@ Bytes EncodedFrame(const zerva_test::Rec& rec, unsigned int result) {
 }
 
 TEST(DescribeFrameTest, NamesTheHeaderFieldsRecordsAndCellsWithTheirOffsets) {
-  const Bytes frame = EncodedFrame(zerva_test::Rec(0xD0000C000ULL).t6(0, 213).str(1, "0A").i32(4, -1), 7);
+  const Bytes frame = EncodedFrame(zerva_test::Rec(backend::kObjectListingCmd)
+                                       .t6(backend::kTagListingType, backend::kObjTypePortEth)
+                                       .str(backend::kTagListingKey, "0A")
+                                       .i32(4, -1),
+                                   7);
   EXPECT_EQ(zerva_protocol::DescribeFrame(frame),
             "[00000000] header: magic 0x55555555, version 3, hdrWord0 (result) 7, hdrWord1 0xFFFFFFFF, "
             "hdrShort0..3 0xFFFD 0xFFFF 0xFFFF 0xFFFF, dataLen 37\n"

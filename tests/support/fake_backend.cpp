@@ -94,17 +94,14 @@ Answer FakeBackend::answerFor(const CTLVPackage& req, bool listing) {
     }
     if (req.empty()) return Answer(-99);
     const CTLVRecordV3& first = *req[0];
-    if (first.id() == kListingCmd && first.hasTag(0)) {
-      const CTLVCell* type = first[0];
-      unsigned long long objectType = 0;
-      for (unsigned i = 0; i < type->length() && i < 8; ++i) {
-        objectType |= static_cast<unsigned long long>(type->value()[i]) << (8 * i);
-      }
+    if (first.id() == kListingCmd && first.hasTag(backend::kTagListingType)) {
+      const CTLVCell* type = first[backend::kTagListingType];
+      const unsigned long long objectType = tlv::DecodeFixedUpTo64(type->value(), type->length());
       auto it = listings_.find(objectType);
       if (it != listings_.end()) return it->second;
     }
-    if (first.id() == kGetStatsCmd && first.hasTag(0)) {
-      auto it = stats_.find(first[0]->toString());
+    if (first.id() == kGetStatsCmd && first.hasTag(backend::kTagStatsObjectKey)) {
+      auto it = stats_.find(first[backend::kTagStatsObjectKey]->toString());
       if (it != stats_.end()) return it->second;
     }
     auto it = byId_.find(first.id());
@@ -131,7 +128,7 @@ void FakeBackend::onListing(unsigned long long objectType, const Answer& answer)
 
 void FakeBackend::onStats(const std::string& objectKey, const std::string& values) {
   std::lock_guard<std::mutex> lock(mu_);
-  stats_[objectKey] = Answer{Rec().str(9, values)};
+  stats_[objectKey] = Answer{Rec().str(backend::kTagStatsValues, values)};
 }
 
 void FakeBackend::onStatsError(const std::string& objectKey, int code) {
@@ -173,7 +170,8 @@ void FakeBackend::reset() {
 
 Answer PagedListing::operator()(const CTLVPackage& req, bool) const {
   const CTLVRecordV3& first = *req[0];
-  const std::string key = first.hasTag(1) ? first[1]->toString() : std::string();
+  const std::string key =
+      first.hasTag(backend::kTagListingKey) ? first[backend::kTagListingKey]->toString() : std::string();
   asked_->push_back(key);
   size_t start = 0;
   if (!key.empty()) {
@@ -188,11 +186,12 @@ Answer PagedListing::operator()(const CTLVPackage& req, bool) const {
       if (!wrap_ || keys_.empty()) break;
       pos = 0;
     }
-    answer.records.push_back(Rec(kListingCmd).t6(0, 11).str(1, keys_[pos]));
+    answer.records.push_back(
+        Rec(kListingCmd).t6(backend::kTagListingType, backend::kObjTypeLun).str(backend::kTagObjectId, keys_[pos]));
     ++pos;
   }
   const bool more = wrap_ ? !keys_.empty() : pos < keys_.size();
-  answer.records.push_back(Rec(kListingCmd).u32(4095, more ? 0 : 1));
+  answer.records.push_back(Rec(kListingCmd).u32(backend::kTagControl, more ? 0 : 1));
   return answer;
 }
 
@@ -227,7 +226,9 @@ void BackendFixture::setFeatures(std::set<int> features) {
   SetSnmpCapabilitySource(std::make_shared<CStaticCapabilitySource>(std::move(features)));
 }
 
-void BackendFixture::setSwitch(unsigned int state) { backend_->on(kGetSwitchCmd, Answer{Rec().u32(0, state)}); }
+void BackendFixture::setSwitch(unsigned int state) {
+  backend_->on(kGetSwitchCmd, Answer{Rec().u32(backend::kTagSwitchState, state)});
+}
 
 std::string CellText(const CTLVCell& cell) {
   std::string out =

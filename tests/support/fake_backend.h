@@ -18,6 +18,7 @@
 
 #include "snmpcommon/snmp_capability.h"
 #include "snmpcommon/snmp_configuration.h"
+#include "tlv/backend_codes.h"
 #include "tlv/vem_message_package.h"
 
 namespace zerva_test {
@@ -109,7 +110,7 @@ enum : unsigned long long {
   kGetSwitchCmd = 59594907649ULL,
   kSetSwitchCmd = 59594907650ULL,
   kGetStatsCmd = 59594907664ULL,
-  kListingCmd = 0xD0000C000ULL,
+  kListingCmd = backend::kObjectListingCmd,
 };
 
 // Answers the object listing 0xD0000C000 (and the sorted listings) page by

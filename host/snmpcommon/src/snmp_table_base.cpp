@@ -138,7 +138,7 @@ int CSnmpTableBase::preGetRspCell(const CTLVRecordV3&) { return 0; }
 
 void CSnmpTableBase::postGetRspCell(const CTLVRecordV3&) {}
 
-bool CSnmpTableBase::queryRecordValidation(const CTLVRecordV3& record) { return record.hasTag(1); }
+bool CSnmpTableBase::queryRecordValidation(const CTLVRecordV3& record) { return record.hasTag(backend::kTagObjectId); }
 
 bool CSnmpTableBase::checkOKBeforeQueryTable(const CVEM_SnmpContext&) { return true; }
 

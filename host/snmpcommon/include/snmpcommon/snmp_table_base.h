@@ -1,7 +1,7 @@
 // CSnmpTableBase: the host's batch-table base.
 //
 // A table built on it does not answer OnQueryTable itself: the base walks the
-// back end's paged object listing (command 0xD0000C000) and asks the
+// back end's paged object listing (LISTING_CMD) and asks the
 // handler, through hooks, to fill the listing request, name each listed
 // object, and turn objects into rows, a batch of up to m_usBatchSize objects
 // at a time. docs/batch-table-walk.md explains the walk with an example.
@@ -11,12 +11,12 @@
 //  2. Start key: DEFAULT_STRING_KEY ("": from the first object) for a walk,
 //     a GET, or a request without index; getMibKey(ctx.index) for a GETNEXT
 //     or GETBULK that carries an index (objects after that key).
-//  3. Loop: build a listing request (record 0xD0000C000, cells from
+//  3. Loop: build a listing request (record LISTING_CMD, cells from
 //     fillReqRecord with the current key), SendBatchPackage, then
 //     GetBatchTableInfo_i over the reply with amount = the batch size (or
 //     fewer when the request wants fewer rows). The walk's position (index)
 //     and first key (firstIndex) start as INVALID_KEY and live for the call.
-//  4. The walk ends when the listing ends (a control record, tag 4095 = 1,
+//  4. The walk ends when the listing ends (a control record, CONTROL_TAG = 1,
 //     resets index to INVALID_KEY), when it comes back to firstIndex, when
 //     the rows wanted are answered, or when the back end makes no progress.
 //     Otherwise the next listing continues after index.
@@ -29,6 +29,7 @@
 
 #include "agentpp/oidx.h"
 #include "handlers/snmp_handler.h"
+#include "tlv/backend_codes.h"
 
 typedef unsigned int Uint32;
 
@@ -42,9 +43,9 @@ class CSnmpTableBase : public CSnmpTableHandler {
 
   enum : unsigned short { DEFAULT_BATCH_SIZE = 160 };
   // The control cell of a listing reply: 0 = more objects follow, 1 = end.
-  enum : unsigned short { CONTROL_TAG = 4095 };
+  enum : unsigned short { CONTROL_TAG = backend::kTagControl };
   // Record identifier of the listing request.
-  static const unsigned long long LISTING_CMD = 0xD0000C000ULL;
+  static const unsigned long long LISTING_CMD = backend::kObjectListingCmd;
 
   CSnmpTableBase();
   ~CSnmpTableBase() override {}

@@ -300,7 +300,8 @@ TableServer::Fetch TableServer::fetchBatch(bool fromStart, const Agentpp::Oidx& 
   read.lo = after;
   read.toEnd = rows.size() < wanted;  // the walk ended before the rows wanted
   if (!rows.empty()) read.hi = rows.back().first;
-  if (!read.toEnd && rows.empty()) {  // nothing learnt
+  if (!read.toEnd && rows.empty()) {
+    // Nothing learnt; the snapshot's time starts all the same.
     snapshot_.noteRead(false);
     return kFetched;
   }

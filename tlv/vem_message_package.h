@@ -182,7 +182,6 @@ class CTLVRecordV3 {
   void setId(unsigned long long id) { m_ullId = id; }
   const CellList& cells() const { return m_cells; }
   size_t cellCount() const { return m_cells.size(); }
-  const TagIndex& tagIndex() const { return m_index; }
   size_t bucketCount() const { return m_index.total_size(); }
 
  private:

@@ -64,10 +64,11 @@ bool AgentRuntime::start(const AgentOptions& optionsIn, const std::string& where
     prefixes += (prefixes.empty() ? "" : ", ") + h.object->name + " " + h.prefix;
   }
 
-  summary_ = "serving " + options.modulePath + " (MIB " + module_.mib().moduleName + " from " + module_.mibPath() +
-             "): " + std::to_string(servers_.size()) + " handlers [" + prefixes + "] on " + where + ", back end " +
-             backend_.description();
-  VEMLog(VEM_KIT_AGENT, VEM_LOG_WARN, "start", __LINE__, "%s", summary_.c_str());
+  // The start-up line.
+  const std::string summary = "serving " + options.modulePath + " (MIB " + module_.mib().moduleName + " from " +
+                              module_.mibPath() + "): " + std::to_string(servers_.size()) + " handlers [" + prefixes +
+                              "] on " + where + ", back end " + backend_.description();
+  VEMLog(VEM_KIT_AGENT, VEM_LOG_WARN, "start", __LINE__, "%s", summary.c_str());
   return true;
 }
 

@@ -42,10 +42,6 @@ class AgentRuntime {
   bool start(const AgentOptions& options, const std::string& where, std::string* error);
   void stop();
 
-  // The start-up line (also logged on kit 2).
-  const std::string& summary() const { return summary_; }
-  const ModuleHost& module() const { return module_; }
-
  private:
   void invalidateTables();
 
@@ -53,7 +49,6 @@ class AgentRuntime {
   ModuleHost module_;
   std::vector<std::unique_ptr<ObjectServer>> servers_;
   SnmpRegistrations registrations_;
-  std::string summary_;
 };
 
 }  // namespace zerva_agent

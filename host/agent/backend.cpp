@@ -29,6 +29,8 @@ bool Backend::start(const AgentOptions& options, std::string* error) {
     return false;
   }
 
+  // What the transport connects to.
+  std::string address;
   if (options.backend == "embedded") {
     char dir[] = "/tmp/zerva-agent-backend.XXXXXX";
     if (mkdtemp(dir) == nullptr) {
@@ -50,16 +52,16 @@ bool Backend::start(const AgentOptions& options, std::string* error) {
       stop();
       return false;
     }
-    address_ = sim_->address();
-    description_ = "the embedded simulated array at " + address_;
+    address = sim_->address();
+    description_ = "the embedded simulated array at " + address;
   } else {
-    address_ = options.backend;
-    description_ = "the back end at " + address_;
+    address = options.backend;
+    description_ = "the back end at " + address;
   }
 
   CSnmpSocketTransportOptions transport;
-  if (!CSnmpBackendAddress::parse(address_, transport.address, &why)) {
-    *error = "bad back-end address " + address_ + ": " + why;
+  if (!CSnmpBackendAddress::parse(address, transport.address, &why)) {
+    *error = "bad back-end address " + address + ": " + why;
     stop();
     return false;
   }

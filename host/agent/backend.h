@@ -37,14 +37,11 @@ class Backend {
 
   // What the handlers talk to, for the start-up line.
   const std::string& description() const { return description_; }
-  // The address the transport connects to.
-  const std::string& address() const { return address_; }
 
  private:
   std::unique_ptr<zerva_sim::ArraySimServer> sim_;
   std::string tempDir_;
   std::string description_;
-  std::string address_;
   bool installed_ = false;
 };
 

@@ -6,13 +6,6 @@
 
 namespace zerva_agent {
 
-const MibObject* FindMibObject(const MibDescription& mib, const std::string& prefix) {
-  for (const MibObject& o : mib.objects) {
-    if (o.prefix == prefix) return &o;
-  }
-  return nullptr;
-}
-
 ModuleHost::~ModuleHost() { unload(); }
 
 void ModuleHost::unload() {
@@ -27,7 +20,6 @@ void ModuleHost::unload() {
 bool ModuleHost::load(const std::string& modulePath, const std::string& mibDir, std::string* error) {
   unload();
   error->clear();
-  modulePath_ = modulePath;
   library_ = dlopen(modulePath.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (library_ == nullptr) {
     const char* why = dlerror();
@@ -71,7 +63,7 @@ bool ModuleHost::load(const std::string& modulePath, const std::string& mibDir, 
     return false;
   }
   for (HostedHandler& h : handlers_) {
-    h.object = FindMibObject(mib_, h.prefix);
+    h.object = mib_.find(h.prefix);
     if (h.object == nullptr || h.handler == nullptr) {
       *error = mibPath_ + " describes no object " + h.prefix + " that the module registers";
       unload();

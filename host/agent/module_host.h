@@ -8,7 +8,6 @@
 #ifndef ZERVA_AGENT_MODULE_HOST_H_
 #define ZERVA_AGENT_MODULE_HOST_H_
 
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -39,7 +38,6 @@ class ModuleHost {
   // Releases handlers, module and library (also done by the destructor).
   void unload();
 
-  const std::string& modulePath() const { return modulePath_; }
   const std::string& mibPath() const { return mibPath_; }
   const MibDescription& mib() const { return mib_; }
   // In the order the module listed them.
@@ -48,14 +46,10 @@ class ModuleHost {
  private:
   void* library_ = nullptr;
   CSNMP_Svc_Module* module_ = nullptr;
-  std::string modulePath_;
   std::string mibPath_;
   MibDescription mib_;
   std::vector<HostedHandler> handlers_;
 };
-
-// The MIB object registered under exactly that prefix, or null.
-const MibObject* FindMibObject(const MibDescription& mib, const std::string& prefix);
 
 }  // namespace zerva_agent
 

@@ -31,7 +31,6 @@ class SnmpRegistrations {
   bool add(ObjectServer* server, const std::function<void()>& onWrite, std::string* error);
   // Removes every registration.
   void unregister();
-  size_t size() const { return entries_.size(); }
 
   // One registration (what Net-SNMP's handler callback gets back).
   struct Entry;

@@ -57,13 +57,6 @@ ObjectServer::ObjectServer(const MibObject& object, CSnmpHandler* handler, const
       settings_(settings),
       prefix_(std::vector<uint32_t>(object.oid.begin(), object.oid.end())) {}
 
-const MibColumn* ObjectServer::column(unsigned int number) const {
-  for (const MibColumn& c : object_.columns) {
-    if (c.number == number) return &c;
-  }
-  return nullptr;
-}
-
 void ObjectServer::reportFailure(const std::string& what) {
   if (failing_ == what) return;
   failing_ = what;
@@ -109,7 +102,6 @@ Lookup ScalarServer::read() {
   CTLVPackage req;
   CTLVPackage rsp;
   std::string why;
-  ++handlerCalls_;
   if (CallHandler([&] { return handler_->OnQueryLeaf(ctx, req, rsp); }, &why) != 0) {
     reportFailure("OnQueryLeaf: " + why);
     return Error(why);
@@ -165,7 +157,6 @@ int ScalarServer::write(uint32_t value, std::string* why) {
   record->append(tlv::NewUintCell(0, CTLVCell::TLV_TYPE_UINT, value, 4));
   req.push_back(record.release());
   CTLVPackage rsp;
-  ++handlerCalls_;
   const int rc = CallHandler([&] { return handler_->OnSetLeaf(ctx, req, rsp); }, why);
   if (rc != 0) {
     reportFailure("OnSetLeaf(" + std::to_string(value) + "): " + *why);
@@ -178,23 +169,18 @@ int ScalarServer::write(uint32_t value, std::string* why) {
 // ---------------------------------------------------------------- TableServer
 
 TableServer::TableServer(const MibObject& object, CSnmpHandler* handler, const ServerSettings& settings, bool batch)
-    : ObjectServer(object, handler, settings), batch_(batch) {}
+    : ObjectServer(object, handler, settings),
+      batch_(batch),
+      snapshot_(settings.snapshotTime, settings.now, settings.request) {}
 
 void TableServer::invalidate() {
   rows_.clear();
-  ranges_.clear();
-  complete_ = false;
-  kept_ = false;
-  degraded_ = false;
+  known_.clear();
+  snapshot_.drop();
 }
 
 void TableServer::expire() {
-  if (!kept_) return;
-  if (settings_.snapshotTime.count() <= 0 || settings_.now() - born_ >= settings_.snapshotTime) {
-    invalidate();
-  } else if (degraded_ && settings_.request() != degradedRequest_) {
-    invalidate();
-  }
+  if (snapshot_.expired()) invalidate();
 }
 
 void TableServer::Row::set(size_t i, const SnmpValue& value) {
@@ -222,23 +208,16 @@ bool TableServer::Row::get(size_t i, SnmpValue* value) const {
   return true;
 }
 
-void TableServer::noteDegradedRead() {
-  if (!lastReadDegraded_ || !kept_) return;
-  degraded_ = true;
-  degradedRequest_ = settings_.request();
-}
-
-bool TableServer::query(const CVEM_SnmpContext& ctx, std::vector<std::pair<Agentpp::Oidx, Row>>* rows,
+bool TableServer::query(const CVEM_SnmpContext& ctx, std::vector<std::pair<Agentpp::Oidx, Row>>* rows, bool* degraded,
                         std::string* why) {
   CTLVPackage req;
   CTLVPackage rsp;
-  ++handlerCalls_;
   const uint64_t failures = CSNMP_Configuration::instance()->transportFailures();
   if (CallHandler([&] { return handler_->OnQueryTable(ctx, req, rsp); }, why) != 0) {
     reportFailure("OnQueryTable: " + *why);
     return false;
   }
-  lastReadDegraded_ = CSNMP_Configuration::instance()->transportFailures() != failures;
+  *degraded = CSNMP_Configuration::instance()->transportFailures() != failures;
   reportSuccess();
   rows->clear();
   rows->reserve(rsp.size());
@@ -256,7 +235,7 @@ bool TableServer::query(const CVEM_SnmpContext& ctx, std::vector<std::pair<Agent
     }
     Row row(object_.columns.size());
     for (const CTLVCell* cell : record->cells()) {
-      const MibColumn* col = column(cell->tag());
+      const MibColumn* col = object_.column(cell->tag());
       if (col == nullptr) {
         warnOnce("cells with tag " + std::to_string(cell->tag()) + " are no column and are left out");
         continue;
@@ -273,23 +252,22 @@ bool TableServer::query(const CVEM_SnmpContext& ctx, std::vector<std::pair<Agent
   return true;
 }
 
-void TableServer::keepWhole(std::vector<std::pair<Agentpp::Oidx, Row>>& rows) {
+void TableServer::keepWhole(std::vector<std::pair<Agentpp::Oidx, Row>>& rows, bool degraded) {
   invalidate();
   for (auto& r : rows) {
     if (!rows_.emplace(r.first, std::move(r.second)).second) {
       warnOnce("row " + r.first.get_printable() + " is listed twice; the first is kept");
     }
   }
-  complete_ = true;
-  kept_ = true;
-  born_ = settings_.now();
-  noteDegradedRead();
+  known_.add(RowIntervalSet::Whole());
+  snapshot_.noteRead(degraded);
 }
 
 TableServer::Fetch TableServer::fetchWhole(ESnmpOperation op, const Agentpp::Oidx& index, std::string* why) {
   std::vector<std::pair<Agentpp::Oidx, Row>> rows;
-  if (!query(CVEM_SnmpContext(op, index, 0), &rows, why)) return kFailed;
-  keepWhole(rows);
+  bool degraded = false;
+  if (!query(CVEM_SnmpContext(op, index, 0), &rows, &degraded, why)) return kFailed;
+  keepWhole(rows, degraded);
   return kFetched;
 }
 
@@ -298,9 +276,10 @@ TableServer::Fetch TableServer::fetchBatch(bool fromStart, const Agentpp::Oidx& 
   const unsigned int wanted = std::max(rowsHint, std::max(settings_.batchRows, 1u));
   std::vector<std::pair<Agentpp::Oidx, Row>> rows;
   const Agentpp::Oidx index = fromStart ? Agentpp::Oidx() : after;
-  if (!query(CVEM_SnmpContext(SNMP_OP_GETNEXT, index, wanted), &rows, why)) return kFailed;
+  bool degraded = false;
+  if (!query(CVEM_SnmpContext(SNMP_OP_GETNEXT, index, wanted), &rows, &degraded, why)) return kFailed;
   if (fromStart && handler_->isWholeTable()) {
-    keepWhole(rows);
+    keepWhole(rows, degraded);
     return kFetched;
   }
   // A batch continues after `after` in index order; a table whose listing
@@ -316,63 +295,24 @@ TableServer::Fetch TableServer::fetchBatch(bool fromStart, const Agentpp::Oidx& 
            "%s lists its rows out of index order: it is read whole from now on", object_.name.c_str());
     return fetchWhole(SNMP_OP_WALK, Agentpp::Oidx(), why);
   }
-  if (!kept_) born_ = settings_.now();
-  kept_ = true;
-  Range range;
-  range.fromStart = fromStart;
-  range.lo = after;
-  range.toEnd = rows.size() < wanted;  // the walk ended before the rows wanted
-  if (!rows.empty()) range.hi = rows.back().first;
-  if (!range.toEnd && rows.empty()) return kFetched;  // nothing learnt
+  RowIntervalSet::Interval read;
+  read.fromStart = fromStart;
+  read.lo = after;
+  read.toEnd = rows.size() < wanted;  // the walk ended before the rows wanted
+  if (!rows.empty()) read.hi = rows.back().first;
+  if (!read.toEnd && rows.empty()) {
+    // Nothing learnt; the snapshot's time starts all the same.
+    snapshot_.noteRead(false);
+    return kFetched;
+  }
   for (auto& r : rows) rows_.emplace(r.first, std::move(r.second));
-  addRange(range);
-  noteDegradedRead();
+  known_.add(read);
+  snapshot_.noteRead(degraded);
   return kFetched;
 }
 
-void TableServer::addRange(const Range& range) {
-  ranges_.push_back(range);
-  std::sort(ranges_.begin(), ranges_.end(), [](const Range& a, const Range& b) {
-    if (a.fromStart != b.fromStart) return a.fromStart;
-    return a.lo < b.lo;
-  });
-  std::vector<Range> merged;
-  for (const Range& r : ranges_) {
-    if (!merged.empty()) {
-      Range& last = merged.back();
-      const bool touches = last.toEnd || r.fromStart || !(last.hi < r.lo);
-      if (touches) {
-        if (!last.toEnd && (r.toEnd || last.hi < r.hi)) {
-          last.toEnd = r.toEnd;
-          last.hi = r.hi;
-        }
-        continue;
-      }
-    }
-    merged.push_back(r);
-  }
-  ranges_.swap(merged);
-  if (ranges_.size() == 1 && ranges_[0].fromStart && ranges_[0].toEnd) complete_ = true;
-}
-
 bool TableServer::coversAfter(bool fromStart, const Agentpp::Oidx& after) const {
-  if (complete_) return true;
-  for (const Range& r : ranges_) {
-    if (fromStart) {
-      if (r.fromStart) return true;
-      continue;
-    }
-    if ((r.fromStart || !(after < r.lo)) && (r.toEnd || after < r.hi)) return true;
-  }
-  return false;
-}
-
-bool TableServer::coversPoint(const Agentpp::Oidx& index) const {
-  if (complete_) return true;
-  for (const Range& r : ranges_) {
-    if ((r.fromStart || r.lo < index) && (r.toEnd || !(r.hi < index))) return true;
-  }
-  return false;
+  return fromStart ? known_.coversFirst() : known_.coversAfter(after);
 }
 
 TableServer::Fetch TableServer::nextRow(bool fromStart, const Agentpp::Oidx& after, unsigned int rowsHint,
@@ -397,7 +337,7 @@ TableServer::Fetch TableServer::nextRow(bool fromStart, const Agentpp::Oidx& aft
 
 TableServer::Fetch TableServer::ensureRow(const Agentpp::Oidx& index, std::string* why) {
   expire();
-  if (coversPoint(index)) return kFetched;
+  if (known_.covers(index)) return kFetched;
   if (!batch_ || object_.indexEncoding != MibIndexEncoding::Integer) {
     return fetchWhole(SNMP_OP_GET, index, why);
   }
@@ -405,14 +345,14 @@ TableServer::Fetch TableServer::ensureRow(const Agentpp::Oidx& index, std::strin
   const bool fromStart = index[0] == 0;
   const Agentpp::Oidx before = fromStart ? Agentpp::Oidx() : Agentpp::Oidx{index[0] - 1};
   if (fetchBatch(fromStart, before, 1, why) != kFetched) return kFailed;
-  if (!coversPoint(index)) return fetchWhole(SNMP_OP_WALK, Agentpp::Oidx(), why);
+  if (!known_.covers(index)) return fetchWhole(SNMP_OP_WALK, Agentpp::Oidx(), why);
   return kFetched;
 }
 
 Lookup TableServer::get(const Agentpp::Oidx& oid) {
   const size_t p = prefix_.len();
   if (oid.len() < p + 2 || oid[p] != 1) return WithStatus(Lookup::kNoSuchObject);
-  const MibColumn* col = column(oid[p + 1]);
+  const MibColumn* col = object_.column(oid[p + 1]);
   if (col == nullptr) return WithStatus(Lookup::kNoSuchObject);
   const Agentpp::Oidx index = oid.cut_left(p + 2);
   if (!IsValidIndex(index, object_.indexEncoding)) return WithStatus(Lookup::kNoSuchInstance);

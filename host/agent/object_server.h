@@ -23,16 +23,17 @@
 #include <map>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "agentpp/oidx.h"
 #include "handlers/snmp_handler.h"
 #include "host/agent/mib_description.h"
+#include "host/agent/row_interval_set.h"
+#include "host/agent/snapshot_lifetime.h"
 #include "host/agent/snmp_value.h"
 
 namespace zerva_agent {
-
-typedef std::chrono::steady_clock Clock;
 
 struct ServerSettings {
   // How long rows read from the back end are reused; zero: never.
@@ -85,7 +86,6 @@ class ObjectServer {
 
   const MibObject& object() const { return object_; }
   const Agentpp::Oidx& prefix() const { return prefix_; }
-  CSnmpHandler* handler() const { return handler_; }
 
   // The value of exactly oid. REQUIRES: oid lies under prefix().
   virtual Lookup get(const Agentpp::Oidx& oid) = 0;
@@ -95,12 +95,7 @@ class ObjectServer {
   // Drops whatever was kept from the back end.
   virtual void invalidate() {}
 
-  // Back-end requests (handler calls) made so far.
-  unsigned long long handlerCalls() const { return handlerCalls_; }
-
  protected:
-  // The column of that number, or null.
-  const MibColumn* column(unsigned int number) const;
   // Records a failure: logged once until the object answers again.
   void reportFailure(const std::string& what);
   // Records a good answer after failures (logged once).
@@ -112,7 +107,6 @@ class ObjectServer {
   CSnmpHandler* const handler_;
   const ServerSettings settings_;
   const Agentpp::Oidx prefix_;
-  unsigned long long handlerCalls_ = 0;
 
  private:
   std::string failing_;  // the reason of the current failure, empty when fine
@@ -182,18 +176,9 @@ class TableServer : public ObjectServer {
   };
   typedef std::map<Agentpp::Oidx, Row> Rows;
 
-  // A range of row indexes the kept rows cover completely: (lo, hi].
-  struct Range {
-    bool fromStart = false;  // lo is before every index
-    Agentpp::Oidx lo;
-    bool toEnd = false;  // hi is after every index
-    Agentpp::Oidx hi;
-  };
-
   enum Fetch { kFetched, kFailed };
 
-  // Drops the kept rows once they are older than the snapshot time, or once
-  // a later request comes when they were read while the back end failed.
+  // Drops the kept rows once their snapshot may no longer be served.
   void expire();
   // The first kept row after `after` (from the first row when fromStart),
   // fetching what is missing. *row is null at the end of the table.
@@ -205,27 +190,21 @@ class TableServer : public ObjectServer {
   Fetch fetchWhole(ESnmpOperation op, const Agentpp::Oidx& index, std::string* why);
   // Reads one batch after `after` (from the first row when fromStart).
   Fetch fetchBatch(bool fromStart, const Agentpp::Oidx& after, unsigned int rowsHint, std::string* why);
-  // Calls OnQueryTable; on success fills *rows in answer order.
-  bool query(const CVEM_SnmpContext& ctx, std::vector<std::pair<Agentpp::Oidx, Row>>* rows, std::string* why);
+  // Calls OnQueryTable; on success fills *rows in answer order and sets
+  // *degraded when a back-end call failed during it (the handler answered
+  // anyway, e.g. an empty table because the switch query failed).
+  bool query(const CVEM_SnmpContext& ctx, std::vector<std::pair<Agentpp::Oidx, Row>>* rows, bool* degraded,
+             std::string* why);
   // Stores rows as the whole table.
-  void keepWhole(std::vector<std::pair<Agentpp::Oidx, Row>>& rows);
-  // After storing rows: if a back-end call failed during the read that gave
-  // them (the handler answered anyway, e.g. an empty table because the
-  // switch query failed), they serve the current request only.
-  void noteDegradedRead();
-  void addRange(const Range& range);
+  void keepWhole(std::vector<std::pair<Agentpp::Oidx, Row>>& rows, bool degraded);
+  // True when the first row after `after` (from the first row when
+  // fromStart) is kept or known to be missing.
   bool coversAfter(bool fromStart, const Agentpp::Oidx& after) const;
-  bool coversPoint(const Agentpp::Oidx& index) const;
 
   bool batch_;
   Rows rows_;
-  bool complete_ = false;      // rows_ is the whole table
-  std::vector<Range> ranges_;  // batch mode: what rows_ covers, sorted, disjoint
-  bool kept_ = false;          // rows_/ranges_ hold something from the back end
-  Clock::time_point born_;
-  bool lastReadDegraded_ = false;  // a back-end call failed during the last query()
-  bool degraded_ = false;          // rows_ holds rows of such a read ...
-  uint64_t degradedRequest_ = 0;   // ... made for this request
+  RowIntervalSet known_;       // the indexes rows_ covers completely
+  SnapshotLifetime snapshot_;  // how long rows_ and known_ may be served
 };
 
 }  // namespace zerva_agent

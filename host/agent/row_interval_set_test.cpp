@@ -1,0 +1,226 @@
+#include "host/agent/row_interval_set.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace zerva_agent {
+namespace {
+
+using Agentpp::Oidx;
+typedef RowIntervalSet::Interval Interval;
+
+// (lo, hi] with both ends given.
+Interval Between(uint32_t lo, uint32_t hi) {
+  Interval r;
+  r.lo = Oidx{lo};
+  r.hi = Oidx{hi};
+  return r;
+}
+
+// From before every index up to hi.
+Interval UpTo(uint32_t hi) {
+  Interval r;
+  r.fromStart = true;
+  r.hi = Oidx{hi};
+  return r;
+}
+
+// After lo up to after every index.
+Interval After(uint32_t lo) {
+  Interval r;
+  r.lo = Oidx{lo};
+  r.toEnd = true;
+  return r;
+}
+
+// The set's intervals as text: "(2,5]", "(start,5]", "(7,end)".
+std::vector<std::string> Text(const RowIntervalSet& set) {
+  std::vector<std::string> out;
+  for (const Interval& r : set.intervals()) {
+    out.push_back("(" + (r.fromStart ? std::string("start") : r.lo.get_printable()) + "," +
+                  (r.toEnd ? std::string("end)") : r.hi.get_printable() + "]"));
+  }
+  return out;
+}
+
+TEST(RowIntervalSetTest, StartsEmptyAndCoversNothing) {
+  RowIntervalSet set;
+  EXPECT_TRUE(set.empty());
+  EXPECT_FALSE(set.complete());
+  EXPECT_FALSE(set.coversFirst());
+  EXPECT_FALSE(set.coversAfter(Oidx{0}));
+  EXPECT_FALSE(set.covers(Oidx{0}));
+}
+
+TEST(RowIntervalSetTest, LookupAtEveryBoundaryOfOneInterval) {
+  RowIntervalSet set;
+  set.add(Between(10, 20));
+  // A row index is known on (10, 20].
+  EXPECT_FALSE(set.covers(Oidx{9}));
+  EXPECT_FALSE(set.covers(Oidx{10}));
+  EXPECT_TRUE(set.covers(Oidx{11}));
+  EXPECT_TRUE(set.covers(Oidx{20}));
+  EXPECT_FALSE(set.covers(Oidx{21}));
+  // The row after an index is known from 10 (the read started after it) up
+  // to before 20 (the row after 20 was not read).
+  EXPECT_FALSE(set.coversAfter(Oidx{9}));
+  EXPECT_TRUE(set.coversAfter(Oidx{10}));
+  EXPECT_TRUE(set.coversAfter(Oidx{19}));
+  EXPECT_FALSE(set.coversAfter(Oidx{20}));
+  EXPECT_FALSE(set.coversFirst());
+}
+
+TEST(RowIntervalSetTest, LookupComparesIndexesAsOids) {
+  RowIntervalSet set;
+  Interval r;
+  r.lo = Oidx{3, 102};
+  r.hi = Oidx{4, 1, 2, 3};
+  set.add(r);
+  EXPECT_FALSE(set.covers(Oidx{3, 102}));
+  EXPECT_TRUE(set.covers(Oidx{3, 102, 0}));  // longer with the same start: after
+  EXPECT_TRUE(set.covers(Oidx{3, 200}));
+  EXPECT_TRUE(set.covers(Oidx{4, 1, 2, 3}));
+  EXPECT_FALSE(set.covers(Oidx{4, 1, 2, 3, 0}));
+  EXPECT_TRUE(set.coversAfter(Oidx{4, 1, 2}));
+  EXPECT_FALSE(set.coversAfter(Oidx{4, 1, 2, 3}));
+}
+
+TEST(RowIntervalSetTest, AnIntervalFromTheStartCoversTheFirstRowAndEverythingUpToItsEnd) {
+  RowIntervalSet set;
+  set.add(UpTo(5));
+  EXPECT_TRUE(set.coversFirst());
+  EXPECT_TRUE(set.covers(Oidx()));
+  EXPECT_TRUE(set.covers(Oidx{0}));
+  EXPECT_TRUE(set.covers(Oidx{5}));
+  EXPECT_FALSE(set.covers(Oidx{6}));
+  EXPECT_TRUE(set.coversAfter(Oidx{0}));
+  EXPECT_TRUE(set.coversAfter(Oidx{4}));
+  EXPECT_FALSE(set.coversAfter(Oidx{5}));
+  EXPECT_FALSE(set.complete());
+}
+
+TEST(RowIntervalSetTest, AnIntervalToTheEndCoversEverythingAfterItsStart) {
+  RowIntervalSet set;
+  set.add(After(7));
+  EXPECT_FALSE(set.coversFirst());
+  EXPECT_FALSE(set.covers(Oidx{7}));
+  EXPECT_TRUE(set.covers(Oidx{8}));
+  EXPECT_TRUE(set.covers(Oidx{4000000000u}));
+  EXPECT_FALSE(set.coversAfter(Oidx{6}));
+  EXPECT_TRUE(set.coversAfter(Oidx{7}));
+  EXPECT_TRUE(set.coversAfter(Oidx{4000000000u}));
+  EXPECT_FALSE(set.complete());
+}
+
+TEST(RowIntervalSetTest, TheWholeTableCoversEverything) {
+  RowIntervalSet set;
+  set.add(RowIntervalSet::Whole());
+  EXPECT_TRUE(set.complete());
+  EXPECT_TRUE(set.coversFirst());
+  EXPECT_TRUE(set.covers(Oidx{0}));
+  EXPECT_TRUE(set.covers(Oidx{1, 2, 3}));
+  EXPECT_TRUE(set.coversAfter(Oidx{99}));
+}
+
+TEST(RowIntervalSetTest, AdjacentIntervalsMerge) {
+  RowIntervalSet set;
+  set.add(Between(10, 20));
+  set.add(Between(20, 30));
+  EXPECT_EQ(std::vector<std::string>{"(10,30]"}, Text(set));
+  EXPECT_TRUE(set.coversAfter(Oidx{20}));
+  EXPECT_TRUE(set.covers(Oidx{21}));
+}
+
+TEST(RowIntervalSetTest, AdjacentIntervalsMergeInEitherOrder) {
+  RowIntervalSet set;
+  set.add(Between(20, 30));
+  set.add(Between(10, 20));
+  EXPECT_EQ(std::vector<std::string>{"(10,30]"}, Text(set));
+}
+
+TEST(RowIntervalSetTest, OverlappingIntervalsMerge) {
+  RowIntervalSet set;
+  set.add(Between(10, 20));
+  set.add(Between(15, 25));
+  EXPECT_EQ(std::vector<std::string>{"(10,25]"}, Text(set));
+  set.add(Between(12, 18));  // inside: nothing changes
+  EXPECT_EQ(std::vector<std::string>{"(10,25]"}, Text(set));
+  set.add(Between(5, 40));  // around: it wins
+  EXPECT_EQ(std::vector<std::string>{"(5,40]"}, Text(set));
+}
+
+TEST(RowIntervalSetTest, IntervalsWithAGapStaySeparate) {
+  RowIntervalSet set;
+  set.add(Between(30, 40));
+  set.add(Between(10, 20));
+  // Nothing is known of (20, 30]: row 21 may exist.
+  EXPECT_EQ((std::vector<std::string>{"(10,20]", "(30,40]"}), Text(set));
+  EXPECT_FALSE(set.covers(Oidx{21}));
+  EXPECT_FALSE(set.covers(Oidx{30}));
+  EXPECT_FALSE(set.coversAfter(Oidx{20}));
+  EXPECT_FALSE(set.coversAfter(Oidx{29}));
+  EXPECT_TRUE(set.coversAfter(Oidx{30}));
+}
+
+TEST(RowIntervalSetTest, FillingTheGapMergesAllThree) {
+  RowIntervalSet set;
+  set.add(Between(10, 20));
+  set.add(Between(30, 40));
+  set.add(Between(20, 30));
+  EXPECT_EQ(std::vector<std::string>{"(10,40]"}, Text(set));
+}
+
+TEST(RowIntervalSetTest, PiecesFromStartToEndMakeTheWholeTable) {
+  RowIntervalSet set;
+  set.add(UpTo(159));
+  EXPECT_FALSE(set.complete());
+  set.add(After(319));
+  EXPECT_FALSE(set.complete());
+  set.add(Between(159, 319));
+  EXPECT_TRUE(set.complete());
+  EXPECT_EQ(std::vector<std::string>{"(start,end)"}, Text(set));
+}
+
+TEST(RowIntervalSetTest, IntervalsFromTheStartMergeWithEachOther) {
+  RowIntervalSet set;
+  set.add(UpTo(5));
+  set.add(UpTo(9));
+  EXPECT_EQ(std::vector<std::string>{"(start,9]"}, Text(set));
+  set.add(UpTo(3));
+  EXPECT_EQ(std::vector<std::string>{"(start,9]"}, Text(set));
+}
+
+TEST(RowIntervalSetTest, AnIntervalToTheEndSwallowsTheIntervalsAfterItsStart) {
+  RowIntervalSet set;
+  set.add(Between(10, 20));
+  set.add(Between(30, 40));
+  set.add(After(15));
+  EXPECT_EQ(std::vector<std::string>{"(10,end)"}, Text(set));
+  set.add(Between(50, 60));  // already known
+  EXPECT_EQ(std::vector<std::string>{"(10,end)"}, Text(set));
+}
+
+TEST(RowIntervalSetTest, AnEmptyTableReadFromTheStartIsComplete) {
+  // The first batch answered no rows at all: the table is empty.
+  RowIntervalSet set;
+  Interval empty;
+  empty.fromStart = true;
+  empty.toEnd = true;
+  set.add(empty);
+  EXPECT_TRUE(set.complete());
+}
+
+TEST(RowIntervalSetTest, ClearForgetsEverything) {
+  RowIntervalSet set;
+  set.add(RowIntervalSet::Whole());
+  set.clear();
+  EXPECT_TRUE(set.empty());
+  EXPECT_FALSE(set.complete());
+  EXPECT_FALSE(set.coversFirst());
+  EXPECT_FALSE(set.covers(Oidx{1}));
+}
+
+}  // namespace
+}  // namespace zerva_agent

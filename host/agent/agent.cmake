@@ -56,9 +56,8 @@ if(ZERVA_BUILD_TESTS)
 
   # Whole processes on loopback: the program with the embedded simulator,
   # the Debian SNMP clients, and a stock snmpd for the AgentX and dlmod modes.
-  zerva_add_test(zerva_agent_process_test ${ZERVA_AGENT_DIR}/agent_process_test.cpp LIBS zerva_agent_core zerva_process_harness)
+  zerva_add_test(zerva_agent_process_test ${ZERVA_AGENT_DIR}/agent_process_test.cpp LIBS zerva_agent_under_test)
   target_compile_definitions(zerva_agent_process_test PRIVATE
-    ZERVA_AGENT_PROGRAM="$<TARGET_FILE:zerva-snmp-agent>"
     ZERVA_AGENT_DLMOD="$<TARGET_FILE:zerva_snmp_dlmod>"
     ZERVA_SNMPD_PROGRAM="${SNMPD_PROGRAM}"
     ZERVA_AGENT_SANITIZED=$<BOOL:${ZERVA_SANITIZE}>)

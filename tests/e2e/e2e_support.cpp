@@ -57,9 +57,6 @@ Oid TableTruth::first() const { return instances.empty() ? Oid() : instances.beg
 
 Oid TableTruth::last() const { return instances.empty() ? Oid() : instances.rbegin()->first; }
 
-// ---------------------------------------------------------------------------
-// The MIB description
-
 namespace {
 
 std::string Hex(const std::string& bytes) {
@@ -72,41 +69,7 @@ std::string Hex(const std::string& bytes) {
   return out;
 }
 
-const zerva_agent::MibDescription* LoadOnce(std::string* error) {
-  static zerva_agent::MibDescription mib;
-  static std::string loadError;
-  static bool loaded = false;
-  if (!loaded) {
-    loaded = true;
-    zerva_agent::LoadMibDescription(ZERVA_E2E_SOURCE_DIR "/mibs/VEM-PERFORMANCE.xml", mib, &loadError);
-  }
-  *error = loadError;
-  return &mib;
-}
-
 }  // namespace
-
-const zerva_agent::MibDescription& Mib() {
-  std::string error;
-  const zerva_agent::MibDescription* mib = LoadOnce(&error);
-  EXPECT_EQ("", error);
-  return *mib;
-}
-
-const MibObject* MibTable(const std::string& name) {
-  for (const MibObject& o : Mib().objects) {
-    if (o.kind == MibObject::Table && o.name == name) return &o;
-  }
-  return nullptr;
-}
-
-std::vector<const MibObject*> MibTables() {
-  std::vector<const MibObject*> out;
-  for (const MibObject& o : Mib().objects) {
-    if (o.kind == MibObject::Table) out.push_back(&o);
-  }
-  return out;
-}
 
 // ---------------------------------------------------------------------------
 // Ground truth
@@ -154,15 +117,6 @@ Value Format(MibSyntax syntax, const Raw& raw) {
   return {"?", ""};
 }
 
-// The node number of a controller ID ("1A" -> 4), from the simulator's own
-// naming; -1 when no node has that ID.
-long NodeOf(const std::string& controller) {
-  for (unsigned int n = 0; n < 256; ++n) {
-    if (zerva_sim::ControllerIdOfNode(n) == controller) return n;
-  }
-  return -1;
-}
-
 // The model's values of `items` for one object; appends a message to *error
 // when the simulator refuses.
 std::vector<uint32_t> Stats(const zerva_sim::ArraySimulator& sim, uint32_t type, const std::string& id,
@@ -205,7 +159,7 @@ std::vector<RawRow> RawRows(const zerva_sim::ArraySimulator& sim, const std::str
   if (table == "vemPerfNodeTable") {
     for (const std::string& c : topo.controllers) {
       RawRow row;
-      row[1] = Num(NodeOf(c));
+      row[1] = Num(zerva_test::NodeOfController(c));
       PutValues(&row, 2, Stats(sim, zerva_sim::kObjController, c, {68, 69, 78, 22, 25, 28, 21, 23, 26}, error));
       // Items 475/476 only where the array has file-system statistics;
       // elsewhere the columns have no instance.
@@ -243,7 +197,7 @@ std::vector<RawRow> RawRows(const zerva_sim::ArraySimulator& sim, const std::str
     for (const std::string& c : topo.controllers) {
       const std::vector<uint32_t> v = Stats(sim, zerva_sim::kObjController, c, {110, 120, 303}, error);
       RawRow row;
-      row[1] = Num(NodeOf(c));
+      row[1] = Num(zerva_test::NodeOfController(c));
       row[2] = Num(v[0]);
       row[3] = Num(v[1]);
       row[4] = Num(-1);  // no source item: always -1
@@ -296,10 +250,8 @@ TableTruth GroundTruth(const zerva_sim::ArraySimulator& sim, const MibObject& ta
     if (table.indexEncoding == MibIndexEncoding::Integer) {
       index.push_back(static_cast<unsigned long>(indexCell->second.number));
     } else {
-      const std::string text =
-          indexCell->second.text ? indexCell->second.bytes : std::to_string(indexCell->second.number);
-      index.push_back(text.size());
-      for (unsigned char c : text) index.push_back(c);
+      index = zerva_test::StringIndex(indexCell->second.text ? indexCell->second.bytes
+                                                             : std::to_string(indexCell->second.number));
     }
     truth.rowIndexes.push_back(index);
     for (const auto& cell : row) {
@@ -308,11 +260,7 @@ TableTruth GroundTruth(const zerva_sim::ArraySimulator& sim, const MibObject& ta
         *error += table.name + ": no column " + std::to_string(cell.first) + "\n";
         continue;
       }
-      Oid instance = table.oid;
-      instance.push_back(1);
-      instance.push_back(column->number);
-      instance.insert(instance.end(), index.begin(), index.end());
-      truth.instances[instance] = Format(column->syntax, cell.second);
+      truth.instances[zerva_test::InstanceOid(table.oid, column->number, index)] = Format(column->syntax, cell.second);
     }
   }
   std::sort(truth.rowIndexes.begin(), truth.rowIndexes.end());
@@ -458,79 +406,33 @@ std::string Diff(const std::map<Oid, Value>& expected, const std::map<Oid, Value
 }
 
 // ---------------------------------------------------------------------------
-// Simulator and agent
+// The agent
 
-SimAgent::~SimAgent() {
-  // The agent first: it must not see its back end vanish under it. Whatever
-  // the test did, it exits cleanly on SIGTERM (in a sanitizer build: without
-  // a leak or error report).
-  if (agent_) {
-    const int status = agent_->stop();
-    EXPECT_EQ(0, status) << "agent exit status; its log:\n" << log();
-    agent_.reset();
-  }
-  if (sim_) sim_->stop();
+AgentUnderTest::Options SmallArray() {
+  AgentUnderTest::Options o;
+  o.topology = kSmallTopology;
+  o.frozenMs = kFrozenMs;
+  o.extraConfig = "zervaSnapshotSeconds 0\n";
+  return o;
 }
 
-bool SimAgent::start(const Options& options, std::string* error) {
-  if (dir_.path().empty()) return *error = "no temporary directory", false;
-  zerva_sim::SimOptions o;
-  o.topologyFile = dir_.file("topology.conf", kSmallTopology);
-  o.features = options.features;
-  o.luns = options.luns;
-  o.fileSystems = options.fileSystems;
-  o.seed = 7;
-  o.listen = "unix:" + dir_.path() + "/backend.sock";
-  o.deviceConfig = ZERVA_E2E_SOURCE_DIR "/host/vempub/config/vem-device.xml";
-  sim_.reset(new zerva_sim::ArraySimServer(o));
-  if (!sim_->start(error)) return false;
-  sim_->array().freezeClock(kFrozenMs);
-
-  const int port = zerva_test::FreeUdpPort();
-  const std::string conf = dir_.file("agent.conf",
-                                     "rocommunity public 127.0.0.1\n"
-                                     "rwcommunity private 127.0.0.1\n"
-                                     "zervaBackend " +
-                                         sim_->address() +
-                                         "\n"
-                                         "zervaSnapshotSeconds 0\n" +
-                                         options.extraConfig);
-  agent_.reset(new zerva_test::Process({ZERVA_AGENT_PROGRAM, "-f", "-L", "-c", conf, "--state-dir", dir_.path(),
-                                        "--listen", "udp:127.0.0.1:" + std::to_string(port)},
-                                       dir_.path() + "/agent.log"));
-  snmp_.reset(new zerva_test::Snmp(dir_.path(), port));
-  if (!snmp_->ready()) {
-    *error = "the agent does not answer on port " + std::to_string(port) + "; its log:\n" + log();
-    return false;
-  }
-  return true;
+std::string Tool(const AgentUnderTest& agent, const std::string& program, const std::string& auth,
+                 const std::string& args, int* rc) {
+  return agent.snmp().tool(program, auth + " -Ox -Ot", args, rc);
 }
 
-std::string SimAgent::log() const { return zerva_test::ReadFile(dir_.path() + "/agent.log"); }
-
-std::string SimAgent::tool(const std::string& program, const std::string& auth, const std::string& args,
-                           int* rc) const {
-  return snmp_->tool(program, auth + " -Ox -Ot", args, rc);
-}
-
-ParsedWalk SimAgent::walk(const Oid& root, const std::string& program, const std::string& options, int* rc,
-                          std::string* raw) const {
-  const std::string out = tool(program, std::string(kReadCommunity) + " " + options, OidText(root), rc);
+ParsedWalk Walk(const AgentUnderTest& agent, const Oid& root, const std::string& program, const std::string& options,
+                int* rc, std::string* raw) {
+  const std::string out = Tool(agent, program, std::string(kReadCommunity) + " " + options, OidText(root), rc);
   if (raw != nullptr) *raw = out;
   return ParseWalk(out);
 }
 
-TableTruth SimAgent::truth(const MibObject& table, bool* served) const {
+TableTruth Truth(const AgentUnderTest& agent, const MibObject& table, bool* served) {
   std::string error;
-  TableTruth t = GroundTruth(sim_->array(), table, served, &error);
+  TableTruth t = GroundTruth(agent.array(), table, served, &error);
   EXPECT_EQ("", error) << table.name;
   return t;
-}
-
-uint64_t SimAgent::count(unsigned long long command) const {
-  const std::map<unsigned long long, uint64_t> counts = sim_->commandCounts();
-  const auto it = counts.find(command);
-  return it == counts.end() ? 0 : it->second;
 }
 
 }  // namespace zerva_e2e

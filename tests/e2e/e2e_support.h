@@ -13,15 +13,21 @@
 #include <vector>
 
 #include "host/agent/mib_description.h"
-#include "sim/sim_server.h"
 #include "sim/array_simulator.h"
+#include "tests/process/agent_under_test.h"
 #include "tests/process/process_harness.h"
+#include "tests/process/served_mib.h"
 
 namespace zerva_e2e {
 
+using zerva_test::AgentUnderTest;
+using zerva_test::Mib;
+using zerva_test::MibTable;
+using zerva_test::MibTables;
 using zerva_test::Oid;
 using zerva_test::OidText;
 using zerva_test::ParseOid;
+using zerva_test::SwitchOid;
 using zerva_test::Under;
 
 // The model time every test freezes the simulator's clock at (an hour
@@ -57,14 +63,6 @@ struct TableTruth {
   Oid last() const;
 };
 
-// The MIB description the agent serves (mibs/VEM-PERFORMANCE.xml of the
-// source tree); fails the calling test when it does not load.
-const zerva_agent::MibDescription& Mib();
-// The table of the description with this name, or null.
-const zerva_agent::MibObject* MibTable(const std::string& name);
-// Every table of the description, in OID order.
-std::vector<const zerva_agent::MibObject*> MibTables();
-
 // The ground truth of one table at the simulator's current (frozen) time.
 // Tables whose feature the array lacks are not served: `served` false.
 // `error` is set when the simulator refuses an object it listed.
@@ -87,46 +85,21 @@ std::map<Oid, Value> InstancesUnder(const ParsedWalk& walk, const Oid& prefix, s
 // "" when the two agree, else up to a few lines naming the differences.
 std::string Diff(const std::map<Oid, Value>& expected, const std::map<Oid, Value>& actual);
 
-// The simulator in this process and the agent program as a child.
-class SimAgent {
- public:
-  struct Options {
-    long features = 7;        // bit 0: 48 NFS, bit 1: 49 SMB, bit 2: 602 file systems
-    long luns = -1;           // override of the topology's LUNs (IDs 0..n-1)
-    long fileSystems = -1;    // override of the topology's file systems (IDs 1..n)
-    std::string extraConfig;  // more agent configuration lines
-  };
-  SimAgent() = default;
-  ~SimAgent();
-  SimAgent(const SimAgent&) = delete;
-  SimAgent& operator=(const SimAgent&) = delete;
+// The array of the tests: kSmallTopology in this process, its clock frozen
+// at kFrozenMs, every feature; the agent reuses no rows (snapshots off), so
+// every answer is read from the array at that moment.
+AgentUnderTest::Options SmallArray();
 
-  // Starts the simulator (kSmallTopology, clock frozen at kFrozenMs) and the
-  // agent; true once the agent answers a v2c GET of the switch.
-  bool start(const Options& options, std::string* error);
-
-  zerva_sim::ArraySimulator& array() { return sim_->array(); }
-  const zerva_test::Snmp& snmp() const { return *snmp_; }
-  const zerva_test::TempDir& dir() const { return dir_; }
-  std::string log() const;
-
-  // Runs an SNMP client program (-On -Ox -Ot, 2 s timeout, one retry).
-  std::string tool(const std::string& program, const std::string& auth, const std::string& args,
-                   int* rc = nullptr) const;
-  // snmpwalk (or another walker) of one subtree with the v2c read community.
-  ParsedWalk walk(const Oid& root, const std::string& program = "snmpwalk", const std::string& options = "",
-                  int* rc = nullptr, std::string* raw = nullptr) const;
-  // The ground truth of a table at this moment.
-  TableTruth truth(const zerva_agent::MibObject& table, bool* served = nullptr) const;
-  // Requests the simulator received with this record identifier.
-  uint64_t count(unsigned long long command) const;
-
- private:
-  zerva_test::TempDir dir_;  // declared first: removed last
-  std::unique_ptr<zerva_sim::ArraySimServer> sim_;
-  std::unique_ptr<zerva_test::Process> agent_;
-  std::unique_ptr<zerva_test::Snmp> snmp_;
-};
+// Runs an SNMP client program on the agent (-On -Ox -Ot, 2 s timeout, one
+// retry).
+std::string Tool(const AgentUnderTest& agent, const std::string& program, const std::string& auth,
+                 const std::string& args, int* rc = nullptr);
+// snmpwalk (or another walker) of one subtree with the v2c read community.
+ParsedWalk Walk(const AgentUnderTest& agent, const Oid& root, const std::string& program = "snmpwalk",
+                const std::string& options = "", int* rc = nullptr, std::string* raw = nullptr);
+// The ground truth of a table at this moment; fails the calling test when
+// the simulator refuses an object it listed.
+TableTruth Truth(const AgentUnderTest& agent, const zerva_agent::MibObject& table, bool* served = nullptr);
 
 // The agent's credentials: communities and the SNMPv3 user of the tests.
 extern const char kReadCommunity[];   // "-v2c -c public"

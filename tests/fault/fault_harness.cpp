@@ -14,8 +14,8 @@
 #include <gtest/gtest.h>
 
 #include "host/agent/snmp_value.h"
-#include "sim/array_simulator.h"
 #include "sim/topology.h"
+#include "tests/process/served_mib.h"
 
 // Net-SNMP's headers define short macros: they come last.
 // clang-format off
@@ -26,9 +26,6 @@
 namespace zerva_fault {
 
 // ---------------------------------------------------------------- OIDs
-
-Oid Subtree() { return ParseOid(zerva_test::kSubtree); }
-Oid SwitchOid() { return ParseOid(zerva_test::kSwitch); }
 
 std::string VarBind::text() const {
   std::ostringstream s;
@@ -52,7 +49,8 @@ std::mutex& LibraryMutex() {
   return mu;
 }
 
-std::string g_stateDir;
+// The client library's state directory (it saves nothing there).
+std::unique_ptr<zerva_test::TempDir> g_stateDir;
 bool g_initialised = false;
 
 }  // namespace
@@ -61,14 +59,13 @@ void InitSnmpClientLibrary() {
   static std::once_flag once;
   std::call_once(once, [] {
     std::lock_guard<std::mutex> lock(LibraryMutex());
-    char dir[] = "/tmp/zerva-fault-client.XXXXXX";
-    if (mkdtemp(dir) != nullptr) g_stateDir = dir;
+    g_stateDir.reset(new zerva_test::TempDir);
     setenv("MIBS", "", 1);
     netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_READ_CONFIGS, 1);
     netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DISABLE_PERSISTENT_LOAD, 1);
     netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DISABLE_PERSISTENT_SAVE, 1);
-    if (!g_stateDir.empty()) {
-      netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_PERSISTENT_DIR, g_stateDir.c_str());
+    if (!g_stateDir->path().empty()) {
+      netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_PERSISTENT_DIR, g_stateDir->path().c_str());
     }
     snmp_disable_log();
     init_snmp("zerva-fault-test");
@@ -81,7 +78,7 @@ void ShutdownSnmpClientLibrary() {
   if (!g_initialised) return;
   snmp_shutdown("zerva-fault-test");
   g_initialised = false;
-  if (!g_stateDir.empty()) zerva_test::RunShell("rm -rf '" + g_stateDir + "'");
+  g_stateDir.reset();
 }
 
 namespace {
@@ -239,9 +236,7 @@ Answer SnmpClient::send(int command, const Oid& name, int maxRepetitions, const 
 
 // ---------------------------------------------------------------- checks
 
-AnswerChecker::AnswerChecker() {
-  if (!zerva_agent::LoadMibDescription(ZERVA_MIB_XML, mib_, &error_) && error_.empty()) error_ = "cannot load";
-}
+AnswerChecker::AnswerChecker() : mib_(zerva_test::ServedMib(&error_)) {}
 
 std::string AnswerChecker::checkVarBind(const VarBind& vb) const {
   const Oid subtree = Subtree();
@@ -375,73 +370,19 @@ std::string CompareWalks(const std::vector<VarBind>& expected, const std::vector
 
 // ---------------------------------------------------------------- agent
 
-zerva_sim::SimOptions TestArrayOptions(const std::string& socketPath) {
-  zerva_sim::SimOptions o;
+AgentUnderTest::Options TestArray() {
+  AgentUnderTest::Options o;
   o.luns = 300;
   o.fileSystems = 24;
   o.features = 7;
   o.switchOn = 1;
-  o.seed = 7;
-  o.listen = "unix:" + socketPath;
-  o.deviceConfig = ZERVA_DEVICE_CONFIG;
+  o.frozenMs = kFrozenMs;
   return o;
 }
-
-SimAgent::SimAgent() {}
-
-SimAgent::~SimAgent() {
-  agent_.reset();  // the agent first: it would only see its back end vanish
-  stopSim();
-}
-
-bool SimAgent::startSim(std::string* error) {
-  std::string why;
-  sim_.reset(new zerva_sim::ArraySimServer(TestArrayOptions(socketPath())));
-  if (!sim_->start(&why)) {
-    if (error != nullptr) *error = "simulator: " + why;
-    return false;
-  }
-  sim_->array().freezeClock(kFrozenMs);
-  return true;
-}
-
-void SimAgent::stopSim() {
-  if (sim_) sim_->stop();
-}
-
-bool SimAgent::start(const std::string& extraConf, std::string* error) {
-  if (!startSim(error)) return false;
-  port_ = zerva_test::FreeUdpPort();
-  const std::string conf = dir_.file("agent.conf",
-                                     "rocommunity public 127.0.0.1\n"
-                                     "rwcommunity private 127.0.0.1\n"
-                                     "zervaBackend unix:" +
-                                         socketPath() + "\n" + extraConf);
-  agent_.reset(new zerva_test::Process({ZERVA_AGENT_PROGRAM, "-f", "-L", "-c", conf, "--state-dir", dir_.path(),
-                                        "--listen", "udp:127.0.0.1:" + std::to_string(port_)},
-                                       dir_.path() + "/agent.log"));
-  zerva_test::Snmp snmp(dir_.path(), port_);
-  if (!snmp.ready()) {
-    if (error != nullptr) *error = "the agent does not answer: " + log();
-    return false;
-  }
-  return true;
-}
-
-std::string SimAgent::log() const { return zerva_test::ReadFile(dir_.path() + "/agent.log"); }
-
-int SimAgent::stopAgent() { return agent_ ? agent_->stop() : -1; }
 
 // ---------------------------------------------------------------- ground truth
 
 namespace {
-
-const zerva_agent::MibObject* FindTable(const AnswerChecker& checker, const std::string& name) {
-  for (const zerva_agent::MibObject& o : checker.mib().objects) {
-    if (o.name == name) return &o;
-  }
-  return nullptr;
-}
 
 // The rows (index -> column -> varbind) of one table in a walk.
 std::map<Oid, std::map<unsigned long, VarBind>> Rows(const std::vector<VarBind>& walk,
@@ -460,25 +401,13 @@ std::map<Oid, std::map<unsigned long, VarBind>> Rows(const std::vector<VarBind>&
   return rows;
 }
 
-Oid StringIndex(const std::string& text) {
-  Oid out{text.size()};
-  for (unsigned char c : text) out.push_back(c);
-  return out;
-}
-
-unsigned int NodeNumber(const std::string& controller) {
-  const unsigned int engine = static_cast<unsigned int>(std::stoul(controller.substr(0, controller.size() - 1)));
-  return engine * 4 + static_cast<unsigned int>(controller.back() - 'A');
-}
-
 }  // namespace
 
-std::string CheckAgainstGroundTruth(const std::vector<VarBind>& walk, zerva_sim::ArraySimServer& sim,
-                                    const AnswerChecker& checker) {
-  const zerva_sim::Topology& topology = sim.array().topology();
-  const zerva_agent::MibObject* lun = FindTable(checker, "vemPerfLunTable");
-  const zerva_agent::MibObject* node = FindTable(checker, "vemPerfNodeTable");
-  const zerva_agent::MibObject* fs = FindTable(checker, "vemPerfFsTable");
+std::string CheckAgainstGroundTruth(const std::vector<VarBind>& walk, const zerva_sim::ArraySimulator& array) {
+  const zerva_sim::Topology& topology = array.topology();
+  const zerva_agent::MibObject* lun = zerva_test::MibTable("vemPerfLunTable");
+  const zerva_agent::MibObject* node = zerva_test::MibTable("vemPerfNodeTable");
+  const zerva_agent::MibObject* fs = zerva_test::MibTable("vemPerfFsTable");
   if (lun == nullptr || node == nullptr || fs == nullptr) return "the MIB description lacks a table";
 
   // LUNs: every topology LUN, every column, the model's values.
@@ -491,7 +420,7 @@ std::string CheckAgainstGroundTruth(const std::vector<VarBind>& walk, zerva_sim:
     auto row = luns.find(Oid{id});
     if (row == luns.end()) return "LUN " + std::to_string(id) + " is missing";
     std::vector<uint32_t> v;
-    if (sim.array().statistics(zerva_sim::kObjLun, std::to_string(id), items, &v) != 0 || v.size() != items.size()) {
+    if (array.statistics(zerva_sim::kObjLun, std::to_string(id), items, &v) != 0 || v.size() != items.size()) {
       return "the model has no statistics for LUN " + std::to_string(id);
     }
     const auto percent = [](uint64_t a, uint64_t b) { return b == 0 ? 0 : a * 100 / b; };
@@ -525,12 +454,13 @@ std::string CheckAgainstGroundTruth(const std::vector<VarBind>& walk, zerva_sim:
 
   // Controllers and file systems: one row each.
   std::set<Oid> nodes;
-  for (const std::string& c : topology.controllers) nodes.insert(Oid{NodeNumber(c)});
+  for (const std::string& c : topology.controllers)
+    nodes.insert(Oid{static_cast<unsigned long>(zerva_test::NodeOfController(c))});
   std::set<Oid> nodeRows;
   for (const auto& r : Rows(walk, *node)) nodeRows.insert(r.first);
   if (nodes != nodeRows) return "node rows differ from the array's controllers";
   std::set<Oid> fileSystems;
-  for (uint32_t id : topology.fileSystems) fileSystems.insert(StringIndex(std::to_string(id)));
+  for (uint32_t id : topology.fileSystems) fileSystems.insert(zerva_test::StringIndex(std::to_string(id)));
   std::set<Oid> fsRows;
   for (const auto& r : Rows(walk, *fs)) fsRows.insert(r.first);
   if (fileSystems != fsRows) {

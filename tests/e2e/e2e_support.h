@@ -15,12 +15,16 @@
 #include "host/agent/mib_description.h"
 #include "sim/array_simulator.h"
 #include "tests/process/agent_under_test.h"
+#include "tests/process/ground_truth.h"
 #include "tests/process/process_harness.h"
 #include "tests/process/served_mib.h"
 
 namespace zerva_e2e {
 
 using zerva_test::AgentUnderTest;
+using zerva_test::Diff;
+using zerva_test::GroundTruth;
+using zerva_test::Hex;
 using zerva_test::Mib;
 using zerva_test::MibTable;
 using zerva_test::MibTables;
@@ -28,7 +32,10 @@ using zerva_test::Oid;
 using zerva_test::OidText;
 using zerva_test::ParseOid;
 using zerva_test::SwitchOid;
+using zerva_test::TableTruth;
 using zerva_test::Under;
+using zerva_test::Value;
+using zerva_test::ValueText;
 
 // The model time every test freezes the simulator's clock at (an hour
 // after its start, so that every rate has complete sample periods).
@@ -40,34 +47,6 @@ const uint64_t kFrozenMs = zerva_sim::ArraySimulator::kClockStartMs + 3600000ULL
 // several pages, file-system IDs of one, two and three digits (their text
 // index orders by length first).
 extern const char kSmallTopology[];
-
-// One value as both sides are compared: the SNMP type as snmpwalk names it
-// (INTEGER, Gauge32, Counter32, Counter64, Timeticks; OCTETS for strings)
-// and the value (decimal; strings as lower-case hex, two digits a byte).
-struct Value {
-  std::string type;
-  std::string value;
-  bool operator==(const Value& o) const { return type == o.type && value == o.value; }
-  bool operator!=(const Value& o) const { return !(*this == o); }
-};
-std::string ValueText(const Value& v);  // "Gauge32: 5"
-
-// What the agent must serve for one table: instance OID -> value.
-struct TableTruth {
-  const zerva_agent::MibObject* object = nullptr;  // from the MIB description
-  Oid prefix;
-  std::vector<Oid> rowIndexes;  // in OID order
-  std::map<Oid, Value> instances;
-  // The first and last instance of a walk of the table (column by column).
-  Oid first() const;
-  Oid last() const;
-};
-
-// The ground truth of one table at the simulator's current (frozen) time.
-// Tables whose feature the array lacks are not served: `served` false.
-// `error` is set when the simulator refuses an object it listed.
-TableTruth GroundTruth(const zerva_sim::ArraySimulator& sim, const zerva_agent::MibObject& table, bool* served,
-                       std::string* error);
 
 // One parsed line of snmpwalk/snmpbulkwalk/snmpget output (-On -Ox).
 struct WalkLine {
@@ -82,8 +61,6 @@ ParsedWalk ParseWalk(const std::string& output);
 // The instances of a walk under `prefix`, as a map; duplicates and
 // out-of-order OIDs are reported in *problems.
 std::map<Oid, Value> InstancesUnder(const ParsedWalk& walk, const Oid& prefix, std::vector<std::string>* problems);
-// "" when the two agree, else up to a few lines naming the differences.
-std::string Diff(const std::map<Oid, Value>& expected, const std::map<Oid, Value>& actual);
 
 // The array of the tests: kSmallTopology in this process, its clock frozen
 // at kFrozenMs, every feature; the agent reuses no rows (snapshots off), so

@@ -7,14 +7,13 @@
 #include <algorithm>
 #include <cstdio>
 #include <mutex>
-#include <set>
 #include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
 
 #include "host/agent/snmp_value.h"
-#include "sim/topology.h"
+#include "tests/process/ground_truth.h"
 #include "tests/process/served_mib.h"
 
 // Net-SNMP's headers define short macros: they come last.
@@ -384,87 +383,41 @@ AgentUnderTest::Options TestArray() {
 
 namespace {
 
-// The rows (index -> column -> varbind) of one table in a walk.
-std::map<Oid, std::map<unsigned long, VarBind>> Rows(const std::vector<VarBind>& walk,
-                                                     const zerva_agent::MibObject& t) {
-  const Oid entry = [&] {
-    Oid e(t.oid.begin(), t.oid.end());
-    e.push_back(1);
-    return e;
-  }();
-  std::map<Oid, std::map<unsigned long, VarBind>> rows;
-  for (const VarBind& vb : walk) {
-    if (!Under(vb.name, entry) || vb.name.size() < entry.size() + 2) continue;
-    const Oid index(vb.name.begin() + static_cast<long>(entry.size()) + 1, vb.name.end());
-    rows[index][vb.name[entry.size()]] = vb;
+// A varbind's value as the ground truth holds values.
+zerva_test::Value AsValue(const VarBind& vb) {
+  switch (vb.type) {
+    case ASN_INTEGER:
+      return {"INTEGER", std::to_string(static_cast<int64_t>(vb.number))};
+    case ASN_GAUGE:
+      return {"Gauge32", std::to_string(vb.number)};
+    case ASN_COUNTER:
+      return {"Counter32", std::to_string(vb.number)};
+    case ASN_COUNTER64:
+      return {"Counter64", std::to_string(vb.number)};
+    case ASN_TIMETICKS:
+      return {"Timeticks", std::to_string(vb.number)};
+    case ASN_OCTET_STR:
+      return {"OCTETS", zerva_test::Hex(vb.bytes)};
+    default:
+      return {"type " + std::to_string(vb.type), ""};
   }
-  return rows;
 }
 
 }  // namespace
 
 std::string CheckAgainstGroundTruth(const std::vector<VarBind>& walk, const zerva_sim::ArraySimulator& array) {
-  const zerva_sim::Topology& topology = array.topology();
-  const zerva_agent::MibObject* lun = zerva_test::MibTable("vemPerfLunTable");
-  const zerva_agent::MibObject* node = zerva_test::MibTable("vemPerfNodeTable");
-  const zerva_agent::MibObject* fs = zerva_test::MibTable("vemPerfFsTable");
-  if (lun == nullptr || node == nullptr || fs == nullptr) return "the MIB description lacks a table";
-
-  // LUNs: every topology LUN, every column, the model's values.
-  const auto luns = Rows(walk, *lun);
-  if (luns.size() != topology.luns.size()) {
-    return std::to_string(luns.size()) + " LUN rows, the array has " + std::to_string(topology.luns.size());
-  }
-  const std::vector<uint32_t> items = {303, 22, 25, 28, 21, 23, 26, 5, 307, 370, 371, 384, 385};
-  for (uint32_t id : topology.luns) {
-    auto row = luns.find(Oid{id});
-    if (row == luns.end()) return "LUN " + std::to_string(id) + " is missing";
-    std::vector<uint32_t> v;
-    if (array.statistics(zerva_sim::kObjLun, std::to_string(id), items, &v) != 0 || v.size() != items.size()) {
-      return "the model has no statistics for LUN " + std::to_string(id);
+  std::map<Oid, zerva_test::Value> served;
+  for (const VarBind& vb : walk) served.emplace(vb.name, AsValue(vb));
+  for (const zerva_agent::MibObject* table : zerva_test::MibTables()) {
+    std::string error;
+    const zerva_test::TableTruth truth = zerva_test::GroundTruth(array, *table, nullptr, &error);
+    if (!error.empty()) return error;
+    std::map<Oid, zerva_test::Value> instances;
+    for (auto i = served.lower_bound(truth.prefix); i != served.end() && Under(i->first, truth.prefix); ++i) {
+      instances.insert(*i);
     }
-    const auto percent = [](uint64_t a, uint64_t b) { return b == 0 ? 0 : a * 100 / b; };
-    std::map<unsigned long, uint64_t> expected = {{1, id},
-                                                  {2, v[0]},
-                                                  {3, v[1]},
-                                                  {4, v[2]},
-                                                  {5, v[3]},
-                                                  {6, v[4]},
-                                                  {7, v[5]},
-                                                  {8, v[6]},
-                                                  {9, percent(v[2], v[1])},
-                                                  {10, percent(v[3], v[1])},
-                                                  {11, v[7]},
-                                                  {12, v[8]},
-                                                  {13, v[9]},
-                                                  {14, v[10]},
-                                                  {15, v[11]},
-                                                  {16, v[12]}};
-    if (row->second.size() != expected.size()) {
-      return "LUN " + std::to_string(id) + " has " + std::to_string(row->second.size()) + " columns";
-    }
-    for (const auto& e : expected) {
-      auto cell = row->second.find(e.first);
-      if (cell == row->second.end()) return "LUN " + std::to_string(id) + " lacks column " + std::to_string(e.first);
-      if (cell->second.number != e.second) {
-        return cell->second.text() + ": the model gives " + std::to_string(e.second);
-      }
-    }
-  }
-
-  // Controllers and file systems: one row each.
-  std::set<Oid> nodes;
-  for (const std::string& c : topology.controllers)
-    nodes.insert(Oid{static_cast<unsigned long>(zerva_test::NodeOfController(c))});
-  std::set<Oid> nodeRows;
-  for (const auto& r : Rows(walk, *node)) nodeRows.insert(r.first);
-  if (nodes != nodeRows) return "node rows differ from the array's controllers";
-  std::set<Oid> fileSystems;
-  for (uint32_t id : topology.fileSystems) fileSystems.insert(zerva_test::StringIndex(std::to_string(id)));
-  std::set<Oid> fsRows;
-  for (const auto& r : Rows(walk, *fs)) fsRows.insert(r.first);
-  if (fileSystems != fsRows) {
-    return std::to_string(fsRows.size()) + " file-system rows, the array has " + std::to_string(fileSystems.size());
+    const std::string diff = zerva_test::Diff(truth.instances, instances);
+    if (!diff.empty()) return table->name + ": " + diff;
   }
   return "";
 }

@@ -145,10 +145,10 @@ AgentUnderTest::Options TestArray();
 // The model time the tests freeze the clock at.
 const uint64_t kFrozenMs = 1000000000ULL + 3600000ULL;
 
-// Checks a complete walk against the simulator's ground truth: the LUN
-// table has exactly the topology's LUNs with the values the model gives
-// for them, the node and file-system tables one row per controller and file
-// system. "" when it agrees, else the first disagreement.
+// Checks a complete walk against the simulated array's ground truth: every
+// table of the MIB description has exactly the instances, types and values
+// the model gives at this moment. "" when it agrees, else the first table
+// that does not, with its differences.
 std::string CheckAgainstGroundTruth(const std::vector<VarBind>& walk, const zerva_sim::ArraySimulator& array);
 
 }  // namespace zerva_fault

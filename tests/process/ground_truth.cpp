@@ -212,8 +212,7 @@ TableTruth GroundTruth(const zerva_sim::ArraySimulator& sim, const MibObject& ta
     if (table.indexEncoding == MibIndexEncoding::Integer) {
       index.push_back(static_cast<unsigned long>(indexCell->second.number));
     } else {
-      index = StringIndex(indexCell->second.text ? indexCell->second.bytes
-                                                             : std::to_string(indexCell->second.number));
+      index = StringIndex(indexCell->second.text ? indexCell->second.bytes : std::to_string(indexCell->second.number));
     }
     truth.rowIndexes.push_back(index);
     for (const auto& cell : row) {
@@ -229,7 +228,6 @@ TableTruth GroundTruth(const zerva_sim::ArraySimulator& sim, const MibObject& ta
   if (served != nullptr) *served = isServed;
   return truth;
 }
-
 
 std::string Diff(const std::map<Oid, Value>& expected, const std::map<Oid, Value>& actual) {
   std::ostringstream out;

@@ -8,6 +8,7 @@
 #include <cstdlib>
 
 #include "sim/sim_test_util.h"
+#include "tests/support/temp_dir.h"
 
 namespace zerva_sim {
 namespace {
@@ -237,10 +238,9 @@ TEST_F(ArraySimulatorTest, LargestTopologyListsAndAnswers) {
 }
 
 TEST(CommandCodesTest, ReadFromAGivenFileWithDefaultsForMissingItems) {
-  char path[] = "/tmp/sim-codes-XXXXXX";
-  const int fd = mkstemp(path);
-  ASSERT_GE(fd, 0);
-  close(fd);
+  const zerva_test::TempDir dir;
+  ASSERT_FALSE(dir.path().empty());
+  const std::string path = dir.path() + "/device.xml";
   std::ofstream(path) << "<device><section name=\"COMMAND\"><item key=\"GET_CUR_STATISTIC_DATA\" value=\"42\"/>"
                          "</section></device>";
   CommandCodes c;
@@ -253,7 +253,6 @@ TEST(CommandCodesTest, ReadFromAGivenFileWithDefaultsForMissingItems) {
   EXPECT_FALSE(LoadCommandCodes(path, &c, &error));
   EXPECT_NE(error.find("GET_SNMP_FEATURES"), std::string::npos);
   EXPECT_FALSE(LoadCommandCodes("/nonexistent/device.xml", &c, &error));
-  unlink(path);
 }
 
 }  // namespace

@@ -19,6 +19,7 @@
 #include "snmpcommon/snmp_capability.h"
 #include "snmpcommon/snmp_comm_util.h"
 #include "snmpcommon/snmp_socket_transport.h"
+#include "tests/support/temp_dir.h"
 #include "vempub/vem_xml_config.h"
 
 namespace zerva_sim {
@@ -37,12 +38,10 @@ unsigned int U(const CTLVRecordV3& r, unsigned short tag) { return CTLVCell::Val
 class EndToEndTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char tmpl[] = "/tmp/zsim-e2e-XXXXXX";
-    dir_ = mkdtemp(tmpl);
     std::string error;
     ASSERT_TRUE(CVEMXmlConfig::instance()->loadFromString(kDeviceConfig, &error)) << error;
     SimOptions o;
-    o.listen = "unix:" + dir_ + "/s";
+    o.listen = "unix:" + dir_.path() + "/s";
     o.luns = 1000;
     o.seed = 21;
     server_.reset(new ArraySimServer(o));
@@ -59,7 +58,6 @@ class EndToEndTest : public ::testing::Test {
     CSNMP_Configuration::instance()->setTransport(previousTransport_);
     SetSnmpCapabilitySource(previousSource_);
     server_.reset();
-    rmdir(dir_.c_str());
   }
 
   std::vector<uint32_t> Truth(uint32_t type, const std::string& id, const std::vector<uint32_t>& items) {
@@ -68,7 +66,7 @@ class EndToEndTest : public ::testing::Test {
     return v;
   }
 
-  std::string dir_;
+  zerva_test::TempDir dir_;
   std::unique_ptr<ArraySimServer> server_;
   std::shared_ptr<CSnmpSocketTransport> transport_;
   std::shared_ptr<ISnmpBackendTransport> previousTransport_;

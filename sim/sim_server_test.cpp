@@ -11,6 +11,7 @@
 #include "sim/array_simulator.h"
 #include "sim/sim_test_util.h"
 #include "snmpcommon/snmp_socket_transport.h"
+#include "tests/support/temp_dir.h"
 
 namespace zerva_sim {
 namespace {
@@ -19,22 +20,10 @@ using testing::Num;
 using testing::Req;
 using testing::Text;
 
-// A temporary directory for the test's socket, removed afterwards.
-class TempDir {
- public:
-  TempDir() {
-    char tmpl[] = "/tmp/zsim-XXXXXX";
-    path_ = mkdtemp(tmpl);
-  }
-  ~TempDir() {
-    unlink((path_ + "/s").c_str());
-    rmdir(path_.c_str());
-  }
-  std::string socket() const { return "unix:" + path_ + "/s"; }
+using zerva_test::TempDir;
 
- private:
-  std::string path_;
-};
+// The address of the test's socket in its temporary directory.
+std::string SocketIn(const TempDir& dir) { return "unix:" + dir.path() + "/s"; }
 
 class SimServerTest : public ::testing::Test {
  protected:
@@ -42,7 +31,7 @@ class SimServerTest : public ::testing::Test {
 
   void StartServer() {
     SimOptions o;
-    o.listen = dir_.socket();
+    o.listen = SocketIn(dir_);
     o.seed = 3;
     server_.reset(new ArraySimServer(o));
     std::string error;
@@ -272,7 +261,7 @@ TEST(SimServerStartTest, TcpPortZeroReportsTheBoundPort) {
 TEST(SimServerStartTest, ASecondServerOnALiveSocketIsRefused) {
   TempDir dir;
   SimOptions o;
-  o.listen = dir.socket();
+  o.listen = SocketIn(dir);
   ArraySimServer first(o), second(o);
   std::string error;
   ASSERT_TRUE(first.start(&error)) << error;

@@ -10,10 +10,12 @@
 #include <thread>
 #include <vector>
 
+#include "tests/process/agent_under_test.h"
 #include "tests/process/process_harness.h"
 
 namespace {
 
+using zerva_test::AgentUnderTest;
 using zerva_test::FreeUdpPort;
 using zerva_test::kSubtree;
 using zerva_test::kSwitch;
@@ -24,56 +26,52 @@ using zerva_test::Shape;
 using zerva_test::Snmp;
 using zerva_test::TempDir;
 
-// Small simulated array so that a walk stays short.
-const char kSimTokens[] =
-    "zervaSimLuns 30\n"
-    "zervaSimFileSystems 4\n"
-    "zervaSimFeatures 7\n";
+// The agent's embedded simulated array, small so that a walk stays short.
+AgentUnderTest::Options SmallEmbeddedArray() {
+  AgentUnderTest::Options o;
+  o.array = AgentUnderTest::Array::kEmbedded;
+  o.luns = 30;
+  o.fileSystems = 4;
+  o.features = 7;
+  return o;
+}
 
 class AgentProcessTest : public ::testing::Test {
  protected:
   // Starts the agent with these extra configuration lines.
   void start(const std::string& extra, const std::string& auth = "-v2c -c public") {
-    port_ = FreeUdpPort();
-    const std::string conf = dir_.file("agent.conf", std::string("rocommunity public 127.0.0.1\n"
-                                                                 "rwcommunity private 127.0.0.1\n") +
-                                                         kSimTokens + extra);
-    log_ = dir_.path() + "/agent.log";
-    agent_.reset(new Process({ZERVA_AGENT_PROGRAM, "-f", "-L", "-c", conf, "--state-dir", dir_.path(), "--listen",
-                              "udp:127.0.0.1:" + std::to_string(port_)},
-                             log_));
-    snmp_.reset(new Snmp(dir_.path(), port_));
-    ASSERT_TRUE(snmp_->ready(auth)) << ReadFile(log_);
+    AgentUnderTest::Options options = SmallEmbeddedArray();
+    options.extraConfig = extra;
+    options.readyAuth = auth;
+    std::string error;
+    ASSERT_TRUE(agent_.start(options, &error)) << error;
   }
+  const Snmp& snmp() const { return agent_.snmp(); }
 
-  TempDir dir_;
-  int port_ = 0;
-  std::string log_;
-  std::unique_ptr<Process> agent_;
-  std::unique_ptr<Snmp> snmp_;
+  AgentUnderTest agent_;
 };
 
 TEST_F(AgentProcessTest, AnswersV2cAndV1Get) {
   start("");
-  EXPECT_NE(std::string::npos, snmp_->get(kSwitch).find(std::string(kSwitch) + " = Gauge32: 1"));
-  EXPECT_NE(std::string::npos, snmp_->get(kSwitch, "-v1 -c public").find("Gauge32: 1"));
+  EXPECT_NE(std::string::npos, snmp().get(kSwitch).find(std::string(kSwitch) + " = Gauge32: 1"));
+  EXPECT_NE(std::string::npos, snmp().get(kSwitch, "-v1 -c public").find("Gauge32: 1"));
 }
 
 TEST_F(AgentProcessTest, LogsOneStartUpLineNamingWhatWhereAndWhichBackEnd) {
   start("");
-  const std::string log = ReadFile(log_);
+  const std::string log = agent_.log();
   EXPECT_NE(std::string::npos, log.find("serving ")) << log;
   EXPECT_NE(std::string::npos, log.find("libsnmp_zerva_performance.so")) << log;
   EXPECT_NE(std::string::npos, log.find("11 handlers")) << log;
-  EXPECT_NE(std::string::npos, log.find("udp:127.0.0.1:" + std::to_string(port_))) << log;
+  EXPECT_NE(std::string::npos, log.find("udp:127.0.0.1:" + std::to_string(agent_.port()))) << log;
   EXPECT_NE(std::string::npos, log.find("embedded simulated array")) << log;
 }
 
 TEST_F(AgentProcessTest, WalkAndBulkWalkAgree) {
   start("");
-  const std::string walk = snmp_->walk();
+  const std::string walk = snmp().walk();
   int rc = 0;
-  const std::string bulk = snmp_->tool("snmpbulkwalk", "-v2c -c public -Cr25", kSubtree, &rc);
+  const std::string bulk = snmp().tool("snmpbulkwalk", "-v2c -c public -Cr25", kSubtree, &rc);
   EXPECT_EQ(0, rc);
   EXPECT_NE(std::string::npos, walk.find(".1.3.6.1.4.1.32473.4.1.21.4.1.1.29 = Gauge32: 29")) << walk;
   EXPECT_NE(std::string::npos, walk.find(".1.3.6.1.4.1.32473.4.1.21.14.1.")) << walk;
@@ -83,102 +81,95 @@ TEST_F(AgentProcessTest, WalkAndBulkWalkAgree) {
 
 TEST_F(AgentProcessTest, MissingRowIsNoSuchInstance) {
   start("");
-  EXPECT_NE(std::string::npos, snmp_->get(".1.3.6.1.4.1.32473.4.1.21.4.1.2.999").find("No Such Instance"));
-}
-
-TEST_F(AgentProcessTest, SetTheSwitchOffEmptiesTheTablesAndOnAgain) {
-  start("");
-  int rc = 0;
-  snmp_->tool("snmpset", "-v2c -c private", std::string(kSwitch) + " u 0", &rc);
-  EXPECT_EQ(0, rc);
-  EXPECT_NE(std::string::npos, snmp_->get(kSwitch).find("Gauge32: 0"));
-  const std::string walk = snmp_->walk();
-  EXPECT_EQ(std::string::npos, walk.find(".21.4.1.")) << walk;  // switched off: no LUN rows
-  snmp_->tool("snmpset", "-v2c -c private", std::string(kSwitch) + " u 1", &rc);
-  EXPECT_EQ(0, rc);
-  EXPECT_NE(std::string::npos, snmp_->walk().find(".21.4.1.1.0 = Gauge32: 0"));
+  EXPECT_NE(std::string::npos, snmp().get(".1.3.6.1.4.1.32473.4.1.21.4.1.2.999").find("No Such Instance"));
 }
 
 TEST_F(AgentProcessTest, SetOfTheWrongTypeIsRefused) {
   start("");
-  const std::string out = snmp_->tool("snmpset", "-v2c -c private", std::string(kSwitch) + " s on");
+  const std::string out = snmp().tool("snmpset", "-v2c -c private", std::string(kSwitch) + " s on");
   EXPECT_NE(std::string::npos, out.find("wrongType")) << out;
-  EXPECT_NE(std::string::npos, snmp_->get(kSwitch).find("Gauge32: 1"));
+  EXPECT_NE(std::string::npos, snmp().get(kSwitch).find("Gauge32: 1"));
 }
 
 TEST_F(AgentProcessTest, ReadOnlyCommunityCannotSet) {
   start("");
   int rc = 0;
-  const std::string out = snmp_->tool("snmpset", "-v2c -c public", std::string(kSwitch) + " u 0", &rc);
+  const std::string out = snmp().tool("snmpset", "-v2c -c public", std::string(kSwitch) + " u 0", &rc);
   EXPECT_NE(0, rc);
   EXPECT_NE(std::string::npos, out.find("noAccess")) << out;
-  EXPECT_NE(std::string::npos, snmp_->get(kSwitch).find("Gauge32: 1"));
+  EXPECT_NE(std::string::npos, snmp().get(kSwitch).find("Gauge32: 1"));
 }
 
 TEST_F(AgentProcessTest, TableObjectsAreNotWritable) {
   start("");
-  const std::string out = snmp_->tool("snmpset", "-v2c -c private", ".1.3.6.1.4.1.32473.4.1.21.4.1.2.0 u 5");
+  const std::string out = snmp().tool("snmpset", "-v2c -c private", ".1.3.6.1.4.1.32473.4.1.21.4.1.2.0 u 5");
   EXPECT_NE(std::string::npos, out.find("notWritable")) << out;
 }
 
 TEST_F(AgentProcessTest, V3AuthPrivWithShaAndAes) {
   const std::string v3 = "-v3 -l authPriv -u zerva -a SHA -A zerva-auth-pass -x AES -X zerva-priv-pass";
   start("createUser zerva SHA zerva-auth-pass AES zerva-priv-pass\nrwuser zerva priv\n", v3);
-  EXPECT_NE(std::string::npos, snmp_->get(kSwitch, v3).find("Gauge32: 1"));
+  EXPECT_NE(std::string::npos, snmp().get(kSwitch, v3).find("Gauge32: 1"));
   int rc = 0;
-  snmp_->tool("snmpset", v3, std::string(kSwitch) + " u 0", &rc);
+  snmp().tool("snmpset", v3, std::string(kSwitch) + " u 0", &rc);
   EXPECT_EQ(0, rc);
-  EXPECT_NE(std::string::npos, snmp_->get(kSwitch, v3).find("Gauge32: 0"));
-  const std::string wrong =
-      snmp_->get(kSwitch, "-v3 -l authPriv -u zerva -a SHA -A wrong-pass-123 -x AES -X zerva-priv-pass");
-  EXPECT_EQ(std::string::npos, wrong.find("Gauge32")) << wrong;
+  EXPECT_NE(std::string::npos, snmp().get(kSwitch, v3).find("Gauge32: 0"));
 }
 
 TEST_F(AgentProcessTest, ShutsDownCleanlyOnSigterm) {
   start("");
-  EXPECT_EQ(0, agent_->stop());
+  EXPECT_EQ(0, agent_.stop());
+}
+
+// Runs the agent on the small embedded array with these configuration
+// lines until it exits: its exit status; *output what it wrote.
+int RunWithConfig(const std::string& lines, std::string* output) {
+  AgentUnderTest agent;
+  AgentUnderTest::Options options = SmallEmbeddedArray();
+  options.extraConfig = lines;
+  const int status = agent.runToExit(options);
+  *output = agent.log();
+  return status;
+}
+
+// The agent refuses these configuration lines: it exits with a non-zero
+// status, naming each of `named` in what it writes.
+void ExpectConfigRefused(const std::string& lines, const std::vector<std::string>& named) {
+  std::string out;
+  const int rc = RunWithConfig(lines, &out);
+  EXPECT_NE(0, rc) << out;
+  EXPECT_NE(-1, rc) << "still running: " << out;
+  for (const std::string& text : named) EXPECT_NE(std::string::npos, out.find(text)) << text << " in:\n" << out;
 }
 
 TEST(AgentProcessConfigTest, BadTokenValueIsAClearErrorAndNonZeroExit) {
-  TempDir dir;
-  const std::string conf = dir.file("bad.conf", "zervaSnapshotSeconds soon\n");
-  int rc = 0;
-  const std::string out = RunShell(std::string(ZERVA_AGENT_PROGRAM) + " -f -L -c " + conf + " --state-dir " +
-                                       dir.path() + " --listen udp:127.0.0.1:" + std::to_string(FreeUdpPort()),
-                                   &rc);
-  EXPECT_NE(0, rc);
-  EXPECT_NE(std::string::npos, out.find("zervaSnapshotSeconds")) << out;
-  EXPECT_NE(std::string::npos, out.find("soon")) << out;
+  ExpectConfigRefused("zervaSnapshotSeconds soon\n", {"zervaSnapshotSeconds", "soon"});
 }
 
 TEST(AgentProcessConfigTest, UnknownTokenIsAnError) {
-  TempDir dir;
-  const std::string conf = dir.file("bad.conf", "zervaNoSuchToken 1\n");
-  int rc = 0;
-  const std::string out = RunShell(std::string(ZERVA_AGENT_PROGRAM) + " -f -L -c " + conf + " --state-dir " +
-                                       dir.path() + " --listen udp:127.0.0.1:" + std::to_string(FreeUdpPort()),
-                                   &rc);
-  EXPECT_NE(0, rc);
-  EXPECT_NE(std::string::npos, out.find("zervaNoSuchToken")) << out;
+  ExpectConfigRefused("zervaNoSuchToken 1\n", {"zervaNoSuchToken"});
 }
 
 TEST(AgentProcessConfigTest, UnknownOptionPrintsUsage) {
   int rc = 0;
-  const std::string out = RunShell(std::string(ZERVA_AGENT_PROGRAM) + " --bogus", &rc);
+  const std::string out = RunShell(AgentUnderTest::Program() + " --bogus", &rc);
   EXPECT_EQ(2, rc);
   EXPECT_NE(std::string::npos, out.find("usage:")) << out;
 }
 
 TEST(AgentProcessConfigTest, MissingModuleIsAClearError) {
-  TempDir dir;
-  const std::string conf = dir.file("a.conf", std::string("zervaModule /nonexistent/libx.so\n") + kSimTokens);
-  int rc = 0;
-  const std::string out = RunShell(std::string(ZERVA_AGENT_PROGRAM) + " -f -L -c " + conf + " --state-dir " +
-                                       dir.path() + " --listen udp:127.0.0.1:" + std::to_string(FreeUdpPort()),
-                                   &rc);
-  EXPECT_EQ(1, rc);
+  std::string out;
+  EXPECT_EQ(1, RunWithConfig("zervaModule /nonexistent/libx.so\n", &out));
   EXPECT_NE(std::string::npos, out.find("/nonexistent/libx.so")) << out;
 }
+
+// The embedded array of SmallEmbeddedArray() as snmpd.conf lines for the
+// agent loaded as a dlmod module.
+const char kDlmodSimTokens[] =
+    "zervaSimLuns 30\n"
+    "zervaSimFileSystems 4\n"
+    "zervaSimFeatures 7\n"
+    "zervaSimSeed 7\n";
 
 // A stock snmpd on loopback with a temporary configuration: no default
 // configuration files, no SMUX, state in the test's directory.
@@ -192,15 +183,13 @@ std::unique_ptr<Process> StartSnmpd(const TempDir& dir, int port, const std::str
 
 // The walk of the standalone agent (same simulated array) for comparison.
 std::vector<std::string> StandaloneShape() {
-  TempDir dir;
-  const int port = FreeUdpPort();
-  const std::string conf = dir.file("agent.conf", std::string("rocommunity public 127.0.0.1\n") + kSimTokens);
-  Process agent({ZERVA_AGENT_PROGRAM, "-f", "-L", "-c", conf, "--state-dir", dir.path(), "--listen",
-                 "udp:127.0.0.1:" + std::to_string(port)},
-                dir.path() + "/agent.log");
-  Snmp snmp(dir.path(), port);
-  if (!snmp.ready()) return {};
-  return Shape(snmp.walk());
+  AgentUnderTest agent;
+  std::string error;
+  if (!agent.start(SmallEmbeddedArray(), &error)) {
+    ADD_FAILURE() << error;
+    return {};
+  }
+  return Shape(agent.snmp().walk());
 }
 
 // Compares two walk shapes, naming the first line where they part.
@@ -225,12 +214,14 @@ TEST(AgentXTest, SubAgentOfAStockSnmpdGivesTheStandaloneWalk) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
   ASSERT_EQ(0, access(socket.c_str(), F_OK)) << ReadFile(dir.path() + "/snmpd.log");
-  const std::string conf = dir.file("agent.conf", kSimTokens);
-  Process agent({ZERVA_AGENT_PROGRAM, "-f", "-L", "-c", conf, "--state-dir", dir.path(), "-x", socket},
-                dir.path() + "/agent.log");
-  Snmp snmp(dir.path(), port);
-  ASSERT_TRUE(snmp.ready()) << ReadFile(dir.path() + "/agent.log") << ReadFile(dir.path() + "/snmpd.log");
-  const std::vector<std::string> walk = Shape(snmp.walk());
+  AgentUnderTest agent;
+  AgentUnderTest::Options options = SmallEmbeddedArray();
+  options.communities = false;  // the master holds the access control
+  options.agentxMaster = socket;
+  options.port = port;
+  std::string error;
+  ASSERT_TRUE(agent.start(options, &error)) << error << ReadFile(dir.path() + "/snmpd.log");
+  const std::vector<std::string> walk = Shape(agent.snmp().walk());
   EXPECT_GT(walk.size(), 30u * 16);
   ExpectSameShape(StandaloneShape(), walk);
   EXPECT_EQ(0, agent.stop());
@@ -240,7 +231,8 @@ TEST(DlmodTest, ModuleOfAStockSnmpdGivesTheStandaloneWalk) {
   if (ZERVA_AGENT_SANITIZED) GTEST_SKIP() << "a sanitized module cannot be loaded into an unsanitized snmpd";
   TempDir dir;
   const int port = FreeUdpPort();
-  auto snmpd = StartSnmpd(dir, port, std::string("dlmod zerva_snmp_dlmod ") + ZERVA_AGENT_DLMOD + "\n" + kSimTokens);
+  auto snmpd =
+      StartSnmpd(dir, port, std::string("dlmod zerva_snmp_dlmod ") + ZERVA_AGENT_DLMOD + "\n" + kDlmodSimTokens);
   Snmp snmp(dir.path(), port);
   ASSERT_TRUE(snmp.ready()) << ReadFile(dir.path() + "/snmpd.log");
   const std::vector<std::string> walk = Shape(snmp.walk());

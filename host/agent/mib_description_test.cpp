@@ -16,6 +16,7 @@
 #include "snmpcommon/snmp_capability.h"
 #include "tests/support/fake_backend.h"
 #include "tests/support/kit_log_capture.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
@@ -336,21 +337,12 @@ TEST(MibDescriptionTest, AFailedParseLeavesTheDescriptionAsItWas) {
 // A file in a fresh temporary directory, removed with the object.
 class TempFile {
  public:
-  explicit TempFile(const std::string& content) {
-    char dir[] = "/tmp/mib_description_test.XXXXXX";
-    if (mkdtemp(dir) != nullptr) dir_ = dir;
-    path_ = dir_ + "/VEM-TEST.xml";
-    std::ofstream(path_) << content;
-  }
-  ~TempFile() {
-    std::remove(path_.c_str());
-    rmdir(dir_.c_str());
-  }
+  explicit TempFile(const std::string& content) : path_(dir_.file("VEM-TEST.xml", content)) {}
   const std::string& path() const { return path_; }
-  std::string missing() const { return dir_ + "/missing.xml"; }
+  std::string missing() const { return dir_.path() + "/missing.xml"; }
 
  private:
-  std::string dir_;
+  zerva_test::TempDir dir_;
   std::string path_;
 };
 

@@ -49,33 +49,32 @@ class BackendFailureTest : public ::testing::TestWithParam<FailureCase> {
  protected:
   void SetUp() override {
     std::string error;
-    ASSERT_TRUE(agent_.start(SimAgent::Options(), &error)) << error;
+    ASSERT_TRUE(agent_.start(SmallArray(), &error)) << error;
     table_ = MibTable(GetParam().table);
     ASSERT_NE(nullptr, table_);
-    switch_ = Mib().objects.front().oid;
-    switch_.push_back(0);
+    switch_ = SwitchOid();
   }
 
   // Walks the table: its instances, the exit code and the client's output.
   std::map<Oid, Value> walk(int* rc, std::string* raw) {
     std::vector<std::string> problems;
-    return InstancesUnder(agent_.walk(table_->oid, "snmpwalk", "", rc, raw), table_->oid, &problems);
+    return InstancesUnder(Walk(agent_, table_->oid, "snmpwalk", "", rc, raw), table_->oid, &problems);
   }
 
   void setSwitch(int value) {
     int rc = -1;
     const std::string out =
-        agent_.tool("snmpset", kWriteCommunity, OidText(switch_) + " u " + std::to_string(value), &rc);
+        Tool(agent_, "snmpset", kWriteCommunity, OidText(switch_) + " u " + std::to_string(value), &rc);
     ASSERT_EQ(0, rc) << out;
   }
 
-  SimAgent agent_;
+  AgentUnderTest agent_;
   const zerva_agent::MibObject* table_ = nullptr;
   Oid switch_;
 };
 
 TEST_P(BackendFailureTest, RefusedCommandIsAnErrorNotAnEmptyTable) {
-  const TableTruth truth = agent_.truth(*table_);
+  const TableTruth truth = Truth(agent_, *table_);
   ASSERT_FALSE(truth.instances.empty());
   int rc = -1;
   std::string raw;
@@ -99,7 +98,7 @@ TEST_P(BackendFailureTest, RefusedCommandIsAnErrorNotAnEmptyTable) {
 
   // A GET of a cell that exists gets the same error.
   const Oid cell = std::next(truth.instances.begin(), static_cast<long>(truth.instances.size() / 2))->first;
-  const std::string get = agent_.tool("snmpget", kReadCommunity, OidText(cell), &rc);
+  const std::string get = Tool(agent_, "snmpget", kReadCommunity, OidText(cell), &rc);
   EXPECT_NE(0, rc) << get;
   EXPECT_NE(std::string::npos, get.find("genError")) << get;
   EXPECT_TRUE(ParseWalk(get).lines.empty()) << get;

@@ -33,11 +33,11 @@ class TableGroundTruthTest : public ::testing::TestWithParam<const char*> {};
 
 // The instances of the table in a walk by `program` equal the ground truth:
 // same row indexes, every column's value and type as the MIB says.
-void ExpectTableEqualsTruth(const SimAgent& agent, const TableTruth& truth, const std::string& program,
+void ExpectTableEqualsTruth(const AgentUnderTest& agent, const TableTruth& truth, const std::string& program,
                             const std::string& options) {
   int rc = -1;
   std::string raw;
-  const ParsedWalk walk = agent.walk(truth.prefix, program, options, &rc, &raw);
+  const ParsedWalk walk = Walk(agent, truth.prefix, program, options, &rc, &raw);
   EXPECT_EQ(0, rc) << program << ":\n" << raw;
   std::vector<std::string> problems;
   const std::map<Oid, Value> served = InstancesUnder(walk, truth.prefix, &problems);
@@ -46,9 +46,7 @@ void ExpectTableEqualsTruth(const SimAgent& agent, const TableTruth& truth, cons
 
   // The row indexes, read from the index column.
   std::set<Oid> indexes;
-  Oid indexColumn = truth.prefix;
-  indexColumn.push_back(1);
-  indexColumn.push_back(truth.object->indexColumn);
+  const Oid indexColumn = zerva_test::ColumnOid(truth.prefix, truth.object->indexColumn);
   for (const auto& s : served) {
     if (Under(s.first, indexColumn)) indexes.insert(Oid(s.first.begin() + indexColumn.size(), s.first.end()));
     // Text cells carry no terminating NUL.
@@ -61,13 +59,13 @@ void ExpectTableEqualsTruth(const SimAgent& agent, const TableTruth& truth, cons
 }
 
 TEST_P(TableGroundTruthTest, RowsAndValuesEqualTheSimulatorsGroundTruth) {
-  SimAgent agent;
+  AgentUnderTest agent;
   std::string error;
-  ASSERT_TRUE(agent.start(SimAgent::Options(), &error)) << error;
+  ASSERT_TRUE(agent.start(SmallArray(), &error)) << error;
   const zerva_agent::MibObject* table = MibTable(GetParam());
   ASSERT_NE(nullptr, table);
   bool served = false;
-  const TableTruth truth = agent.truth(*table, &served);
+  const TableTruth truth = Truth(agent, *table, &served);
   ASSERT_TRUE(served);
   ASSERT_FALSE(truth.rowIndexes.empty());
 
@@ -84,15 +82,15 @@ class AgentTruthTest : public ::testing::Test {
  protected:
   void SetUp() override {
     std::string error;
-    ASSERT_TRUE(agent_.start(SimAgent::Options(), &error)) << error;
+    ASSERT_TRUE(agent_.start(SmallArray(), &error)) << error;
   }
   // The ground truth of every table, in OID order.
   std::vector<TableTruth> allTables() const {
     std::vector<TableTruth> out;
-    for (const zerva_agent::MibObject* t : MibTables()) out.push_back(agent_.truth(*t));
+    for (const zerva_agent::MibObject* t : MibTables()) out.push_back(Truth(agent_, *t));
     return out;
   }
-  SimAgent agent_;
+  AgentUnderTest agent_;
 };
 
 TEST_F(AgentTruthTest, SwitchScalarIsTheArraysSwitchReadLive) {
@@ -104,13 +102,13 @@ TEST_F(AgentTruthTest, SwitchScalarIsTheArraysSwitchReadLive) {
 
   // A walk of the scalar's subtree: exactly its one instance.
   std::vector<std::string> problems;
-  const std::map<Oid, Value> walked = InstancesUnder(agent_.walk(scalar.oid), scalar.oid, &problems);
+  const std::map<Oid, Value> walked = InstancesUnder(Walk(agent_, scalar.oid), scalar.oid, &problems);
   const std::map<Oid, Value> expected = {{instance, {"Gauge32", std::to_string(agent_.array().switchState())}}};
   EXPECT_EQ("", Diff(expected, walked));
 
   // The array switches collection off by itself: the next GET says so.
   agent_.array().setSwitch(false);
-  const ParsedWalk off = ParseWalk(agent_.tool("snmpget", kReadCommunity, OidText(instance)));
+  const ParsedWalk off = ParseWalk(Tool(agent_, "snmpget", kReadCommunity, OidText(instance)));
   ASSERT_EQ(1u, off.lines.size());
   EXPECT_EQ((Value{"Gauge32", std::to_string(agent_.array().switchState())}), off.lines[0].value);
   EXPECT_EQ("0", off.lines[0].value.value);
@@ -119,7 +117,7 @@ TEST_F(AgentTruthTest, SwitchScalarIsTheArraysSwitchReadLive) {
 TEST_F(AgentTruthTest, GetNextOfEachTableObjectGivesItsFirstInstance) {
   for (const TableTruth& t : allTables()) {
     ASSERT_FALSE(t.instances.empty()) << t.object->name;
-    const ParsedWalk next = ParseWalk(agent_.tool("snmpgetnext", kReadCommunity, OidText(t.prefix)));
+    const ParsedWalk next = ParseWalk(Tool(agent_, "snmpgetnext", kReadCommunity, OidText(t.prefix)));
     ASSERT_EQ(1u, next.lines.size()) << t.object->name;
     EXPECT_EQ(OidText(t.first()), OidText(next.lines[0].oid)) << t.object->name;
     EXPECT_EQ(t.instances.begin()->second, next.lines[0].value) << t.object->name;
@@ -129,10 +127,9 @@ TEST_F(AgentTruthTest, GetNextOfEachTableObjectGivesItsFirstInstance) {
 TEST_F(AgentTruthTest, GetNextFromTheLastInstanceOfATableGivesTheNextTable) {
   const std::vector<TableTruth> tables = allTables();
   // From the switch instance to the first table.
-  Oid from = Mib().objects.front().oid;
-  from.push_back(0);
+  Oid from = SwitchOid();
   for (const TableTruth& t : tables) {
-    const ParsedWalk next = ParseWalk(agent_.tool("snmpgetnext", kReadCommunity, OidText(from)));
+    const ParsedWalk next = ParseWalk(Tool(agent_, "snmpgetnext", kReadCommunity, OidText(from)));
     ASSERT_EQ(1u, next.lines.size()) << "after " << OidText(from);
     EXPECT_EQ(OidText(t.first()), OidText(next.lines[0].oid)) << "after " << OidText(from);
     EXPECT_EQ(t.instances.begin()->second, next.lines[0].value) << t.object->name;
@@ -140,7 +137,7 @@ TEST_F(AgentTruthTest, GetNextFromTheLastInstanceOfATableGivesTheNextTable) {
   }
   // After the last table: nothing more in the view.
   int rc = -1;
-  const std::string end = agent_.tool("snmpgetnext", kReadCommunity, OidText(from), &rc);
+  const std::string end = Tool(agent_, "snmpgetnext", kReadCommunity, OidText(from), &rc);
   const ParsedWalk last = ParseWalk(end);
   EXPECT_TRUE(last.lines.empty()) << end;
   EXPECT_NE(std::string::npos, end.find("No more variables left in this MIB View")) << end;
@@ -195,11 +192,7 @@ TEST_F(AgentTruthTest, SnmptableWithTheMibShowsNamedColumnsAndTheGroundTruthRows
     for (size_t r = 0; r < t.rowIndexes.size(); ++r) {
       std::vector<std::string> expected;
       for (const zerva_agent::MibColumn& c : t.object->columns) {
-        Oid instance = t.prefix;
-        instance.push_back(1);
-        instance.push_back(c.number);
-        instance.insert(instance.end(), t.rowIndexes[r].begin(), t.rowIndexes[r].end());
-        const auto v = t.instances.find(instance);
+        const auto v = t.instances.find(zerva_test::InstanceOid(t.prefix, c.number, t.rowIndexes[r]));
         expected.push_back(v == t.instances.end() ? "?" : TableText(v->second));
       }
       EXPECT_EQ(expected, SplitCells(lines[2 + r])) << name << " row " << r;

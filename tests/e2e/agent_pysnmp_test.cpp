@@ -37,8 +37,8 @@ TEST(SecondClientTest, PysnmpWalkEqualsSnmpwalk) {
     GTEST_SKIP() << "pysnmp cannot be imported by " << python << " (Debian package python3-pysnmp4): " << probe;
   }
 
-  SimAgent agent;
-  SimAgent::Options options;
+  AgentUnderTest agent;
+  AgentUnderTest::Options options = SmallArray();
   options.luns = 6;  // every table, a walk of a few hundred instances
   options.fileSystems = 11;
   std::string error;
@@ -46,7 +46,7 @@ TEST(SecondClientTest, PysnmpWalkEqualsSnmpwalk) {
 
   // The ground truth's size: neither walk may be short or empty.
   size_t expected = 1;  // the switch
-  for (const zerva_agent::MibObject* t : MibTables()) expected += agent.truth(*t).instances.size();
+  for (const zerva_agent::MibObject* t : MibTables()) expected += Truth(agent, *t).instances.size();
 
   // stderr (warnings, errors) apart from the lines compared.
   const std::string errFile = agent.dir().path() + "/pysnmp.err";
@@ -58,7 +58,7 @@ TEST(SecondClientTest, PysnmpWalkEqualsSnmpwalk) {
   const std::vector<std::string> pyLines = Lines(py);
 
   std::string raw;
-  const ParsedWalk walk = agent.walk(ParseOid(zerva_test::kSubtree), "snmpwalk", "", &rc, &raw);
+  const ParsedWalk walk = Walk(agent, ParseOid(zerva_test::kSubtree), "snmpwalk", "", &rc, &raw);
   ASSERT_EQ(0, rc) << raw;
   const std::vector<std::string> netSnmp = Normalized(walk);
 

@@ -13,20 +13,12 @@
 namespace zerva_e2e {
 namespace {
 
-Oid SwitchInstance() {
-  Oid oid = Mib().objects.front().oid;
-  oid.push_back(0);
-  return oid;
-}
-
 // The row indexes of a table in a GETBULK walk of it.
-std::set<Oid> BulkRows(const SimAgent& agent, const zerva_agent::MibObject& table, int* rc, std::string* raw) {
-  const ParsedWalk walk = agent.walk(table.oid, "snmpbulkwalk", "-Cr30", rc, raw);
+std::set<Oid> BulkRows(const AgentUnderTest& agent, const zerva_agent::MibObject& table, int* rc, std::string* raw) {
+  const ParsedWalk walk = Walk(agent, table.oid, "snmpbulkwalk", "-Cr30", rc, raw);
   std::vector<std::string> problems;
   std::set<Oid> rows;
-  Oid indexColumn = table.oid;
-  indexColumn.push_back(1);
-  indexColumn.push_back(table.indexColumn);
+  const Oid indexColumn = zerva_test::ColumnOid(table.oid, table.indexColumn);
   for (const auto& s : InstancesUnder(walk, table.oid, &problems)) {
     if (Under(s.first, indexColumn)) rows.insert(Oid(s.first.begin() + indexColumn.size(), s.first.end()));
   }
@@ -34,20 +26,20 @@ std::set<Oid> BulkRows(const SimAgent& agent, const zerva_agent::MibObject& tabl
 }
 
 TEST(SwitchTest, SwitchedOffEveryTableIsEmptyAndOnAgainEveryTableHasItsRows) {
-  SimAgent agent;
+  AgentUnderTest agent;
   std::string error;
-  ASSERT_TRUE(agent.start(SimAgent::Options(), &error)) << error;
+  ASSERT_TRUE(agent.start(SmallArray(), &error)) << error;
   const unsigned long long setSwitch = agent.array().codes().setSwitch;
 
   int rc = -1;
-  std::string out = agent.tool("snmpset", kWriteCommunity, OidText(SwitchInstance()) + " u 0", &rc);
+  std::string out = Tool(agent, "snmpset", kWriteCommunity, OidText(SwitchOid()) + " u 0", &rc);
   ASSERT_EQ(0, rc) << out;
   EXPECT_EQ(0u, agent.array().switchState()) << "the write did not reach the array";
-  EXPECT_EQ(1u, agent.count(setSwitch));
+  EXPECT_EQ(1u, agent.requests(setSwitch));
 
   for (const zerva_agent::MibObject* table : MibTables()) {
     std::string raw;
-    const ParsedWalk walk = agent.walk(table->oid, "snmpbulkwalk", "-Cr30", &rc, &raw);
+    const ParsedWalk walk = Walk(agent, table->oid, "snmpbulkwalk", "-Cr30", &rc, &raw);
     EXPECT_EQ(0, rc) << table->name << ":\n" << raw;
     std::vector<std::string> problems;
     EXPECT_TRUE(InstancesUnder(walk, table->oid, &problems).empty()) << table->name << " switched off:\n" << raw;
@@ -56,11 +48,11 @@ TEST(SwitchTest, SwitchedOffEveryTableIsEmptyAndOnAgainEveryTableHasItsRows) {
     EXPECT_EQ(std::string::npos, raw.find("Timeout")) << raw;
   }
 
-  out = agent.tool("snmpset", kWriteCommunity, OidText(SwitchInstance()) + " u 1", &rc);
+  out = Tool(agent, "snmpset", kWriteCommunity, OidText(SwitchOid()) + " u 1", &rc);
   ASSERT_EQ(0, rc) << out;
   EXPECT_EQ(1u, agent.array().switchState());
   for (const zerva_agent::MibObject* table : MibTables()) {
-    const TableTruth truth = agent.truth(*table);
+    const TableTruth truth = Truth(agent, *table);
     ASSERT_FALSE(truth.rowIndexes.empty()) << table->name;
     std::string raw;
     const std::set<Oid> rows = BulkRows(agent, *table, &rc, &raw);
@@ -75,8 +67,8 @@ class FeatureCombinationTest : public ::testing::TestWithParam<int> {};
 
 TEST_P(FeatureCombinationTest, OptionalTablesFollowTheArraysFeatures) {
   const int mask = GetParam();
-  SimAgent agent;
-  SimAgent::Options options;
+  AgentUnderTest agent;
+  AgentUnderTest::Options options = SmallArray();
   options.features = mask;
   options.luns = 3;  // the LUN and file-system tables are only counted here
   options.fileSystems = 2;
@@ -85,7 +77,7 @@ TEST_P(FeatureCombinationTest, OptionalTablesFollowTheArraysFeatures) {
 
   int rc = -1;
   std::string raw;
-  const ParsedWalk walk = agent.walk(ParseOid(zerva_test::kSubtree), "snmpbulkwalk", "-Cr50", &rc, &raw);
+  const ParsedWalk walk = Walk(agent, ParseOid(zerva_test::kSubtree), "snmpbulkwalk", "-Cr50", &rc, &raw);
   ASSERT_EQ(0, rc) << raw;
 
   const bool nfs = (mask & 1) != 0, smb = (mask & 2) != 0, fs = (mask & 4) != 0;
@@ -98,7 +90,7 @@ TEST_P(FeatureCombinationTest, OptionalTablesFollowTheArraysFeatures) {
     if (name == "vemPerfFsTable") expectServed = fs;
 
     bool truthServed = false;
-    const TableTruth truth = agent.truth(*table, &truthServed);
+    const TableTruth truth = Truth(agent, *table, &truthServed);
     ASSERT_EQ(expectServed, truthServed) << name;
     std::vector<std::string> problems;
     const std::map<Oid, Value> served = InstancesUnder(walk, table->oid, &problems);

@@ -13,16 +13,29 @@
 #include <vector>
 
 #include "host/agent/mib_description.h"
-#include "sim/sim_server.h"
 #include "sim/array_simulator.h"
+#include "tests/process/agent_under_test.h"
+#include "tests/process/ground_truth.h"
 #include "tests/process/process_harness.h"
+#include "tests/process/served_mib.h"
 
 namespace zerva_e2e {
 
+using zerva_test::AgentUnderTest;
+using zerva_test::Diff;
+using zerva_test::GroundTruth;
+using zerva_test::Hex;
+using zerva_test::Mib;
+using zerva_test::MibTable;
+using zerva_test::MibTables;
 using zerva_test::Oid;
 using zerva_test::OidText;
 using zerva_test::ParseOid;
+using zerva_test::SwitchOid;
+using zerva_test::TableTruth;
 using zerva_test::Under;
+using zerva_test::Value;
+using zerva_test::ValueText;
 
 // The model time every test freezes the simulator's clock at (an hour
 // after its start, so that every rate has complete sample periods).
@@ -34,42 +47,6 @@ const uint64_t kFrozenMs = zerva_sim::ArraySimulator::kClockStartMs + 3600000ULL
 // several pages, file-system IDs of one, two and three digits (their text
 // index orders by length first).
 extern const char kSmallTopology[];
-
-// One value as both sides are compared: the SNMP type as snmpwalk names it
-// (INTEGER, Gauge32, Counter32, Counter64, Timeticks; OCTETS for strings)
-// and the value (decimal; strings as lower-case hex, two digits a byte).
-struct Value {
-  std::string type;
-  std::string value;
-  bool operator==(const Value& o) const { return type == o.type && value == o.value; }
-  bool operator!=(const Value& o) const { return !(*this == o); }
-};
-std::string ValueText(const Value& v);  // "Gauge32: 5"
-
-// What the agent must serve for one table: instance OID -> value.
-struct TableTruth {
-  const zerva_agent::MibObject* object = nullptr;  // from the MIB description
-  Oid prefix;
-  std::vector<Oid> rowIndexes;  // in OID order
-  std::map<Oid, Value> instances;
-  // The first and last instance of a walk of the table (column by column).
-  Oid first() const;
-  Oid last() const;
-};
-
-// The MIB description the agent serves (mibs/VEM-PERFORMANCE.xml of the
-// source tree); fails the calling test when it does not load.
-const zerva_agent::MibDescription& Mib();
-// The table of the description with this name, or null.
-const zerva_agent::MibObject* MibTable(const std::string& name);
-// Every table of the description, in OID order.
-std::vector<const zerva_agent::MibObject*> MibTables();
-
-// The ground truth of one table at the simulator's current (frozen) time.
-// Tables whose feature the array lacks are not served: `served` false.
-// `error` is set when the simulator refuses an object it listed.
-TableTruth GroundTruth(const zerva_sim::ArraySimulator& sim, const zerva_agent::MibObject& table, bool* served,
-                       std::string* error);
 
 // One parsed line of snmpwalk/snmpbulkwalk/snmpget output (-On -Ox).
 struct WalkLine {
@@ -84,49 +61,22 @@ ParsedWalk ParseWalk(const std::string& output);
 // The instances of a walk under `prefix`, as a map; duplicates and
 // out-of-order OIDs are reported in *problems.
 std::map<Oid, Value> InstancesUnder(const ParsedWalk& walk, const Oid& prefix, std::vector<std::string>* problems);
-// "" when the two agree, else up to a few lines naming the differences.
-std::string Diff(const std::map<Oid, Value>& expected, const std::map<Oid, Value>& actual);
 
-// The simulator in this process and the agent program as a child.
-class SimAgent {
- public:
-  struct Options {
-    long features = 7;        // bit 0: 48 NFS, bit 1: 49 SMB, bit 2: 602 file systems
-    long luns = -1;           // override of the topology's LUNs (IDs 0..n-1)
-    long fileSystems = -1;    // override of the topology's file systems (IDs 1..n)
-    std::string extraConfig;  // more agent configuration lines
-  };
-  SimAgent() = default;
-  ~SimAgent();
-  SimAgent(const SimAgent&) = delete;
-  SimAgent& operator=(const SimAgent&) = delete;
+// The array of the tests: kSmallTopology in this process, its clock frozen
+// at kFrozenMs, every feature; the agent reuses no rows (snapshots off), so
+// every answer is read from the array at that moment.
+AgentUnderTest::Options SmallArray();
 
-  // Starts the simulator (kSmallTopology, clock frozen at kFrozenMs) and the
-  // agent; true once the agent answers a v2c GET of the switch.
-  bool start(const Options& options, std::string* error);
-
-  zerva_sim::ArraySimulator& array() { return sim_->array(); }
-  const zerva_test::Snmp& snmp() const { return *snmp_; }
-  const zerva_test::TempDir& dir() const { return dir_; }
-  std::string log() const;
-
-  // Runs an SNMP client program (-On -Ox -Ot, 2 s timeout, one retry).
-  std::string tool(const std::string& program, const std::string& auth, const std::string& args,
-                   int* rc = nullptr) const;
-  // snmpwalk (or another walker) of one subtree with the v2c read community.
-  ParsedWalk walk(const Oid& root, const std::string& program = "snmpwalk", const std::string& options = "",
-                  int* rc = nullptr, std::string* raw = nullptr) const;
-  // The ground truth of a table at this moment.
-  TableTruth truth(const zerva_agent::MibObject& table, bool* served = nullptr) const;
-  // Requests the simulator received with this record identifier.
-  uint64_t count(unsigned long long command) const;
-
- private:
-  zerva_test::TempDir dir_;  // declared first: removed last
-  std::unique_ptr<zerva_sim::ArraySimServer> sim_;
-  std::unique_ptr<zerva_test::Process> agent_;
-  std::unique_ptr<zerva_test::Snmp> snmp_;
-};
+// Runs an SNMP client program on the agent (-On -Ox -Ot, 2 s timeout, one
+// retry).
+std::string Tool(const AgentUnderTest& agent, const std::string& program, const std::string& auth,
+                 const std::string& args, int* rc = nullptr);
+// snmpwalk (or another walker) of one subtree with the v2c read community.
+ParsedWalk Walk(const AgentUnderTest& agent, const Oid& root, const std::string& program = "snmpwalk",
+                const std::string& options = "", int* rc = nullptr, std::string* raw = nullptr);
+// The ground truth of a table at this moment; fails the calling test when
+// the simulator refuses an object it listed.
+TableTruth Truth(const AgentUnderTest& agent, const zerva_agent::MibObject& table, bool* served = nullptr);
 
 // The agent's credentials: communities and the SNMPv3 user of the tests.
 extern const char kReadCommunity[];   // "-v2c -c public"

@@ -43,13 +43,13 @@ class AgentFaultTest : public ::testing::Test {
   void SetUp() override {
     ASSERT_TRUE(checker_.loaded()) << checker_.error();
     std::string error;
-    ASSERT_TRUE(rig_.start("", &error)) << error;
+    ASSERT_TRUE(rig_.start(TestArray(), &error)) << error;
     client_.reset(new SnmpClient(rig_.port(), "public"));
     const WalkResult w = Walk(*client_, checker_, kMaxRepetitions, Clock::now() + std::chrono::seconds(20), 2000);
     ASSERT_TRUE(w.complete) << "the walk before the fault is not complete";
     ASSERT_TRUE(w.problems.empty()) << w.problems.front();
     baseline_ = w.varbinds;
-    ASSERT_EQ("", CheckAgainstGroundTruth(baseline_, rig_.sim(), checker_));
+    ASSERT_EQ("", CheckAgainstGroundTruth(baseline_, rig_.array()));
     // A few hundred LUNs: the walk takes many bulk requests.
     ASSERT_GT(w.requests, 80u);
   }
@@ -74,7 +74,7 @@ class AgentFaultTest : public ::testing::Test {
     uint64_t requestsBefore = 0;
     auto hook = [&](size_t n) {
       if (injected || n != 5) return;
-      if (countBackEndRequests) requestsBefore = TotalRequests(rig_.sim());
+      if (countBackEndRequests) requestsBefore = TotalRequests(rig_.simulator());
       inject();
       injected = true;
       injectedAt = Clock::now();
@@ -99,7 +99,7 @@ class AgentFaultTest : public ::testing::Test {
       if (injected && Clock::now() - injectedAt >= kFaultTime) break;
     }
     ASSERT_TRUE(injected);
-    const uint64_t requestsDuring = countBackEndRequests ? TotalRequests(rig_.sim()) - requestsBefore : 0;
+    const uint64_t requestsDuring = countBackEndRequests ? TotalRequests(rig_.simulator()) - requestsBefore : 0;
     heal();
     std::this_thread::sleep_for(kRecoveryPause);
 
@@ -111,7 +111,7 @@ class AgentFaultTest : public ::testing::Test {
     if (countBackEndRequests) {
       EXPECT_GT(requestsDuring, 0u) << "the back end was not asked during the fault";
     }
-    EXPECT_TRUE(rig_.agent().running()) << rig_.log();
+    EXPECT_TRUE(rig_.process().running()) << rig_.log();
 
     const WalkResult after = Walk(*client_, checker_, kMaxRepetitions, Clock::now() + std::chrono::seconds(20), 2000);
     EXPECT_TRUE(after.complete) << "the walk after the fault ends early: " << after.requests << " requests, "
@@ -120,10 +120,10 @@ class AgentFaultTest : public ::testing::Test {
     EXPECT_LT(after.maxMs, kAnswerMs);
     EXPECT_TRUE(after.problems.empty()) << after.problems.front();
     EXPECT_EQ("", CompareWalks(baseline_, after.varbinds));
-    EXPECT_EQ("", CheckAgainstGroundTruth(after.varbinds, rig_.sim(), checker_));
+    EXPECT_EQ("", CheckAgainstGroundTruth(after.varbinds, rig_.array()));
     // Stopped, it exits cleanly (in the sanitizer build: no leak, no error
     // on the failure paths it went through).
-    EXPECT_EQ(0, rig_.stopAgent()) << rig_.log();
+    EXPECT_EQ(0, rig_.stop()) << rig_.log();
     RecordProperty("requests", static_cast<int>(requests));
     RecordProperty("slowest_ms", static_cast<int>(maxMs));
     printf("%zu walks, %zu requests, %zu error answers during the fault; slowest answer %.0f ms\n", walks, requests,
@@ -134,21 +134,21 @@ class AgentFaultTest : public ::testing::Test {
   void RunFault(const std::string& rule) {
     zerva_sim::FaultRule fault;
     std::string error;
-    ASSERT_TRUE(rig_.sim().array().parseFault(rule, &fault, &error)) << error;
-    RunScenario([&] { rig_.sim().array().addFault(fault); }, [&] { rig_.sim().array().clearFaults(); }, true);
+    ASSERT_TRUE(rig_.array().parseFault(rule, &fault, &error)) << error;
+    RunScenario([&] { rig_.array().addFault(fault); }, [&] { rig_.array().clearFaults(); }, true);
   }
 
   AnswerChecker checker_;
-  SimAgent rig_;
+  AgentUnderTest rig_;
   std::unique_ptr<SnmpClient> client_;
   std::vector<VarBind> baseline_;
 };
 
 TEST_F(AgentFaultTest, BackEndStoppedAndRestartedDuringBulkWalk) {
-  RunScenario([&] { rig_.stopSim(); },
+  RunScenario([&] { rig_.stopSimulator(); },
               [&] {
                 std::string error;
-                ASSERT_TRUE(rig_.startSim(&error)) << error;
+                ASSERT_TRUE(rig_.restartSimulator(&error)) << error;
               },
               false);
 }

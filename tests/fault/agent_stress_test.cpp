@@ -57,9 +57,9 @@ TEST(AgentStressTest, ConcurrentWalkersAndSwitchWritesGetOnlyCorrectAnswers) {
   const int seconds = StressSeconds();
   AnswerChecker checker;
   ASSERT_TRUE(checker.loaded()) << checker.error();
-  SimAgent rig;
+  AgentUnderTest rig;
   std::string error;
-  ASSERT_TRUE(rig.start("", &error)) << error;
+  ASSERT_TRUE(rig.start(TestArray(), &error)) << error;
 
   // The healthy walk: every value any later answer may carry.
   std::vector<VarBind> baseline;
@@ -68,7 +68,7 @@ TEST(AgentStressTest, ConcurrentWalkersAndSwitchWritesGetOnlyCorrectAnswers) {
     const WalkResult w = Walk(client, checker, 50, Clock::now() + std::chrono::seconds(20), 2000);
     ASSERT_TRUE(w.complete);
     baseline = w.varbinds;
-    ASSERT_EQ("", CheckAgainstGroundTruth(baseline, rig.sim(), checker));
+    ASSERT_EQ("", CheckAgainstGroundTruth(baseline, rig.array()));
   }
   std::map<Oid, VarBind> expected;
   for (const VarBind& vb : baseline) expected[vb.name] = vb;
@@ -154,7 +154,7 @@ TEST(AgentStressTest, ConcurrentWalkersAndSwitchWritesGetOnlyCorrectAnswers) {
   EXPECT_TRUE(writer.problems.empty()) << writer.problems.front();
   EXPECT_GE(writes, static_cast<size_t>(seconds));  // about five a second
   EXPECT_LT(maxMs, kAnswerMs);
-  EXPECT_TRUE(rig.agent().running()) << rig.log();
+  EXPECT_TRUE(rig.process().running()) << rig.log();
   printf(
       "%d s: %zu walk requests, %zu complete walks (%zu with every row), %zu error answers, %zu writes, "
       "slowest answer %.0f ms\n",
@@ -177,7 +177,7 @@ TEST(AgentStressTest, ConcurrentWalkersAndSwitchWritesGetOnlyCorrectAnswers) {
   EXPECT_TRUE(on.complete);
   EXPECT_EQ("", CompareWalks(baseline, on.varbinds));
 
-  EXPECT_EQ(0, rig.stopAgent()) << rig.log();
+  EXPECT_EQ(0, rig.stop()) << rig.log();
 }
 
 }  // namespace

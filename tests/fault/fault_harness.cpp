@@ -7,15 +7,14 @@
 #include <algorithm>
 #include <cstdio>
 #include <mutex>
-#include <set>
 #include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
 
 #include "host/agent/snmp_value.h"
-#include "sim/array_simulator.h"
-#include "sim/topology.h"
+#include "tests/process/ground_truth.h"
+#include "tests/process/served_mib.h"
 
 // Net-SNMP's headers define short macros: they come last.
 // clang-format off
@@ -26,9 +25,6 @@
 namespace zerva_fault {
 
 // ---------------------------------------------------------------- OIDs
-
-Oid Subtree() { return ParseOid(zerva_test::kSubtree); }
-Oid SwitchOid() { return ParseOid(zerva_test::kSwitch); }
 
 std::string VarBind::text() const {
   std::ostringstream s;
@@ -52,7 +48,8 @@ std::mutex& LibraryMutex() {
   return mu;
 }
 
-std::string g_stateDir;
+// The client library's state directory (it saves nothing there).
+std::unique_ptr<zerva_test::TempDir> g_stateDir;
 bool g_initialised = false;
 
 }  // namespace
@@ -61,14 +58,13 @@ void InitSnmpClientLibrary() {
   static std::once_flag once;
   std::call_once(once, [] {
     std::lock_guard<std::mutex> lock(LibraryMutex());
-    char dir[] = "/tmp/zerva-fault-client.XXXXXX";
-    if (mkdtemp(dir) != nullptr) g_stateDir = dir;
+    g_stateDir.reset(new zerva_test::TempDir);
     setenv("MIBS", "", 1);
     netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_READ_CONFIGS, 1);
     netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DISABLE_PERSISTENT_LOAD, 1);
     netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DISABLE_PERSISTENT_SAVE, 1);
-    if (!g_stateDir.empty()) {
-      netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_PERSISTENT_DIR, g_stateDir.c_str());
+    if (!g_stateDir->path().empty()) {
+      netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_PERSISTENT_DIR, g_stateDir->path().c_str());
     }
     snmp_disable_log();
     init_snmp("zerva-fault-test");
@@ -81,7 +77,7 @@ void ShutdownSnmpClientLibrary() {
   if (!g_initialised) return;
   snmp_shutdown("zerva-fault-test");
   g_initialised = false;
-  if (!g_stateDir.empty()) zerva_test::RunShell("rm -rf '" + g_stateDir + "'");
+  g_stateDir.reset();
 }
 
 namespace {
@@ -239,9 +235,7 @@ Answer SnmpClient::send(int command, const Oid& name, int maxRepetitions, const 
 
 // ---------------------------------------------------------------- checks
 
-AnswerChecker::AnswerChecker() {
-  if (!zerva_agent::LoadMibDescription(ZERVA_MIB_XML, mib_, &error_) && error_.empty()) error_ = "cannot load";
-}
+AnswerChecker::AnswerChecker() : mib_(zerva_test::ServedMib(&error_)) {}
 
 std::string AnswerChecker::checkVarBind(const VarBind& vb) const {
   const Oid subtree = Subtree();
@@ -375,166 +369,55 @@ std::string CompareWalks(const std::vector<VarBind>& expected, const std::vector
 
 // ---------------------------------------------------------------- agent
 
-zerva_sim::SimOptions TestArrayOptions(const std::string& socketPath) {
-  zerva_sim::SimOptions o;
+AgentUnderTest::Options TestArray() {
+  AgentUnderTest::Options o;
   o.luns = 300;
   o.fileSystems = 24;
   o.features = 7;
   o.switchOn = 1;
-  o.seed = 7;
-  o.listen = "unix:" + socketPath;
-  o.deviceConfig = ZERVA_DEVICE_CONFIG;
+  o.frozenMs = kFrozenMs;
   return o;
 }
-
-SimAgent::SimAgent() {}
-
-SimAgent::~SimAgent() {
-  agent_.reset();  // the agent first: it would only see its back end vanish
-  stopSim();
-}
-
-bool SimAgent::startSim(std::string* error) {
-  std::string why;
-  sim_.reset(new zerva_sim::ArraySimServer(TestArrayOptions(socketPath())));
-  if (!sim_->start(&why)) {
-    if (error != nullptr) *error = "simulator: " + why;
-    return false;
-  }
-  sim_->array().freezeClock(kFrozenMs);
-  return true;
-}
-
-void SimAgent::stopSim() {
-  if (sim_) sim_->stop();
-}
-
-bool SimAgent::start(const std::string& extraConf, std::string* error) {
-  if (!startSim(error)) return false;
-  port_ = zerva_test::FreeUdpPort();
-  const std::string conf = dir_.file("agent.conf",
-                                     "rocommunity public 127.0.0.1\n"
-                                     "rwcommunity private 127.0.0.1\n"
-                                     "zervaBackend unix:" +
-                                         socketPath() + "\n" + extraConf);
-  agent_.reset(new zerva_test::Process({ZERVA_AGENT_PROGRAM, "-f", "-L", "-c", conf, "--state-dir", dir_.path(),
-                                        "--listen", "udp:127.0.0.1:" + std::to_string(port_)},
-                                       dir_.path() + "/agent.log"));
-  zerva_test::Snmp snmp(dir_.path(), port_);
-  if (!snmp.ready()) {
-    if (error != nullptr) *error = "the agent does not answer: " + log();
-    return false;
-  }
-  return true;
-}
-
-std::string SimAgent::log() const { return zerva_test::ReadFile(dir_.path() + "/agent.log"); }
-
-int SimAgent::stopAgent() { return agent_ ? agent_->stop() : -1; }
 
 // ---------------------------------------------------------------- ground truth
 
 namespace {
 
-const zerva_agent::MibObject* FindTable(const AnswerChecker& checker, const std::string& name) {
-  for (const zerva_agent::MibObject& o : checker.mib().objects) {
-    if (o.name == name) return &o;
+// A varbind's value as the ground truth holds values.
+zerva_test::Value AsValue(const VarBind& vb) {
+  switch (vb.type) {
+    case ASN_INTEGER:
+      return {"INTEGER", std::to_string(static_cast<int64_t>(vb.number))};
+    case ASN_GAUGE:
+      return {"Gauge32", std::to_string(vb.number)};
+    case ASN_COUNTER:
+      return {"Counter32", std::to_string(vb.number)};
+    case ASN_COUNTER64:
+      return {"Counter64", std::to_string(vb.number)};
+    case ASN_TIMETICKS:
+      return {"Timeticks", std::to_string(vb.number)};
+    case ASN_OCTET_STR:
+      return {"OCTETS", zerva_test::Hex(vb.bytes)};
+    default:
+      return {"type " + std::to_string(vb.type), ""};
   }
-  return nullptr;
-}
-
-// The rows (index -> column -> varbind) of one table in a walk.
-std::map<Oid, std::map<unsigned long, VarBind>> Rows(const std::vector<VarBind>& walk,
-                                                     const zerva_agent::MibObject& t) {
-  const Oid entry = [&] {
-    Oid e(t.oid.begin(), t.oid.end());
-    e.push_back(1);
-    return e;
-  }();
-  std::map<Oid, std::map<unsigned long, VarBind>> rows;
-  for (const VarBind& vb : walk) {
-    if (!Under(vb.name, entry) || vb.name.size() < entry.size() + 2) continue;
-    const Oid index(vb.name.begin() + static_cast<long>(entry.size()) + 1, vb.name.end());
-    rows[index][vb.name[entry.size()]] = vb;
-  }
-  return rows;
-}
-
-Oid StringIndex(const std::string& text) {
-  Oid out{text.size()};
-  for (unsigned char c : text) out.push_back(c);
-  return out;
-}
-
-unsigned int NodeNumber(const std::string& controller) {
-  const unsigned int engine = static_cast<unsigned int>(std::stoul(controller.substr(0, controller.size() - 1)));
-  return engine * 4 + static_cast<unsigned int>(controller.back() - 'A');
 }
 
 }  // namespace
 
-std::string CheckAgainstGroundTruth(const std::vector<VarBind>& walk, zerva_sim::ArraySimServer& sim,
-                                    const AnswerChecker& checker) {
-  const zerva_sim::Topology& topology = sim.array().topology();
-  const zerva_agent::MibObject* lun = FindTable(checker, "vemPerfLunTable");
-  const zerva_agent::MibObject* node = FindTable(checker, "vemPerfNodeTable");
-  const zerva_agent::MibObject* fs = FindTable(checker, "vemPerfFsTable");
-  if (lun == nullptr || node == nullptr || fs == nullptr) return "the MIB description lacks a table";
-
-  // LUNs: every topology LUN, every column, the model's values.
-  const auto luns = Rows(walk, *lun);
-  if (luns.size() != topology.luns.size()) {
-    return std::to_string(luns.size()) + " LUN rows, the array has " + std::to_string(topology.luns.size());
-  }
-  const std::vector<uint32_t> items = {303, 22, 25, 28, 21, 23, 26, 5, 307, 370, 371, 384, 385};
-  for (uint32_t id : topology.luns) {
-    auto row = luns.find(Oid{id});
-    if (row == luns.end()) return "LUN " + std::to_string(id) + " is missing";
-    std::vector<uint32_t> v;
-    if (sim.array().statistics(zerva_sim::kObjLun, std::to_string(id), items, &v) != 0 || v.size() != items.size()) {
-      return "the model has no statistics for LUN " + std::to_string(id);
+std::string CheckAgainstGroundTruth(const std::vector<VarBind>& walk, const zerva_sim::ArraySimulator& array) {
+  std::map<Oid, zerva_test::Value> served;
+  for (const VarBind& vb : walk) served.emplace(vb.name, AsValue(vb));
+  for (const zerva_agent::MibObject* table : zerva_test::MibTables()) {
+    std::string error;
+    const zerva_test::TableTruth truth = zerva_test::GroundTruth(array, *table, nullptr, &error);
+    if (!error.empty()) return error;
+    std::map<Oid, zerva_test::Value> instances;
+    for (auto i = served.lower_bound(truth.prefix); i != served.end() && Under(i->first, truth.prefix); ++i) {
+      instances.insert(*i);
     }
-    const auto percent = [](uint64_t a, uint64_t b) { return b == 0 ? 0 : a * 100 / b; };
-    std::map<unsigned long, uint64_t> expected = {{1, id},
-                                                  {2, v[0]},
-                                                  {3, v[1]},
-                                                  {4, v[2]},
-                                                  {5, v[3]},
-                                                  {6, v[4]},
-                                                  {7, v[5]},
-                                                  {8, v[6]},
-                                                  {9, percent(v[2], v[1])},
-                                                  {10, percent(v[3], v[1])},
-                                                  {11, v[7]},
-                                                  {12, v[8]},
-                                                  {13, v[9]},
-                                                  {14, v[10]},
-                                                  {15, v[11]},
-                                                  {16, v[12]}};
-    if (row->second.size() != expected.size()) {
-      return "LUN " + std::to_string(id) + " has " + std::to_string(row->second.size()) + " columns";
-    }
-    for (const auto& e : expected) {
-      auto cell = row->second.find(e.first);
-      if (cell == row->second.end()) return "LUN " + std::to_string(id) + " lacks column " + std::to_string(e.first);
-      if (cell->second.number != e.second) {
-        return cell->second.text() + ": the model gives " + std::to_string(e.second);
-      }
-    }
-  }
-
-  // Controllers and file systems: one row each.
-  std::set<Oid> nodes;
-  for (const std::string& c : topology.controllers) nodes.insert(Oid{NodeNumber(c)});
-  std::set<Oid> nodeRows;
-  for (const auto& r : Rows(walk, *node)) nodeRows.insert(r.first);
-  if (nodes != nodeRows) return "node rows differ from the array's controllers";
-  std::set<Oid> fileSystems;
-  for (uint32_t id : topology.fileSystems) fileSystems.insert(StringIndex(std::to_string(id)));
-  std::set<Oid> fsRows;
-  for (const auto& r : Rows(walk, *fs)) fsRows.insert(r.first);
-  if (fileSystems != fsRows) {
-    return std::to_string(fsRows.size()) + " file-system rows, the array has " + std::to_string(fileSystems.size());
+    const std::string diff = zerva_test::Diff(truth.instances, instances);
+    if (!diff.empty()) return table->name + ": " + diff;
   }
   return "";
 }

@@ -14,15 +14,19 @@
 #include <vector>
 
 #include "host/agent/mib_description.h"
-#include "sim/sim_server.h"
+#include "sim/array_simulator.h"
+#include "tests/process/agent_under_test.h"
 #include "tests/process/process_harness.h"
 
 namespace zerva_fault {
 
 typedef std::chrono::steady_clock Clock;
+using zerva_test::AgentUnderTest;
 using zerva_test::Oid;
 using zerva_test::OidText;
 using zerva_test::ParseOid;
+using zerva_test::Subtree;
+using zerva_test::SwitchOid;
 using zerva_test::Under;
 
 // SNMP exception values (RFC 3416) as varbind types.
@@ -106,8 +110,8 @@ class AnswerChecker {
   std::string checkWalkAnswer(const Answer& answer, const Oid& name, int maxRepetitions) const;
 
  private:
-  zerva_agent::MibDescription mib_;
-  std::string error_;
+  std::string error_;  // declared first: set while mib_ is bound
+  const zerva_agent::MibDescription& mib_;
 };
 
 struct WalkResult {
@@ -134,57 +138,18 @@ std::vector<VarBind> Under(const std::vector<VarBind>& walk, const Oid& root);
 // difference.
 std::string CompareWalks(const std::vector<VarBind>& expected, const std::vector<VarBind>& actual);
 
-// The simulated array of the tests: a few hundred LUNs, every feature, its
+// The simulated array of the tests, inside this process: the simulator's
+// built-in array with a few hundred LUNs, every feature, collection on, its
 // model clock frozen so that every value it serves is known in advance.
-zerva_sim::SimOptions TestArrayOptions(const std::string& socketPath);
+AgentUnderTest::Options TestArray();
 // The model time the tests freeze the clock at.
 const uint64_t kFrozenMs = 1000000000ULL + 3600000ULL;
 
-// The simulator on a Unix socket in a temporary directory, inside this
-// process, and the agent program with `zervaBackend unix:...` on a free
-// loopback UDP port.
-class SimAgent {
- public:
-  SimAgent();
-  ~SimAgent();
-  SimAgent(const SimAgent&) = delete;
-  SimAgent& operator=(const SimAgent&) = delete;
-
-  // Starts the simulator (clock frozen) and the agent with these extra
-  // configuration lines; true once the agent answers.
-  bool start(const std::string& extraConf = "", std::string* error = nullptr);
-  // Stops the simulator: its socket disappears, connections are cut.
-  void stopSim();
-  // Starts a new simulator on the same socket path (clock frozen).
-  bool startSim(std::string* error);
-
-  zerva_sim::ArraySimServer& sim() { return *sim_; }
-  zerva_test::Process& agent() { return *agent_; }
-  const zerva_test::TempDir& dir() const { return dir_; }
-  int port() const { return port_; }
-  std::string socketPath() const { return dir_.path() + "/backend.sock"; }
-  std::string log() const;
-  // Stops the agent (SIGTERM) and returns its exit status.
-  int stopAgent();
-
- private:
-  zerva_test::TempDir dir_;
-  std::unique_ptr<zerva_sim::ArraySimServer> sim_;
-  std::unique_ptr<zerva_test::Process> agent_;
-  int port_ = 0;
-};
-
-// Checks a complete walk against the simulator's ground truth: the LUN
-// table has exactly the topology's LUNs with the values the model gives
-// for them, the node and file-system tables one row per controller and file
-// system. "" when it agrees, else the first disagreement.
-std::string CheckAgainstGroundTruth(const std::vector<VarBind>& walk, zerva_sim::ArraySimServer& sim,
-                                    const AnswerChecker& checker);
-
-// The whole served subtree, as an OID.
-Oid Subtree();
-// The collection switch instance.
-Oid SwitchOid();
+// Checks a complete walk against the simulated array's ground truth: every
+// table of the MIB description has exactly the instances, types and values
+// the model gives at this moment. "" when it agrees, else the first table
+// that does not, with its differences.
+std::string CheckAgainstGroundTruth(const std::vector<VarBind>& walk, const zerva_sim::ArraySimulator& array);
 
 }  // namespace zerva_fault
 

@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -40,19 +39,27 @@ bool Under(const Oid& oid, const Oid& prefix) {
   return oid.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), oid.begin());
 }
 
-TempDir::TempDir() {
-  char dir[] = "/tmp/zerva-process-test.XXXXXX";
-  path_ = mkdtemp(dir) != nullptr ? dir : "";
+Oid Subtree() { return ParseOid(kSubtree); }
+
+Oid SwitchOid() { return ParseOid(kSwitch); }
+
+Oid StringIndex(const std::string& text) {
+  Oid out{text.size()};
+  for (unsigned char c : text) out.push_back(c);
+  return out;
 }
 
-TempDir::~TempDir() {
-  if (!path_.empty()) RunShell("rm -rf '" + path_ + "'");
+Oid ColumnOid(const Oid& table, unsigned long column) {
+  Oid out = table;
+  out.push_back(1);
+  out.push_back(column);
+  return out;
 }
 
-std::string TempDir::file(const std::string& name, const std::string& text) const {
-  const std::string p = path_ + "/" + name;
-  std::ofstream(p) << text;
-  return p;
+Oid InstanceOid(const Oid& table, unsigned long column, const Oid& index) {
+  Oid out = ColumnOid(table, column);
+  out.insert(out.end(), index.begin(), index.end());
+  return out;
 }
 
 int FreeUdpPort() {

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/temp_dir.h"
+
 namespace zerva_test {
 
 // The subtree the module serves, and its one scalar (the collection switch).
@@ -20,21 +22,15 @@ Oid ParseOid(const std::string& dotted);  // ".1.3.6" or "1.3.6"
 std::string OidText(const Oid& oid);      // ".1.3.6"
 // True when oid is prefix or lies under it.
 bool Under(const Oid& oid, const Oid& prefix);
-
-// A private temporary directory, removed with its files.
-class TempDir {
- public:
-  TempDir();
-  ~TempDir();
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  const std::string& path() const { return path_; }
-  // Writes `text` to the file `name` in the directory; returns its path.
-  std::string file(const std::string& name, const std::string& text) const;
-
- private:
-  std::string path_;
-};
+// kSubtree and kSwitch as OIDs.
+Oid Subtree();
+Oid SwitchOid();
+// The index of a row whose index is a text: its length, then its bytes.
+Oid StringIndex(const std::string& text);
+// A column of a table (table OID, entry 1, column), and one of its
+// instances (the column and the row's index).
+Oid ColumnOid(const Oid& table, unsigned long column);
+Oid InstanceOid(const Oid& table, unsigned long column, const Oid& index);
 
 // A UDP port on 127.0.0.1 that was free a moment ago.
 int FreeUdpPort();

@@ -32,6 +32,7 @@
 #include "snmpcommon/snmp_socket_transport.h"
 #include "tests/protocol/protocol_examples.h"
 #include "tests/support/fake_backend.h"
+#include "tests/support/temp_dir.h"
 #include "tlv/vem_message_package.h"
 #include "vempub/vem_xml_config.h"
 
@@ -225,10 +226,8 @@ TEST(BackendProtocolDocTest, TransportDefaultsTableMatchesTheHost) {
 class OneShotBackend {
  public:
   explicit OneShotBackend(Bytes answer) : answer_(std::move(answer)) {
-    char dir[] = "/tmp/zerva-proto-XXXXXX";
-    if (mkdtemp(dir) == nullptr) return;
-    dir_ = dir;
-    path_ = dir_ + "/backend.sock";
+    if (dir_.path().empty()) return;
+    path_ = dir_.path() + "/backend.sock";
     listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     struct sockaddr_un sun = {};
     sun.sun_family = AF_UNIX;
@@ -243,7 +242,6 @@ class OneShotBackend {
     if (thread_.joinable()) thread_.join();
     if (listener_ >= 0) close(listener_);
     if (!path_.empty()) unlink(path_.c_str());
-    if (!dir_.empty()) rmdir(dir_.c_str());
   }
   bool listening() const { return thread_.joinable(); }
   std::string address() const { return "unix:" + path_; }
@@ -268,7 +266,7 @@ class OneShotBackend {
 
   Bytes answer_;
   Bytes received_;
-  std::string dir_;
+  zerva_test::TempDir dir_;
   std::string path_;
   int listener_ = -1;
   std::thread thread_;

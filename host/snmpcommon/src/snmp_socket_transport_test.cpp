@@ -25,6 +25,7 @@
 #include "snmpcommon/snmp_backend_capability.h"
 #include "tests/support/fake_backend.h"
 #include "tests/support/kit_log_capture.h"
+#include "tests/support/temp_dir.h"
 #include "tlv/coding.h"
 #include "vempub/vem_xml_config.h"
 
@@ -215,16 +216,8 @@ class TestServer {
 
 class SocketTransportTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char dir[] = "/tmp/snmp-transport-test-XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    dir_ = dir;
-  }
-  void TearDown() override {
-    unlink(socketPath().c_str());
-    rmdir(dir_.c_str());
-  }
-  std::string socketPath() const { return dir_ + "/backend.sock"; }
+  void SetUp() override { ASSERT_FALSE(dir_.path().empty()); }
+  std::string socketPath() const { return dir_.path() + "/backend.sock"; }
 
   // Options for a transport to this address with generous timeouts, so that
   // only the tests about timeouts ever meet one.
@@ -258,7 +251,7 @@ class SocketTransportTest : public ::testing::Test {
     return out;
   }
 
-  std::string dir_;
+  zerva_test::TempDir dir_;
 };
 
 bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }

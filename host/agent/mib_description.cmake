@@ -5,7 +5,7 @@ add_library(zerva_mib_description STATIC ${CMAKE_CURRENT_LIST_DIR}/mib_descripti
 set_target_properties(zerva_mib_description PROPERTIES POSITION_INDEPENDENT_CODE ON)
 # Included as "host/agent/mib_description.h", as the other shared headers are.
 target_include_directories(zerva_mib_description PUBLIC ${CMAKE_SOURCE_DIR})
-target_link_libraries(zerva_mib_description PRIVATE PkgConfig::PUGIXML)
+target_link_libraries(zerva_mib_description PUBLIC vempub PRIVATE PkgConfig::PUGIXML)
 
 if(ZERVA_BUILD_TESTS)
   # The loader's own checks, and the shipped description against the

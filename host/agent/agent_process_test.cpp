@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tests/process/process_harness.h"
+#include "zerva_version.h"
 
 namespace {
 
@@ -167,6 +168,29 @@ TEST(AgentProcessConfigTest, UnknownOptionPrintsUsage) {
   const std::string out = RunShell(std::string(ZERVA_AGENT_PROGRAM) + " --bogus", &rc);
   EXPECT_EQ(2, rc);
   EXPECT_NE(std::string::npos, out.find("usage:")) << out;
+}
+
+TEST(AgentProcessConfigTest, UnknownOptionIsNamedOnStderr) {
+  int rc = 0;
+  const std::string err = RunShell("{ " + std::string(ZERVA_AGENT_PROGRAM) + " --bogus 2>&1 >/dev/null; }", &rc);
+  EXPECT_EQ(2, rc);
+  EXPECT_EQ(0u, err.find("zerva-snmp-agent: unknown option '--bogus'\n")) << err;
+  EXPECT_NE(std::string::npos, err.find("usage:")) << err;
+}
+
+TEST(AgentProcessConfigTest, HelpPrintsTheUsageOnStdout) {
+  int rc = 0;
+  const std::string out = RunShell("{ " + std::string(ZERVA_AGENT_PROGRAM) + " --help 2>/dev/null; }", &rc);
+  EXPECT_EQ(0, rc);
+  EXPECT_EQ(0u, out.find("usage: ")) << out;
+  EXPECT_NE(std::string::npos, out.find("zervaBackend")) << out;
+}
+
+TEST(AgentProcessConfigTest, VersionPrintsTheProjectVersionOnStdout) {
+  int rc = 0;
+  const std::string out = RunShell("{ " + std::string(ZERVA_AGENT_PROGRAM) + " --version 2>/dev/null; }", &rc);
+  EXPECT_EQ(0, rc);
+  EXPECT_EQ(std::string("zerva-snmp-agent ") + ZERVA_VERSION + "\n", out);
 }
 
 TEST(AgentProcessConfigTest, MissingModuleIsAClearError) {

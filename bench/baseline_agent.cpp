@@ -6,14 +6,20 @@
 //
 //   baseline_agent --mib mibs/VEM-PERFORMANCE.xml [--listen udp:127.0.0.1:1162]
 //                  [--luns N] [--ports N] [--controllers N] [--filesystems N]
+//   baseline_agent --help | --version
 //
+// A bad command line prints the error and the usage on stderr and exits 2.
 // Community "public", read-only, from 127.0.0.1. Runs until SIGINT/SIGTERM.
 #include <net-snmp/net-snmp-config.h>
 #include <net-snmp/net-snmp-includes.h>
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
+#include <getopt.h>
+
 #include <algorithm>
+#include <climits>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -23,6 +29,8 @@
 #include <vector>
 
 #include "host/agent/mib_description.h"
+#include "vempub/vem_decimal.h"
+#include "zerva_version.h"
 
 // The view-based access control tables; the agent library defines it but
 // its headers do not declare it.
@@ -185,35 +193,132 @@ int Handle(netsnmp_mib_handler* handler, netsnmp_handler_registration* reg, nets
   return SNMP_ERR_NOERROR;
 }
 
+std::string Usage() {
+  return "usage: baseline_agent --mib FILE [--listen ADDRS] [--luns N] [--ports N] [--controllers N]\n"
+         "                      [--filesystems N]\n"
+         "  --mib FILE          the MIB description whose objects are served (VEM-PERFORMANCE.xml)\n"
+         "  --listen ADDRS      listening addresses (default udp:127.0.0.1:1162)\n"
+         "  --luns N            rows of the LUN table (default 16384)\n"
+         "  --ports N           rows of the port table (default 256)\n"
+         "  --controllers N     rows of the node, cache and protocol tables (default 8)\n"
+         "  --filesystems N     rows of the file-system table (default 2048)\n"
+         "  --help              this text\n"
+         "  --version           the program's version\n";
+}
+
+struct BaselineOptions {
+  std::string mibPath;
+  std::string listen = "udp:127.0.0.1:1162";
+  // Row counts; keys are matched against the lower-case table name (vemPerfFsTable: "fstable").
+  std::map<std::string, long> counts = {{"lun", 16384}, {"port", 256}, {"fstable", 2048}, {"controller", 8}};
+  bool help = false;
+  bool version = false;
+};
+
+// Codes of the long options (beyond every char).
+enum Option { kOptMib = 256, kOptListen, kOptLuns, kOptPorts, kOptControllers, kOptFileSystems, kOptHelp, kOptVersion };
+
+const struct option kOptions[] = {
+    {"mib", required_argument, nullptr, kOptMib},
+    {"listen", required_argument, nullptr, kOptListen},
+    {"luns", required_argument, nullptr, kOptLuns},
+    {"ports", required_argument, nullptr, kOptPorts},
+    {"controllers", required_argument, nullptr, kOptControllers},
+    {"filesystems", required_argument, nullptr, kOptFileSystems},
+    {"help", no_argument, nullptr, kOptHelp},
+    {"version", no_argument, nullptr, kOptVersion},
+    {nullptr, 0, nullptr, 0},
+};
+
+// The option getopt_long has just refused, as written on the command line.
+std::string RefusedOption(char* const* argv) {
+  if (optopt >= kOptMib) {
+    for (const struct option* o = kOptions; o->name != nullptr; ++o) {
+      if (o->val == optopt) return std::string("--") + o->name;
+    }
+  }
+  if (optopt != 0) return std::string("-") + static_cast<char>(optopt);
+  const std::string arg = argv[optind - 1];
+  return arg.substr(0, arg.find('='));
+}
+
+// Parses argv with getopt_long. False with *error naming the bad option or value.
+bool ParseBaselineOptions(int argc, char** argv, BaselineOptions* out, std::string* error) {
+  optind = 0;  // a fresh parse (GNU)
+  opterr = 0;  // the errors are reported through *error
+  int c;
+  while ((c = getopt_long(argc, argv, ":", kOptions, nullptr)) != -1) {
+    const char* key = nullptr;
+    switch (c) {
+      case kOptMib:
+        out->mibPath = optarg;
+        break;
+      case kOptListen:
+        out->listen = optarg;
+        break;
+      case kOptLuns:
+        key = "lun";
+        break;
+      case kOptPorts:
+        key = "port";
+        break;
+      case kOptControllers:
+        key = "controller";
+        break;
+      case kOptFileSystems:
+        key = "fstable";
+        break;
+      case kOptHelp:
+        out->help = true;
+        break;
+      case kOptVersion:
+        out->version = true;
+        break;
+      case ':':
+        *error = RefusedOption(argv) + " needs a value";
+        return false;
+      default:
+        *error = optopt >= kOptMib ? RefusedOption(argv) + " takes no value"
+                                   : "unknown option '" + RefusedOption(argv) + "'";
+        return false;
+    }
+    if (key != nullptr) {
+      uint64_t rows = 0;
+      if (!ParseDecimal(optarg, LONG_MAX, &rows)) {
+        *error = std::string("--") + kOptions[c - kOptMib].name + ": '" + optarg + "' is not a number of rows";
+        return false;
+      }
+      out->counts[key] = static_cast<long>(rows);
+    }
+  }
+  if (optind < argc) {
+    *error = std::string("unexpected argument '") + argv[optind] + "'";
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string mibPath;
-  std::string listen = "udp:127.0.0.1:1162";
-  // Keys are matched against the lower-case table name (vemPerfFsTable: "fstable").
-  std::map<std::string, long> counts = {{"lun", 16384}, {"port", 256}, {"fstable", 2048}, {"controller", 8}};
-  for (int i = 1; i + 1 < argc; i += 2) {
-    std::string flag = argv[i];
-    const char* value = argv[i + 1];
-    if (flag == "--mib")
-      mibPath = value;
-    else if (flag == "--listen")
-      listen = value;
-    else if (flag == "--luns")
-      counts["lun"] = atol(value);
-    else if (flag == "--ports")
-      counts["port"] = atol(value);
-    else if (flag == "--controllers")
-      counts["controller"] = atol(value);
-    else if (flag == "--filesystems")
-      counts["fstable"] = atol(value);
-    else {
-      fprintf(stderr, "baseline_agent: unknown flag %s\n", flag.c_str());
-      return 2;
-    }
-  }
-  zerva_agent::MibDescription mib;
+  BaselineOptions options;
   std::string error;
+  if (!ParseBaselineOptions(argc, argv, &options, &error)) {
+    fprintf(stderr, "baseline_agent: %s\n%s", error.c_str(), Usage().c_str());
+    return 2;
+  }
+  if (options.help) {
+    fputs(Usage().c_str(), stdout);
+    return 0;
+  }
+  if (options.version) {
+    printf("baseline_agent %s\n", ZERVA_VERSION);
+    return 0;
+  }
+  const std::string& mibPath = options.mibPath;
+  const std::string& listen = options.listen;
+  const std::map<std::string, long>& counts = options.counts;
+  zerva_agent::MibDescription mib;
   if (mibPath.empty() || !zerva_agent::LoadMibDescription(mibPath, mib, &error)) {
     fprintf(stderr, "baseline_agent: %s\n", mibPath.empty() ? "--mib is required" : error.c_str());
     return 2;

@@ -14,8 +14,8 @@
 //      that names the token (unknown token) or quotes the value;
 //    - an accepted line is one of our tokens and changes exactly its own
 //      option, to the value written, inside the documented range;
-//    - a value is accepted exactly when it is a valid one (numbers: at most
-//      20 decimal digits within the range);
+//    - a value is accepted exactly when it is a valid one (numbers: decimal
+//      digits within the range, leading zeros read as the value);
 // 2. the same pairs go to the agent's own handlers (RegisterAgentTokens), as
 //    Net-SNMP calls them: the options and the error list ("token: reason")
 //    must be those of the first step;
@@ -48,6 +48,7 @@
 #include "host/agent/agent_options.h"
 #include "host/agent/netsnmp_bridge.h"
 #include "snmpcommon/snmp_backend_frame.h"
+#include "vempub/vem_decimal.h"
 
 // Net-SNMP last: its macros clash with the ACE headers the ones above pull in.
 // clang-format off
@@ -99,16 +100,11 @@ std::string Lower(const std::string& text) {
   return out;
 }
 
-// A decimal number of at most 20 digits within [lo, hi], worked out on the
-// digits themselves (no arithmetic that could overflow).
-bool ValidNumber(const std::string& v, unsigned long long lo, unsigned long long hi, unsigned long long* out) {
-  if (v.empty() || v.size() > 20 || v.find_first_not_of("0123456789") != std::string::npos) return false;
-  const size_t first = v.find_first_not_of('0');
-  const std::string digits = first == std::string::npos ? "0" : v.substr(first);
-  const std::string max = std::to_string(hi);
-  if (digits.size() > max.size() || (digits.size() == max.size() && digits > max)) return false;
-  const unsigned long long n = std::strtoull(digits.c_str(), nullptr, 10);
-  if (n < lo) return false;
+// A decimal number within [lo, hi], read with the rule every number field
+// follows (ParseDecimal: digits only, leading zeros read as the value).
+bool ValidNumber(const std::string& v, uint64_t lo, uint64_t hi, uint64_t* out) {
+  uint64_t n = 0;
+  if (!ParseDecimal(v, hi, &n) || n < lo) return false;
   *out = n;
   return true;
 }
@@ -116,7 +112,7 @@ bool ValidNumber(const std::string& v, unsigned long long lo, unsigned long long
 // What a line should do: whether the value is valid, and if so the options
 // it must leave (*expected starts as the options before the line).
 bool Expect(const std::string& token, const std::string& v, AgentOptions* expected) {
-  unsigned long long n = 0;
+  uint64_t n = 0;
   std::string* path = nullptr;
   if (token == "zervaModule") path = &expected->modulePath;
   if (token == "zervaMibDir") path = &expected->mibDir;
@@ -194,7 +190,7 @@ bool Expect(const std::string& token, const std::string& v, AgentOptions* expect
     return true;
   }
   if (token == "zervaSimSeed") {
-    if (!ValidNumber(v, 0, ~0ULL, &n)) return false;
+    if (!ValidNumber(v, 0, UINT64_MAX, &n)) return false;
     expected->simSeed = n;
     return true;
   }

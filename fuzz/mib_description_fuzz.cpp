@@ -31,6 +31,7 @@
 
 #include "fuzz/fuzz_check.h"
 #include "host/agent/mib_description.h"
+#include "vempub/vem_decimal.h"
 
 namespace {
 
@@ -212,9 +213,9 @@ void CheckError(const std::string& text, const std::string& error) {
     const size_t colon = rest.find(": ");
     FUZZ_CHECK(colon != std::string::npos && colon > 5);
     const std::string number = rest.substr(5, colon - 5);
-    FUZZ_CHECK(number.find_first_not_of("0123456789") == std::string::npos);
-    FUZZ_CHECK(number.size() <= 10);
-    const unsigned long long line = std::strtoull(number.c_str(), nullptr, 10);
+    uint64_t line = 0;
+    FUZZ_CHECK(ParseDecimal(number, UINT64_MAX, &line));
+    FUZZ_CHECK(number[0] != '0');  // written by std::to_string
     const size_t lines = 1 + static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
     FUZZ_CHECK(line >= 1 && line <= lines);
     rest = rest.substr(colon + 2);

@@ -11,7 +11,9 @@
 
 #include "sim/answer_writer.h"
 #include "tlv/coding.h"
+#include "snmpcommon/snmp_comm_util.h"
 #include "tlv/vem_message_package.h"
+#include "vempub/vem_decimal.h"
 #include "vempub/vem_xml_config.h"
 
 namespace zerva_sim {
@@ -39,14 +41,10 @@ bool ReadText(const CTLVRecordV3& record, uint16_t tag, std::string* out) {
   return true;
 }
 
-// A plain decimal number of at most 32 bits.
+// A decimal number of at most 32 bits (ParseDecimal's rule).
 bool ParseU32(const std::string& text, uint32_t* out) {
-  if (text.empty() || text.size() > 10) return false;
-  for (char c : text) {
-    if (c < '0' || c > '9') return false;
-  }
-  const unsigned long long v = strtoull(text.c_str(), nullptr, 10);
-  if (v > 0xFFFFFFFFULL) return false;
+  uint64_t v = 0;
+  if (!ParseDecimal(text, 0xFFFFFFFFULL, &v)) return false;
   *out = static_cast<uint32_t>(v);
   return true;
 }
@@ -62,9 +60,7 @@ int FeatureOf(uint32_t t) {
 }
 
 // Node number of a controller ID of the form the topology admits ("1B" -> 5).
-uint64_t NodeOf(const std::string& id) {
-  return strtoul(id.substr(0, id.size() - 1).c_str(), nullptr, 10) * 4 + static_cast<uint64_t>(id.back() - 'A');
-}
+uint64_t NodeOf(const std::string& id) { return CSnmpCommUtil::ParseCtrlNodeID(id); }
 
 std::string JoinNumbers(const std::vector<uint32_t>& values) {
   std::string text;
@@ -129,9 +125,8 @@ bool LoadCommandCodes(const std::string& path, CommandCodes* codes, std::string*
       CVEMXmlConfig::instance()->getDeviceItem("COMMAND", e.name, text);
     }
     if (text.empty()) continue;  // keeps the shipped default
-    char* end = nullptr;
-    const unsigned long long v = strtoull(text.c_str(), &end, 10);
-    if (*end != '\0' || text[0] == '-') {
+    uint64_t v = 0;
+    if (!ParseDecimal(text, UINT64_MAX, &v)) {
       *error = std::string("command ") + e.name + ": '" + text + "' is not a decimal code";
       return false;
     }

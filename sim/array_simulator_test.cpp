@@ -255,5 +255,27 @@ TEST(CommandCodesTest, ReadFromAGivenFileWithDefaultsForMissingItems) {
   EXPECT_FALSE(LoadCommandCodes("/nonexistent/device.xml", &c, &error));
 }
 
+TEST(CommandCodesTest, CodesAreDecimalWithLeadingZerosRead) {
+  char path[] = "/tmp/sim-codes-XXXXXX";
+  const int fd = mkstemp(path);
+  ASSERT_GE(fd, 0);
+  close(fd);
+  auto write = [&path](const std::string& value) {
+    std::ofstream(path) << "<device><section name=\"COMMAND\"><item key=\"GET_CUR_STATISTIC_DATA\" value=\"" << value
+                        << "\"/></section></device>";
+  };
+  CommandCodes c;
+  std::string error;
+  write("00042");
+  ASSERT_TRUE(LoadCommandCodes(path, &c, &error)) << error;
+  EXPECT_EQ(c.getStats, 42u);
+  for (const char* bad : {" 42", "+42", "42 ", "0x2A", "18446744073709551616"}) {
+    write(bad);
+    EXPECT_FALSE(LoadCommandCodes(path, &c, &error)) << bad;
+    EXPECT_NE(error.find("is not a decimal code"), std::string::npos) << bad << ": " << error;
+  }
+  unlink(path);
+}
+
 }  // namespace
 }  // namespace zerva_sim

@@ -1,8 +1,12 @@
 #include "sim/fault.h"
 
+#include <cctype>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
+
+#include "vempub/vem_decimal.h"
 
 namespace zerva_sim {
 
@@ -19,19 +23,24 @@ const KindName kKinds[] = {
     {FaultKind::kBadVersion, "bad-version"}, {FaultKind::kHugeLength, "huge-len"},
 };
 
-// Parses an unsigned number, decimal or 0x-hexadecimal, no greater than max.
+// Parses an unsigned number no greater than max: decimal (ParseDecimal's
+// rule) or 0x-hexadecimal (result codes and command codes are often written
+// so).
 bool ParseUnsigned(const std::string& text, unsigned long long max, unsigned long long* out) {
-  if (text.empty()) return false;
   const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
-  const std::string digits = hex ? text.substr(2) : text;
-  if (digits.empty() || digits.size() > (hex ? 16u : 20u)) return false;
-  for (char c : digits) {
-    const bool ok = hex ? isxdigit(static_cast<unsigned char>(c)) != 0 : (c >= '0' && c <= '9');
-    if (!ok) return false;
+  if (!hex) {
+    uint64_t v = 0;
+    if (!ParseDecimal(text, max, &v)) return false;
+    *out = v;
+    return true;
   }
-  errno = 0;
-  const unsigned long long v = strtoull(digits.c_str(), nullptr, hex ? 16 : 10);
-  if (errno != 0 || v > max) return false;
+  const std::string digits = text.substr(2);
+  if (digits.size() > 16) return false;
+  for (char c : digits) {
+    if (isxdigit(static_cast<unsigned char>(c)) == 0) return false;
+  }
+  const unsigned long long v = strtoull(digits.c_str(), nullptr, 16);
+  if (v > max) return false;
   *out = v;
   return true;
 }

@@ -1,5 +1,7 @@
 // zerva-array-sim: the array simulator as a program. Serves until SIGINT or
-// SIGTERM, then closes every connection and exits 0.
+// SIGTERM, then closes every connection and exits 0. A bad command line
+// prints the error and the usage on stderr and exits 2; --help and
+// --version print on stdout and exit 0.
 #include <signal.h>
 
 #include <cstdio>
@@ -8,6 +10,7 @@
 #include "sim/sim_server.h"
 #include "sim/array_simulator.h"
 #include "sim/sim_flags.h"
+#include "zerva_version.h"
 
 int main(int argc, char** argv) {
   zerva_sim::SimFlags flags;
@@ -18,6 +21,10 @@ int main(int argc, char** argv) {
   }
   if (flags.help) {
     fputs(zerva_sim::SimUsage(argv[0]).c_str(), stdout);
+    return 0;
+  }
+  if (flags.version) {
+    printf("zerva-array-sim %s\n", ZERVA_VERSION);
     return 0;
   }
   // Block the stop signals in every thread; the main thread waits for them.

@@ -2,6 +2,7 @@
 // (record 0x53494D0000000001) over the host's socket transport.
 //
 //   zerva-sim-ctl [--timeout MS] [--device-config FILE] ADDRESS ACTION [ARG]
+//   zerva-sim-ctl --help | --version
 //
 // ADDRESS is unix:PATH or tcp:HOST:PORT (as zerva-array-sim's --listen).
 // The answer is printed as plain text:
@@ -12,9 +13,11 @@
 //                   one line saying what was done
 // Exit status: 0 done; 1 no answer, an unexpected answer or a refusal;
 // 2 bad command line. Errors are one "zerva-sim-ctl: ..." line on stderr.
-#include <cerrno>
+#include <getopt.h>
+
 #include <chrono>
 #include <cinttypes>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -29,19 +32,24 @@
 #include "tlv/coding.h"
 #include "tlv/vem_message_package.h"
 #include "vempub/vem_debug_kit.h"
+#include "vempub/vem_decimal.h"
+#include "zerva_version.h"
 
 namespace {
 
 using zerva_sim::CommandCodes;
 
 const char kProgram[] = "zerva-sim-ctl";
-const unsigned long kDefaultTimeoutMs = 2000;
+const uint64_t kDefaultTimeoutMs = 2000;
 
 enum Exit { kOk = 0, kFailed = 1, kBadUsage = 2 };
 
 std::string Usage() {
   return std::string("usage: ") + kProgram +
          " [--timeout MS] [--device-config FILE] ADDRESS ACTION [ARG]\n"
+         "       " +
+         kProgram +
+         " --help | --version\n"
          "  ADDRESS                unix:PATH or tcp:HOST:PORT of a zerva-array-sim\n"
          "  ACTION                 counts        requests received, \"0xID NAME COUNT\" per command\n"
          "                         clock         the model time (ms)\n"
@@ -51,7 +59,9 @@ std::string Usage() {
          "                         freeze-clock MS  stop the model clock at MS\n"
          "                         run-clock     let the model clock run again\n"
          "  --timeout MS           connect and answer timeout (default 2000)\n"
-         "  --device-config FILE   device configuration naming the command codes (for counts)\n";
+         "  --device-config FILE   device configuration naming the command codes (for counts)\n"
+         "  -h, --help             this text\n"
+         "  --version              the program's version\n";
 }
 
 int Fail(int status, const std::string& text) {
@@ -64,16 +74,68 @@ int BadUsage(const std::string& text) {
   return kBadUsage;
 }
 
-// A plain decimal number (no sign, no spaces) up to max.
-bool ParseDecimal(const std::string& text, unsigned long long max, unsigned long long* out) {
-  if (text.empty() || text.size() > 20) return false;
-  for (char c : text) {
-    if (c < '0' || c > '9') return false;
+// Codes of the long options (beyond every char).
+enum Option { kOptTimeout = 256, kOptDeviceConfig, kOptHelp, kOptVersion };
+
+const struct option kOptions[] = {
+    {"timeout", required_argument, nullptr, kOptTimeout},
+    {"device-config", required_argument, nullptr, kOptDeviceConfig},
+    {"help", no_argument, nullptr, kOptHelp},
+    {"version", no_argument, nullptr, kOptVersion},
+    {nullptr, 0, nullptr, 0},
+};
+
+// The option getopt_long has just refused, as written on the command line.
+std::string RefusedOption(char* const* argv) {
+  if (optopt >= kOptTimeout) {
+    for (const struct option* o = kOptions; o->name != nullptr; ++o) {
+      if (o->val == optopt) return std::string("--") + o->name;
+    }
   }
-  errno = 0;
-  const unsigned long long v = strtoull(text.c_str(), nullptr, 10);
-  if (errno != 0 || v > max) return false;
-  *out = v;
+  if (optopt != 0) return std::string("-") + static_cast<char>(optopt);
+  const std::string arg = argv[optind - 1];
+  return arg.substr(0, arg.find('='));
+}
+
+// The command line: options, then ADDRESS ACTION [ARG].
+struct CtlCommandLine {
+  uint64_t timeoutMs = kDefaultTimeoutMs;
+  std::string deviceConfig;
+  std::vector<std::string> args;
+  bool help = false;
+  bool version = false;
+};
+
+// Parses argv with getopt_long. False with *error naming the bad option or value.
+bool ParseCtlCommandLine(int argc, char** argv, CtlCommandLine* out, std::string* error) {
+  optind = 0;  // a fresh parse (GNU)
+  opterr = 0;  // the errors are reported through *error
+  int c;
+  while ((c = getopt_long(argc, argv, ":h", kOptions, nullptr)) != -1) {
+    switch (c) {
+      case kOptTimeout:
+        if (!ParseDecimal(optarg, 3600000, &out->timeoutMs) || out->timeoutMs == 0) {
+          return *error = "--timeout: a number of milliseconds, 1 to 3600000", false;
+        }
+        break;
+      case kOptDeviceConfig:
+        out->deviceConfig = optarg;
+        break;
+      case 'h':
+      case kOptHelp:
+        out->help = true;
+        break;
+      case kOptVersion:
+        out->version = true;
+        break;
+      case ':':
+        return *error = RefusedOption(argv) + " needs a value", false;
+      default:
+        if (optopt >= kOptTimeout) return *error = RefusedOption(argv) + " takes no value", false;
+        return *error = "unknown option '" + RefusedOption(argv) + "'", false;
+    }
+  }
+  out->args.assign(argv + optind, argv + argc);
   return true;
 }
 
@@ -110,28 +172,18 @@ int main(int argc, char** argv) {
   // The transport's own log lines would repeat what the one error line says.
   CVEMDebugKitMgrSingleton::instance()->setLevel(VEM_LOG_OFF);
 
-  unsigned long long timeoutMs = kDefaultTimeoutMs;
-  std::string deviceConfig;
-  std::vector<std::string> args;
-  for (int i = 1; i < argc; ++i) {
-    const std::string a = argv[i];
-    if (a == "-h" || a == "--help") {
-      fputs(Usage().c_str(), stdout);
-      return kOk;
-    }
-    if (a == "--timeout" || a == "--device-config") {
-      if (i + 1 >= argc) return BadUsage(a + " needs a value");
-      const std::string value = argv[++i];
-      if (a == "--device-config") {
-        deviceConfig = value;
-      } else if (!ParseDecimal(value, 3600000, &timeoutMs) || timeoutMs == 0) {
-        return BadUsage("--timeout: a number of milliseconds, 1 to 3600000");
-      }
-      continue;
-    }
-    if (a.size() > 1 && a[0] == '-') return BadUsage("unknown option '" + a + "'");
-    args.push_back(a);
+  CtlCommandLine cmd;
+  std::string error;
+  if (!ParseCtlCommandLine(argc, argv, &cmd, &error)) return BadUsage(error);
+  if (cmd.help) {
+    fputs(Usage().c_str(), stdout);
+    return kOk;
   }
+  if (cmd.version) {
+    printf("%s %s\n", kProgram, ZERVA_VERSION);
+    return kOk;
+  }
+  const std::vector<std::string>& args = cmd.args;
   if (args.size() < 2) return BadUsage("an address and an action are needed");
 
   const std::string& addressText = args[0];
@@ -145,18 +197,17 @@ int main(int argc, char** argv) {
   }
 
   CSnmpSocketTransportOptions options;
-  std::string error;
   if (!CSnmpBackendAddress::parse(addressText, options.address, &error)) {
     return BadUsage("bad address '" + addressText + "': " + error);
   }
   CommandCodes codes;
-  if (!zerva_sim::LoadCommandCodes(deviceConfig, &codes, &error)) return Fail(kBadUsage, error);
+  if (!zerva_sim::LoadCommandCodes(cmd.deviceConfig, &codes, &error)) return Fail(kBadUsage, error);
   const auto names = zerva_sim::CommandNames(codes);
 
   // The control request: tag 0 the action, tag 1 its argument.
   std::unique_ptr<CTLVRecordV3> record(new CTLVRecordV3(zerva_sim::kSimControlCmd, CTLVRecordV3::DEFAULT_BUCKETS));
   record->append(tlv::NewStringCell(0, action));
-  unsigned long long frozenMs = 0;
+  uint64_t frozenMs = 0;
   if (action == "fault") {
     // Checked here first, for a precise message; the simulator checks again.
     zerva_sim::FaultRule rule;
@@ -179,9 +230,9 @@ int main(int argc, char** argv) {
   CTLVPackage req;
   req.push_back(record.release());
 
-  options.connectTimeout = std::chrono::milliseconds(timeoutMs);
-  options.callTimeout = std::chrono::milliseconds(timeoutMs);
-  options.listingTimeout = std::chrono::milliseconds(timeoutMs);
+  options.connectTimeout = std::chrono::milliseconds(cmd.timeoutMs);
+  options.callTimeout = std::chrono::milliseconds(cmd.timeoutMs);
+  options.listingTimeout = std::chrono::milliseconds(cmd.timeoutMs);
   CSnmpSocketTransport transport(options);
   CTLVPackage rsp;
   const int rc = transport.exchange(req, rsp, false);

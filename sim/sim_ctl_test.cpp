@@ -23,6 +23,7 @@
 #include "snmpcommon/snmp_configuration.h"
 #include "snmpcommon/snmp_socket_transport.h"
 #include "tests/process/process_harness.h"
+#include "zerva_version.h"
 
 namespace zerva_sim {
 namespace {
@@ -38,6 +39,13 @@ struct CtlRun {
 CtlRun Ctl(const std::string& args) {
   CtlRun r;
   r.output = zerva_test::RunShell(std::string("timeout 20 ") + SIM_CTL_PATH + " " + args, &r.rc);
+  return r;
+}
+
+// The same, keeping only what the tool writes on stdout.
+CtlRun CtlStdout(const std::string& args) {
+  CtlRun r;
+  r.output = zerva_test::RunShell(std::string("{ timeout 20 ") + SIM_CTL_PATH + " " + args + " 2>/dev/null; }", &r.rc);
   return r;
 }
 
@@ -156,6 +164,10 @@ TEST_F(SimCtlTest, BadCommandLinesExitTwoAndSendNothing) {
       {"udp:127.0.0.1:1 counts", "bad address 'udp:127.0.0.1:1'"},
       {"--timeout 0 " + address_ + " counts", "--timeout: a number of milliseconds"},
       {"--verbose " + address_ + " counts", "unknown option '--verbose'"},
+      {"-q " + address_ + " counts", "unknown option '-q'"},
+      {"--timeout=007x " + address_ + " counts", "--timeout: a number of milliseconds"},
+      {address_ + " counts --timeout", "--timeout needs a value"},
+      {"--version=1", "--version takes no value"},
   };
   for (const auto& c : cases) {
     const CtlRun r = Ctl(c.args);
@@ -175,10 +187,27 @@ TEST_F(SimCtlTest, UnreachableSimulatorExitsOneWithTheTransportReason) {
 }
 
 TEST_F(SimCtlTest, HelpPrintsTheUsageAndExitsZero) {
-  const CtlRun r = Ctl("--help");
+  for (const char* help : {"--help", "-h"}) {
+    const CtlRun r = CtlStdout(help);
+    EXPECT_EQ(r.rc, 0) << help;
+    EXPECT_EQ(r.output.rfind("usage: zerva-sim-ctl ", 0), 0u) << help << "\n" << r.output;
+    EXPECT_NE(r.output.find("freeze-clock MS"), std::string::npos) << help;
+    EXPECT_NE(r.output.find("--version"), std::string::npos) << help;
+  }
+}
+
+TEST_F(SimCtlTest, VersionPrintsTheProjectVersionAndExitsZero) {
+  const CtlRun r = CtlStdout("--version");
   EXPECT_EQ(r.rc, 0);
-  EXPECT_EQ(r.output.rfind("usage: zerva-sim-ctl ", 0), 0u) << r.output;
-  EXPECT_NE(r.output.find("freeze-clock MS"), std::string::npos);
+  EXPECT_EQ(r.output, std::string("zerva-sim-ctl ") + ZERVA_VERSION + "\n");
+  EXPECT_TRUE(server_->commandCounts().empty());
+}
+
+TEST_F(SimCtlTest, LeadingZerosInNumbersAreReadAsTheValue) {
+  CtlRun r = Ctl("--timeout 02000 " + address_ + " freeze-clock 000042");
+  EXPECT_EQ(r.rc, 0) << r.output;
+  EXPECT_EQ(r.output, "clock frozen at 42\n");
+  EXPECT_EQ(server_->array().nowMs(), 42u);
 }
 
 // A peer on a Unix socket that is not the simulator: it takes one request

@@ -1,22 +1,76 @@
 #include "sim/sim_flags.h"
 
+#include <getopt.h>
+
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <sstream>
+
+#include "vempub/vem_decimal.h"
 
 namespace zerva_sim {
 
 namespace {
 
 bool ParseCount(const std::string& text, long max, long* out) {
-  if (text.empty() || text.size() > 10) return false;
-  for (char c : text) {
-    if (c < '0' || c > '9') return false;
-  }
-  const long v = strtol(text.c_str(), nullptr, 10);
-  if (v > max) return false;
+  uint64_t v = 0;
+  if (!ParseDecimal(text, static_cast<uint64_t>(max), &v)) return false;
+  *out = static_cast<long>(v);
+  return true;
+}
+
+// A hexadecimal bitmask "0x..." no greater than max.
+bool ParseHexMask(const std::string& text, unsigned long max, unsigned long* out) {
+  if (text.size() < 3 || text[0] != '0' || (text[1] != 'x' && text[1] != 'X')) return false;
+  if (text.find_first_not_of("0123456789abcdefABCDEF", 2) != std::string::npos) return false;
+  errno = 0;
+  const unsigned long v = strtoul(text.c_str() + 2, nullptr, 16);
+  if (errno != 0 || v > max) return false;
   *out = v;
   return true;
+}
+
+// Codes of the long options (beyond every char).
+enum Flag {
+  kFlagListen = 256,
+  kFlagTopology,
+  kFlagLuns,
+  kFlagFileSystems,
+  kFlagFeatures,
+  kFlagSwitch,
+  kFlagSeed,
+  kFlagDeviceConfig,
+  kFlagFault,
+  kFlagHelp,
+  kFlagVersion,
+};
+
+const struct option kFlags[] = {
+    {"listen", required_argument, nullptr, kFlagListen},
+    {"topology", required_argument, nullptr, kFlagTopology},
+    {"luns", required_argument, nullptr, kFlagLuns},
+    {"filesystems", required_argument, nullptr, kFlagFileSystems},
+    {"features", required_argument, nullptr, kFlagFeatures},
+    {"switch", required_argument, nullptr, kFlagSwitch},
+    {"seed", required_argument, nullptr, kFlagSeed},
+    {"device-config", required_argument, nullptr, kFlagDeviceConfig},
+    {"fault", required_argument, nullptr, kFlagFault},
+    {"help", no_argument, nullptr, kFlagHelp},
+    {"version", no_argument, nullptr, kFlagVersion},
+    {nullptr, 0, nullptr, 0},
+};
+
+// The flag getopt_long has just refused, as written on the command line.
+std::string RefusedFlag(char* const* argv) {
+  if (optopt >= kFlagListen) {
+    for (const struct option* f = kFlags; f->name != nullptr; ++f) {
+      if (f->val == optopt) return std::string("--") + f->name;
+    }
+  }
+  if (optopt != 0) return std::string("-") + static_cast<char>(optopt);
+  const std::string arg = argv[optind - 1];
+  return arg.substr(0, arg.find('='));
 }
 
 }  // namespace
@@ -33,17 +87,19 @@ std::string SimUsage(const char* program) {
          "  --device-config FILE   device configuration with the command codes\n"
          "  --fault RULE           inject a fault (repeatable): KIND[=ARG][,cmd=CMD][,rate=P][,count=N]\n"
          "                         KIND: refuse=CODE delay=MS close garbage truncate bad-magic bad-version huge-len\n"
-         "  --help                 this text\n";
+         "  -h, --help             this text\n"
+         "  --version              the program's version\n";
 }
 
 bool ParseFeatures(const std::string& text, long* mask, std::string* error) {
   if (text == "none") return *mask = 0, true;
   if (text == "all") return *mask = 7, true;
   if (text.find(',') == std::string::npos && text != "48" && text != "49" && text != "602") {
-    char* end = nullptr;
-    errno = 0;
-    const unsigned long v = strtoul(text.c_str(), &end, 0);
-    if (text.empty() || *end != '\0' || errno != 0 || v > 7 || text[0] == '-') {
+    uint64_t v = 0;
+    unsigned long hex = 0;
+    if (ParseHexMask(text, 7, &hex)) {
+      v = hex;
+    } else if (!ParseDecimal(text, 7, &v)) {
       *error = "--features: '" + text + "' is neither a bitmask 0-7 nor a list of 48, 49, 602";
       return false;
     }
@@ -72,57 +128,61 @@ bool ParseFeatures(const std::string& text, long* mask, std::string* error) {
 
 bool ParseSimFlags(int argc, const char* const* argv, SimFlags* out, std::string* error) {
   SimFlags flags;
-  for (int i = 1; i < argc; ++i) {
-    std::string flag = argv[i];
-    std::string value;
-    bool inlineValue = false;
-    const size_t eq = flag.find('=');
-    if (flag.compare(0, 2, "--") == 0 && eq != std::string::npos) {
-      value = flag.substr(eq + 1);
-      flag = flag.substr(0, eq);
-      inlineValue = true;
-    }
-    if (flag == "--help" || flag == "-h") {
-      flags.help = true;
-      continue;
-    }
-    static const char* const kWithValue[] = {"--listen", "--topology", "--luns",          "--filesystems", "--features",
-                                             "--switch", "--seed",     "--device-config", "--fault"};
-    bool known = false;
-    for (const char* k : kWithValue) known = known || flag == k;
-    if (!known) return *error = "unknown flag '" + flag + "'", false;
-    if (!inlineValue) {
-      if (i + 1 >= argc) return *error = flag + " needs a value", false;
-      value = argv[++i];
-    }
-    SimOptions& o = flags.options;
-    if (flag == "--listen") {
-      o.listen = value;
-    } else if (flag == "--topology") {
-      o.topologyFile = value;
-    } else if (flag == "--luns") {
-      if (!ParseCount(value, 1L << 20, &o.luns)) return *error = "--luns: a number 0 to 1048576", false;
-    } else if (flag == "--filesystems") {
-      if (!ParseCount(value, 1L << 16, &o.fileSystems)) return *error = "--filesystems: a number 0 to 65536", false;
-    } else if (flag == "--features") {
-      if (!ParseFeatures(value, &o.features, error)) return false;
-    } else if (flag == "--switch") {
-      if (value != "on" && value != "off") return *error = "--switch: on or off", false;
-      o.switchOn = value == "on" ? 1 : 0;
-    } else if (flag == "--seed") {
-      char* end = nullptr;
-      errno = 0;
-      o.seed = strtoull(value.c_str(), &end, 0);
-      if (value.empty() || *end != '\0' || errno != 0 || value[0] == '-') {
-        return *error = "--seed: an unsigned number", false;
-      }
-    } else if (flag == "--device-config") {
-      o.deviceConfig = value;
-    } else {
-      flags.faults.push_back(value);
+  // getopt_long may reorder the pointers it is given: it gets a copy.
+  std::vector<char*> args;
+  for (int i = 0; i < argc; ++i) args.push_back(const_cast<char*>(argv[i]));
+  args.push_back(nullptr);
+  optind = 0;  // a fresh parse (GNU), so that this can be called again
+  opterr = 0;  // the errors are reported through *error
+  SimOptions& o = flags.options;
+  int c;
+  while ((c = getopt_long(argc, args.data(), ":h", kFlags, nullptr)) != -1) {
+    const std::string value = optarg != nullptr ? optarg : "";
+    switch (c) {
+      case kFlagListen:
+        o.listen = value;
+        break;
+      case kFlagTopology:
+        o.topologyFile = value;
+        break;
+      case kFlagLuns:
+        if (!ParseCount(value, 1L << 20, &o.luns)) return *error = "--luns: a number 0 to 1048576", false;
+        break;
+      case kFlagFileSystems:
+        if (!ParseCount(value, 1L << 16, &o.fileSystems)) return *error = "--filesystems: a number 0 to 65536", false;
+        break;
+      case kFlagFeatures:
+        if (!ParseFeatures(value, &o.features, error)) return false;
+        break;
+      case kFlagSwitch:
+        if (value != "on" && value != "off") return *error = "--switch: on or off", false;
+        o.switchOn = value == "on" ? 1 : 0;
+        break;
+      case kFlagSeed:
+        if (!ParseDecimal(value, UINT64_MAX, &o.seed)) return *error = "--seed: a decimal number 0 to 2^64-1", false;
+        break;
+      case kFlagDeviceConfig:
+        o.deviceConfig = value;
+        break;
+      case kFlagFault:
+        flags.faults.push_back(value);
+        break;
+      case 'h':
+      case kFlagHelp:
+        flags.help = true;
+        break;
+      case kFlagVersion:
+        flags.version = true;
+        break;
+      case ':':
+        return *error = RefusedFlag(args.data()) + " needs a value", false;
+      default:
+        if (optopt >= kFlagListen) return *error = RefusedFlag(args.data()) + " takes no value", false;
+        return *error = "unknown flag '" + RefusedFlag(args.data()) + "'", false;
     }
   }
-  if (!flags.help && flags.options.listen.empty()) return *error = "--listen is required", false;
+  if (optind < argc) return *error = "unexpected argument '" + std::string(args[optind]) + "'", false;
+  if (!flags.help && !flags.version && o.listen.empty()) return *error = "--listen is required", false;
   *out = flags;
   return true;
 }

@@ -44,11 +44,48 @@ TEST(SimFlagsTest, RefusesBadFlagsClearly) {
   EXPECT_FALSE(Parse({"--listen", "unix:/x", "--seed", "x"}, &f, &error));
 }
 
+TEST(SimFlagsTest, NumbersAreDecimalWithLeadingZerosRead) {
+  SimFlags f;
+  std::string error;
+  ASSERT_TRUE(Parse({"--listen=unix:/x", "--luns", "007", "--seed", "010", "--features", "05"}, &f, &error)) << error;
+  EXPECT_EQ(f.options.luns, 7);
+  EXPECT_EQ(f.options.seed, 10u);
+  EXPECT_EQ(f.options.features, 5);
+  ASSERT_TRUE(Parse({"--listen=unix:/x", "--seed", "18446744073709551615"}, &f, &error)) << error;
+  EXPECT_EQ(f.options.seed, 18446744073709551615u);
+  for (const char* seed : {"0x10", "+5", " 5", "18446744073709551616", ""}) {
+    EXPECT_FALSE(Parse({"--listen=unix:/x", "--seed", seed}, &f, &error)) << seed;
+    EXPECT_EQ(error.rfind("--seed: ", 0), 0u) << seed << ": " << error;
+  }
+  EXPECT_FALSE(Parse({"--listen=unix:/x", "--luns", "1048577"}, &f, &error));
+  EXPECT_FALSE(Parse({"--listen=unix:/x", "--luns", "+5"}, &f, &error));
+}
+
+TEST(SimFlagsTest, UnknownFlagsMissingValuesAndStrayArgumentsAreNamed) {
+  SimFlags f;
+  std::string error;
+  EXPECT_FALSE(Parse({"--listen", "unix:/x", "-q"}, &f, &error));
+  EXPECT_EQ(error, "unknown flag '-q'");
+  EXPECT_FALSE(Parse({"--listen", "unix:/x", "--bogus=1"}, &f, &error));
+  EXPECT_EQ(error, "unknown flag '--bogus'");
+  EXPECT_FALSE(Parse({"--listen", "unix:/x", "--seed"}, &f, &error));
+  EXPECT_EQ(error, "--seed needs a value");
+  EXPECT_FALSE(Parse({"--listen", "unix:/x", "--help=1"}, &f, &error));
+  EXPECT_EQ(error, "--help takes no value");
+  EXPECT_FALSE(Parse({"--listen", "unix:/x", "extra"}, &f, &error));
+  EXPECT_EQ(error, "unexpected argument 'extra'");
+}
+
 TEST(SimFlagsTest, FeaturesAcceptMaskListAndWords) {
   long m;
   std::string error;
   ASSERT_TRUE(ParseFeatures("0x3", &m, &error));
   EXPECT_EQ(m, 3);
+  ASSERT_TRUE(ParseFeatures("6", &m, &error));
+  EXPECT_EQ(m, 6);
+  for (const char* bad : {"8", "0x8", "+3", " 3", "0x", "-1", "3a"}) {
+    EXPECT_FALSE(ParseFeatures(bad, &m, &error)) << bad;
+  }
   ASSERT_TRUE(ParseFeatures("602", &m, &error));
   EXPECT_EQ(m, 4);
   ASSERT_TRUE(ParseFeatures("all", &m, &error));
@@ -59,11 +96,23 @@ TEST(SimFlagsTest, FeaturesAcceptMaskListAndWords) {
 }
 
 TEST(SimFlagsTest, HelpNeedsNoListen) {
+  for (const char* help : {"--help", "-h"}) {
+    SimFlags f;
+    std::string error;
+    ASSERT_TRUE(Parse({help}, &f, &error)) << help << ": " << error;
+    EXPECT_TRUE(f.help) << help;
+    EXPECT_FALSE(f.version) << help;
+  }
+  EXPECT_NE(SimUsage("p").find("--fault RULE"), std::string::npos);
+  EXPECT_NE(SimUsage("p").find("--version"), std::string::npos);
+}
+
+TEST(SimFlagsTest, VersionNeedsNoListen) {
   SimFlags f;
   std::string error;
-  ASSERT_TRUE(Parse({"--help"}, &f, &error));
-  EXPECT_TRUE(f.help);
-  EXPECT_NE(SimUsage("p").find("--fault RULE"), std::string::npos);
+  ASSERT_TRUE(Parse({"--version"}, &f, &error)) << error;
+  EXPECT_TRUE(f.version);
+  EXPECT_FALSE(f.help);
 }
 
 }  // namespace

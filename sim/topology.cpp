@@ -6,6 +6,9 @@
 #include <fstream>
 #include <sstream>
 
+#include "snmpcommon/snmp_comm_util.h"
+#include "vempub/vem_decimal.h"
+
 namespace zerva_sim {
 
 namespace {
@@ -20,26 +23,14 @@ std::vector<std::string> Words(const std::string& line) {
   return words;
 }
 
-// Parses a plain decimal number no greater than max.
-bool ParseNumber(const std::string& text, unsigned long max, unsigned long* out) {
-  if (text.empty() || text.size() > 10) return false;
-  for (char c : text) {
-    if (c < '0' || c > '9') return false;
-  }
-  const unsigned long v = strtoul(text.c_str(), nullptr, 10);
-  if (v > max) return false;
-  *out = v;
-  return true;
-}
-
 // Parses "a,b,c" of numbers no greater than max.
-bool ParseNumberList(const std::string& text, unsigned long max, std::vector<unsigned long>* out) {
+bool ParseNumberList(const std::string& text, uint64_t max, std::vector<uint64_t>* out) {
   std::istringstream in(text);
   std::string field;
   out->clear();
   while (std::getline(in, field, ',')) {
-    unsigned long v;
-    if (!ParseNumber(field, max, &v)) return false;
+    uint64_t v;
+    if (!ParseDecimal(field, max, &v)) return false;
     out->push_back(v);
   }
   return !out->empty() && text.back() != ',';
@@ -52,18 +43,18 @@ bool ParseIdRanges(const std::vector<std::string>& words, size_t limit, std::vec
   for (size_t i = 1; i < words.size(); ++i) {
     const std::string& w = words[i];
     const size_t dash = w.find('-');
-    unsigned long lo, hi;
+    uint64_t lo, hi;
     if (dash == std::string::npos) {
-      if (!ParseNumber(w, 0xFFFFFFFFul, &lo)) return *error = "bad ID '" + w + "'", false;
+      if (!ParseDecimal(w, 0xFFFFFFFFul, &lo)) return *error = "bad ID '" + w + "'", false;
       hi = lo;
-    } else if (!ParseNumber(w.substr(0, dash), 0xFFFFFFFFul, &lo) ||
-               !ParseNumber(w.substr(dash + 1), 0xFFFFFFFFul, &hi) || hi < lo) {
+    } else if (!ParseDecimal(w.substr(0, dash), 0xFFFFFFFFul, &lo) ||
+               !ParseDecimal(w.substr(dash + 1), 0xFFFFFFFFul, &hi) || hi < lo) {
       return *error = "bad ID range '" + w + "'", false;
     }
     if (hi - lo + 1 > limit || ids.size() + (hi - lo + 1) > limit) {
       return *error = "more than " + std::to_string(limit) + " IDs", false;
     }
-    for (unsigned long v = lo; v <= hi; ++v) ids.push_back(static_cast<uint32_t>(v));
+    for (uint64_t v = lo; v <= hi; ++v) ids.push_back(static_cast<uint32_t>(v));
   }
   std::sort(ids.begin(), ids.end());
   ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
@@ -71,19 +62,12 @@ bool ParseIdRanges(const std::vector<std::string>& words, size_t limit, std::vec
   return true;
 }
 
-bool IsPortType(unsigned long t) {
-  return t == kObjPortEth || t == kObjPortFc || t == kObjPortFcoe || t == kObjPortBond;
-}
+bool IsPortType(uint64_t t) { return t == kObjPortEth || t == kObjPortFc || t == kObjPortFcoe || t == kObjPortBond; }
 
-// True when a controller ID is "<engine 0..63 without leading zeros><A..D>".
+// True when a controller ID is "<engine 0..63 without leading zeros><A..D>",
+// the form the host reads (CSnmpCommUtil::ParseCtrlNodeID).
 bool IsControllerId(const std::string& id) {
-  if (id.size() < 2 || id.size() > 3) return false;
-  const char slot = id.back();
-  if (slot < 'A' || slot > 'D') return false;
-  unsigned long engine;
-  const std::string digits = id.substr(0, id.size() - 1);
-  if (digits.size() > 1 && digits[0] == '0') return false;
-  return ParseNumber(digits, 63, &engine);
+  return CSnmpCommUtil::ParseCtrlNodeID(id) != CSnmpCommUtil::INVALID_NODE_ID;
 }
 
 uint32_t NextPortId(const Topology& t) {
@@ -94,24 +78,24 @@ uint32_t NextPortId(const Topology& t) {
 
 // One "ports TYPE COUNT PREFIX STATUS[,STATUS...] [bonded=N]" line.
 bool AddPortGroup(const std::vector<std::string>& w, Topology* t, std::string* error) {
-  unsigned long type, count, bonded = 0;
-  std::vector<unsigned long> statuses;
+  uint64_t type, count, bonded = 0;
+  std::vector<uint64_t> statuses;
   if (w.size() < 5 || w.size() > 6)
     return *error = "usage: ports TYPE COUNT PREFIX STATUS[,STATUS...] [bonded=N]", false;
-  if (!ParseNumber(w[1], 0xFFFFFFFFul, &type) || !IsPortType(type)) {
+  if (!ParseDecimal(w[1], 0xFFFFFFFFul, &type) || !IsPortType(type)) {
     return *error = "port type must be 213, 212, 252 or 235", false;
   }
-  if (!ParseNumber(w[2], kMaxPorts, &count) || t->ports.size() + count > kMaxPorts) {
+  if (!ParseDecimal(w[2], kMaxPorts, &count) || t->ports.size() + count > kMaxPorts) {
     return *error = "port count must keep the ports at most " + std::to_string(kMaxPorts), false;
   }
   if (!ParseNumberList(w[4], 0xFFFFFFFFul, &statuses)) return *error = "bad status list '" + w[4] + "'", false;
   if (w.size() == 6) {
-    if (w[5].compare(0, 7, "bonded=") != 0 || !ParseNumber(w[5].substr(7), count, &bonded) || type != kObjPortEth) {
+    if (w[5].compare(0, 7, "bonded=") != 0 || !ParseDecimal(w[5].substr(7), count, &bonded) || type != kObjPortEth) {
       return *error = "bonded=N (N <= COUNT) is for type 213 only", false;
     }
   }
   uint32_t id = NextPortId(*t);
-  for (unsigned long i = 0; i < count; ++i) {
+  for (uint64_t i = 0; i < count; ++i) {
     SimPort p;
     p.type = static_cast<uint32_t>(type);
     p.id = id++;
@@ -125,13 +109,13 @@ bool AddPortGroup(const std::vector<std::string>& w, Topology* t, std::string* e
 
 // One "port TYPE ID NAME STATUS [bond=NAME]" line.
 bool AddPort(const std::vector<std::string>& w, Topology* t, std::string* error) {
-  unsigned long type, id, status;
+  uint64_t type, id, status;
   if (w.size() < 5 || w.size() > 6) return *error = "usage: port TYPE ID NAME STATUS [bond=NAME]", false;
-  if (!ParseNumber(w[1], 0xFFFFFFFFul, &type) || !IsPortType(type)) {
+  if (!ParseDecimal(w[1], 0xFFFFFFFFul, &type) || !IsPortType(type)) {
     return *error = "port type must be 213, 212, 252 or 235", false;
   }
-  if (!ParseNumber(w[2], 0xFFFFFFFFul, &id)) return *error = "bad port ID '" + w[2] + "'", false;
-  if (!ParseNumber(w[4], 0xFFFFFFFFul, &status)) return *error = "bad port status '" + w[4] + "'", false;
+  if (!ParseDecimal(w[2], 0xFFFFFFFFul, &id)) return *error = "bad port ID '" + w[2] + "'", false;
+  if (!ParseDecimal(w[4], 0xFFFFFFFFul, &status)) return *error = "bad port status '" + w[4] + "'", false;
   for (const SimPort& p : t->ports) {
     if (p.id == id) return *error = "duplicate port ID " + w[2], false;
   }
@@ -152,10 +136,10 @@ bool AddPort(const std::vector<std::string>& w, Topology* t, std::string* error)
 }
 
 bool SetControllers(const std::vector<std::string>& w, Topology* t, std::string* error) {
-  unsigned long count;
+  uint64_t count;
   t->controllers.clear();
-  if (w.size() == 2 && ParseNumber(w[1], kMaxControllers, &count)) {
-    for (unsigned long n = 0; n < count; ++n) t->controllers.push_back(ControllerIdOfNode(static_cast<unsigned>(n)));
+  if (w.size() == 2 && ParseDecimal(w[1], kMaxControllers, &count)) {
+    for (uint64_t n = 0; n < count; ++n) t->controllers.push_back(ControllerIdOfNode(static_cast<unsigned>(n)));
     return true;
   }
   if (w.size() < 2) return *error = "usage: controllers COUNT | controllers ID...", false;
@@ -171,9 +155,9 @@ bool SetFeatures(const std::vector<std::string>& w, Topology* t, std::string* er
   t->features.clear();
   if (w.size() != 2) return *error = "usage: features none | N[,N...]", false;
   if (w[1] == "none") return true;
-  std::vector<unsigned long> list;
+  std::vector<uint64_t> list;
   if (!ParseNumberList(w[1], 0xFFFF, &list)) return *error = "bad feature list '" + w[1] + "'", false;
-  for (unsigned long f : list) {
+  for (uint64_t f : list) {
     if (f != kFeatureNfs && f != kFeatureSmb && f != kFeatureFsPerf) {
       return *error = "unknown feature " + std::to_string(f) + " (48, 49 or 602)", false;
     }
@@ -185,14 +169,14 @@ bool SetFeatures(const std::vector<std::string>& w, Topology* t, std::string* er
 // Applies one parsed line.
 bool ApplyLine(const std::vector<std::string>& w, Topology* t, std::string* error) {
   const std::string& key = w[0];
-  unsigned long n;
+  uint64_t n;
   if (key == "controllers") return SetControllers(w, t, error);
   if (key == "port") return AddPort(w, t, error);
   if (key == "ports") return AddPortGroup(w, t, error);
   if (key == "luns" || key == "filesystems") {
     const bool lun = key == "luns";
     const size_t limit = lun ? kMaxLuns : kMaxFileSystems;
-    if (w.size() != 2 || !ParseNumber(w[1], limit, &n)) {
+    if (w.size() != 2 || !ParseDecimal(w[1], limit, &n)) {
       return *error = "usage: " + key + " COUNT (at most " + std::to_string(limit) + ")", false;
     }
     lun ? SetLunCount(t, n) : SetFileSystemCount(t, n);
@@ -207,7 +191,7 @@ bool ApplyLine(const std::vector<std::string>& w, Topology* t, std::string* erro
     return true;
   }
   if (key == "page_size") {
-    if (w.size() != 2 || !ParseNumber(w[1], 4096, &n) || n == 0) return *error = "usage: page_size 1..4096", false;
+    if (w.size() != 2 || !ParseDecimal(w[1], 4096, &n) || n == 0) return *error = "usage: page_size 1..4096", false;
     t->pageSize = n;
     return true;
   }
@@ -218,8 +202,8 @@ bool ApplyLine(const std::vector<std::string>& w, Topology* t, std::string* erro
 }  // namespace
 
 long Topology::findPort(uint32_t type, const std::string& id) const {
-  unsigned long n;
-  if (!ParseNumber(id, 0xFFFFFFFFul, &n)) return -1;
+  uint64_t n;
+  if (!ParseDecimal(id, 0xFFFFFFFFul, &n)) return -1;
   for (size_t i = 0; i < ports.size(); ++i) {
     if (ports[i].type == type && ports[i].id == n) return static_cast<long>(i);
   }

@@ -105,6 +105,26 @@ TEST(TopologyTest, RefusesBadLinesWithTheirNumber) {
   EXPECT_FALSE(ParseTopology("lun_ids 9-3\n", &t, &error));
 }
 
+TEST(TopologyTest, NumbersAreDecimalButControllerIdsTakeNoLeadingZero) {
+  Topology t;
+  std::string error;
+  ASSERT_TRUE(ParseTopology("luns 0010\nlun_ids 007 0020-021\nport 0213 09 p 05\nfeatures 048,602\n", &t, &error))
+      << error;
+  EXPECT_EQ(t.luns, (std::vector<uint32_t>{7, 20, 21}));
+  ASSERT_EQ(t.ports.size(), 1u);
+  EXPECT_EQ(t.ports[0].type, 213u);
+  EXPECT_EQ(t.ports[0].id, 9u);
+  EXPECT_EQ(t.findPort(213, "0009"), 0);
+  EXPECT_EQ(t.features, (std::set<int>{48, 602}));
+  for (const char* bad : {"luns +5\n", "luns 0x10\n", "lun_ids 1-+2\n", "page_size 99999999999999999999\n"}) {
+    EXPECT_FALSE(ParseTopology(bad, &t, &error)) << bad;
+  }
+  for (const char* id : {"01A", "00A", "064A"}) {
+    EXPECT_FALSE(ParseTopology(std::string("controllers ") + id + "\n", &t, &error)) << id;
+    EXPECT_NE(error.find(std::string("bad controller ID '") + id + "'"), std::string::npos) << error;
+  }
+}
+
 TEST(TopologyTest, SupportsTheLargestSizes) {
   Topology t;
   std::string error;

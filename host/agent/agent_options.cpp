@@ -1,28 +1,18 @@
 #include "host/agent/agent_options.h"
 
+#include <getopt.h>
+
+#include <cstdint>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 
 #include "snmpcommon/snmp_backend_frame.h"
+#include "vempub/vem_decimal.h"
 
 namespace zerva_agent {
 
 namespace {
-
-// Parses a plain decimal number within [lo, hi].
-bool ParseNumber(const std::string& text, unsigned long long lo, unsigned long long hi, unsigned long long* out) {
-  if (text.empty() || text.size() > 20) return false;
-  unsigned long long v = 0;
-  for (char c : text) {
-    if (c < '0' || c > '9') return false;
-    if (v > (~0ULL - static_cast<unsigned>(c - '0')) / 10) return false;
-    v = v * 10 + static_cast<unsigned>(c - '0');
-  }
-  if (v < lo || v > hi) return false;
-  *out = v;
-  return true;
-}
 
 std::string Trim(const std::string& text) {
   const size_t b = text.find_first_not_of(" \t\r\n");
@@ -51,9 +41,13 @@ bool ParseBool(const std::string& text, bool* out) {
   return false;
 }
 
-bool NumberToken(const std::string& value, unsigned long long lo, unsigned long long hi, unsigned long long* out,
-                 std::string* error) {
-  if (ParseNumber(value, lo, hi, out)) return true;
+// A number token: a decimal number (ParseDecimal's rule) within [lo, hi].
+bool NumberToken(const std::string& value, uint64_t lo, uint64_t hi, uint64_t* out, std::string* error) {
+  uint64_t n = 0;
+  if (ParseDecimal(value, hi, &n) && n >= lo) {
+    *out = n;
+    return true;
+  }
   *error = "'" + value + "' is not a number from " + std::to_string(lo) + " to " + std::to_string(hi);
   return false;
 }
@@ -93,7 +87,7 @@ const std::vector<AgentToken>& AgentTokens() {
 
 bool ApplyAgentToken(const std::string& token, const std::string& rawValue, AgentOptions* o, std::string* error) {
   const std::string value = Trim(rawValue);
-  unsigned long long n = 0;
+  uint64_t n = 0;
   if (token == "zervaModule") return PathToken(value, &o->modulePath, error);
   if (token == "zervaMibDir") return PathToken(value, &o->mibDir, error);
   if (token == "zervaDeviceConfig") return PathToken(value, &o->deviceConfig, error);
@@ -157,7 +151,7 @@ bool ApplyAgentToken(const std::string& token, const std::string& rawValue, Agen
     return true;
   }
   if (token == "zervaSimSeed") {
-    if (!NumberToken(value, 0, ~0ULL, &n, error)) return false;
+    if (!NumberToken(value, 0, UINT64_MAX, &n, error)) return false;
     o->simSeed = n;
     return true;
   }
@@ -192,44 +186,87 @@ bool ScanRole(const std::string& path, bool* agentx, std::string* error) {
   return true;
 }
 
-bool ParseCommandLine(int argc, const char* const* argv, CommandLine* out, std::string* error) {
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    auto value = [&](std::string* into) {
-      if (i + 1 >= argc) {
-        *error = "option " + arg + " needs a value";
-        return false;
-      }
-      *into = argv[++i];
-      return true;
-    };
-    if (arg == "-c") {
-      if (!value(&out->configFile)) return false;
-    } else if (arg == "-x") {
-      if (!value(&out->agentxSocket)) return false;
-    } else if (arg == "--listen") {
-      if (!value(&out->listen)) return false;
-    } else if (arg.compare(0, 9, "--listen=") == 0) {
-      out->listen = arg.substr(9);
-    } else if (arg == "--state-dir") {
-      if (!value(&out->stateDir)) return false;
-    } else if (arg == "-f") {
-      out->foreground = true;
-    } else if (arg == "-L") {
-      out->logToStderr = true;
-    } else if (arg == "-h" || arg == "--help") {
-      out->help = true;
-    } else {
-      *error = "unknown option '" + arg + "'";
-      return false;
+namespace {
+
+// Codes of the long options without a short form (beyond every char).
+enum LongOption { kOptListen = 256, kOptStateDir, kOptHelp, kOptVersion };
+
+const struct option kLongOptions[] = {
+    {"listen", required_argument, nullptr, kOptListen},
+    {"state-dir", required_argument, nullptr, kOptStateDir},
+    {"help", no_argument, nullptr, kOptHelp},
+    {"version", no_argument, nullptr, kOptVersion},
+    {nullptr, 0, nullptr, 0},
+};
+
+// The option getopt_long has just refused, as written on the command line.
+std::string RefusedOption(char* const* argv) {
+  if (optopt >= kOptListen) {
+    for (const struct option* o = kLongOptions; o->name != nullptr; ++o) {
+      if (o->val == optopt) return std::string("--") + o->name;
     }
+  }
+  if (optopt != 0) return std::string("-") + static_cast<char>(optopt);
+  const std::string arg = argv[optind - 1];
+  return arg.substr(0, arg.find('='));
+}
+
+}  // namespace
+
+bool ParseCommandLine(int argc, const char* const* argv, CommandLine* out, std::string* error) {
+  // getopt_long may reorder the pointers it is given: it gets a copy.
+  std::vector<char*> args;
+  for (int i = 0; i < argc; ++i) args.push_back(const_cast<char*>(argv[i]));
+  args.push_back(nullptr);
+  optind = 0;  // a fresh parse (GNU), so that this can be called again
+  opterr = 0;  // the errors are reported through *error
+  int c;
+  while ((c = getopt_long(argc, args.data(), ":c:fLx:h", kLongOptions, nullptr)) != -1) {
+    switch (c) {
+      case 'c':
+        out->configFile = optarg;
+        break;
+      case 'f':
+        out->foreground = true;
+        break;
+      case 'L':
+        out->logToStderr = true;
+        break;
+      case 'x':
+        out->agentxSocket = optarg;
+        break;
+      case kOptListen:
+        out->listen = optarg;
+        break;
+      case kOptStateDir:
+        out->stateDir = optarg;
+        break;
+      case 'h':
+      case kOptHelp:
+        out->help = true;
+        break;
+      case kOptVersion:
+        out->version = true;
+        break;
+      case ':':
+        *error = "option " + RefusedOption(args.data()) + " needs a value";
+        return false;
+      default:
+        *error = (optopt >= kOptListen ? "option " + RefusedOption(args.data()) + " takes no value"
+                                       : "unknown option '" + RefusedOption(args.data()) + "'");
+        return false;
+    }
+  }
+  if (optind < argc) {
+    *error = "unexpected argument '" + std::string(args[optind]) + "'";
+    return false;
   }
   return true;
 }
 
 std::string Usage(const std::string& program) {
   std::ostringstream os;
-  os << "usage: " << program << " [-c FILE] [-f] [-L] [-x SOCKET] [--listen ADDRS] [--state-dir DIR] [-h]\n"
+  os << "usage: " << program << " [-c FILE] [-f] [-L] [-x SOCKET] [--listen ADDRS] [--state-dir DIR] [-h] [--version]\n"
      << "  -c FILE          configuration in snmpd.conf syntax (communities, users, agentaddress,\n"
      << "                   and the zerva* tokens below); without it: rocommunity public and\n"
      << "                   rwcommunity private from 127.0.0.1 only\n"
@@ -239,6 +276,7 @@ std::string Usage(const std::string& program) {
      << "  --listen ADDRS   listening addresses, overrides agentaddress (default udp:127.0.0.1:1161)\n"
      << "  --state-dir DIR  Net-SNMP persistent state (default: a private temporary directory)\n"
      << "  -h, --help       this text\n"
+     << "  --version        the program's version\n"
      << "configuration tokens:\n";
   for (const AgentToken& t : AgentTokens()) os << "  " << t.name << " " << t.help << "\n";
   return os.str();

@@ -61,10 +61,13 @@ struct CommandLine {
   std::string listen;        // --listen ADDRS: overrides agentaddress
   std::string stateDir;      // --state-dir DIR: Net-SNMP's persistent state
   bool help = false;         // -h / --help
+  bool version = false;      // --version
 };
 
-// Parses argv. Returns false with *error for an unknown option or a missing
-// argument.
+// Parses argv with getopt_long (long options also as --name=VALUE); can be
+// called again for another argv. Returns false with *error, naming the
+// option, for an unknown option, a missing value, a value given to an option
+// that takes none, or an argument that is not an option.
 bool ParseCommandLine(int argc, const char* const* argv, CommandLine* out, std::string* error);
 
 // The usage text.

@@ -6,6 +6,7 @@
 
 #include <fstream>
 #include <string>
+#include <vector>
 
 namespace zerva_agent {
 namespace {
@@ -89,15 +90,58 @@ TEST(AgentOptionsTest, CommandLineOptions) {
   EXPECT_EQ("/tmp/s", cmd.stateDir);
 }
 
-TEST(AgentOptionsTest, CommandLineErrors) {
+TEST(AgentOptionsTest, CommandLineLongOptionsTakeAnAttachedValue) {
+  const char* argv[] = {"agent", "--listen=udp:127.0.0.1:7", "--state-dir=/tmp/t", "-fc", "b.conf"};
   CommandLine cmd;
   std::string e;
-  const char* unknown[] = {"agent", "-q"};
-  EXPECT_FALSE(ParseCommandLine(2, unknown, &cmd, &e));
-  EXPECT_NE(std::string::npos, e.find("-q"));
-  const char* missing[] = {"agent", "-c"};
-  EXPECT_FALSE(ParseCommandLine(2, missing, &cmd, &e));
-  EXPECT_NE(std::string::npos, e.find("-c"));
+  ASSERT_TRUE(ParseCommandLine(5, argv, &cmd, &e)) << e;
+  EXPECT_EQ("udp:127.0.0.1:7", cmd.listen);
+  EXPECT_EQ("/tmp/t", cmd.stateDir);
+  EXPECT_TRUE(cmd.foreground);
+  EXPECT_EQ("b.conf", cmd.configFile);
+  // The argv handed in is left as it was.
+  EXPECT_STREQ("--listen=udp:127.0.0.1:7", argv[1]);
+  EXPECT_STREQ("b.conf", argv[4]);
+}
+
+TEST(AgentOptionsTest, CommandLineHelpAndVersion) {
+  for (const char* help : {"-h", "--help"}) {
+    const char* argv[] = {"agent", help};
+    CommandLine cmd;
+    std::string e;
+    ASSERT_TRUE(ParseCommandLine(2, argv, &cmd, &e)) << help << ": " << e;
+    EXPECT_TRUE(cmd.help) << help;
+    EXPECT_FALSE(cmd.version) << help;
+  }
+  const char* argv[] = {"agent", "--version"};
+  CommandLine cmd;
+  std::string e;
+  ASSERT_TRUE(ParseCommandLine(2, argv, &cmd, &e)) << e;
+  EXPECT_TRUE(cmd.version);
+  EXPECT_FALSE(cmd.help);
+  EXPECT_NE(std::string::npos, Usage("agent").find("--version"));
+}
+
+TEST(AgentOptionsTest, CommandLineErrors) {
+  const struct {
+    std::vector<const char*> argv;
+    const char* error;
+  } cases[] = {
+      {{"agent", "-q"}, "unknown option '-q'"},
+      {{"agent", "-fq"}, "unknown option '-q'"},
+      {{"agent", "--bogus"}, "unknown option '--bogus'"},
+      {{"agent", "--bogus=1"}, "unknown option '--bogus'"},
+      {{"agent", "-c"}, "option -c needs a value"},
+      {{"agent", "-f", "--listen"}, "option --listen needs a value"},
+      {{"agent", "--help=all"}, "option --help takes no value"},
+      {{"agent", "-f", "extra"}, "unexpected argument 'extra'"},
+  };
+  for (const auto& c : cases) {
+    CommandLine cmd;
+    std::string e;
+    EXPECT_FALSE(ParseCommandLine(static_cast<int>(c.argv.size()), c.argv.data(), &cmd, &e)) << c.error;
+    EXPECT_EQ(c.error, e);
+  }
 }
 
 TEST(AgentOptionsTest, UsageNamesEveryToken) {

@@ -12,6 +12,7 @@
 
 #include "tests/process/agent_under_test.h"
 #include "tests/process/process_harness.h"
+#include "zerva_version.h"
 
 namespace {
 
@@ -150,11 +151,27 @@ TEST(AgentProcessConfigTest, UnknownTokenIsAnError) {
   ExpectConfigRefused("zervaNoSuchToken 1\n", {"zervaNoSuchToken"});
 }
 
-TEST(AgentProcessConfigTest, UnknownOptionPrintsUsage) {
+TEST(AgentProcessConfigTest, UnknownOptionIsNamedOnStderr) {
   int rc = 0;
-  const std::string out = RunShell(AgentUnderTest::Program() + " --bogus", &rc);
+  const std::string err = RunShell("{ " + AgentUnderTest::Program() + " --bogus 2>&1 >/dev/null; }", &rc);
   EXPECT_EQ(2, rc);
-  EXPECT_NE(std::string::npos, out.find("usage:")) << out;
+  EXPECT_EQ(0u, err.find("zerva-snmp-agent: unknown option '--bogus'\n")) << err;
+  EXPECT_NE(std::string::npos, err.find("usage:")) << err;
+}
+
+TEST(AgentProcessConfigTest, HelpPrintsTheUsageOnStdout) {
+  int rc = 0;
+  const std::string out = RunShell("{ " + AgentUnderTest::Program() + " --help 2>/dev/null; }", &rc);
+  EXPECT_EQ(0, rc);
+  EXPECT_EQ(0u, out.find("usage: ")) << out;
+  EXPECT_NE(std::string::npos, out.find("zervaBackend")) << out;
+}
+
+TEST(AgentProcessConfigTest, VersionPrintsTheProjectVersionOnStdout) {
+  int rc = 0;
+  const std::string out = RunShell("{ " + AgentUnderTest::Program() + " --version 2>/dev/null; }", &rc);
+  EXPECT_EQ(0, rc);
+  EXPECT_EQ(std::string("zerva-snmp-agent ") + ZERVA_VERSION + "\n", out);
 }
 
 TEST(AgentProcessConfigTest, MissingModuleIsAClearError) {

@@ -1,7 +1,7 @@
 // zerva-snmp-agent: the host agent program. Loads the service module, serves
 // it over SNMP v1/v2c/v3 as a standalone agent (default udp:127.0.0.1:1161)
 // or as an AgentX sub-agent, against the embedded simulated array or a real
-// back end. Usage: zerva-snmp-agent -h.
+// back end. Usage: zerva-snmp-agent --help; version: --version.
 
 #include <dirent.h>
 #include <signal.h>
@@ -15,6 +15,7 @@
 #include "host/agent/agent_options.h"
 #include "host/agent/agent_runtime.h"
 #include "host/agent/netsnmp_bridge.h"
+#include "zerva_version.h"
 
 // Net-SNMP's headers define short macros (ACTION, FREE, ...): they come last.
 // clang-format off
@@ -71,6 +72,10 @@ int main(int argc, char** argv) {
   }
   if (cmd.help) {
     fputs(zerva_agent::Usage(argv[0]).c_str(), stdout);
+    return 0;
+  }
+  if (cmd.version) {
+    printf("zerva-snmp-agent %s\n", ZERVA_VERSION);
     return 0;
   }
 

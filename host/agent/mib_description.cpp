@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <fstream>
 #include <pugixml.hpp>
@@ -14,6 +15,8 @@
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "vempub/vem_decimal.h"
 
 namespace zerva_agent {
 
@@ -81,20 +84,10 @@ class Checker {
   std::string message_;
 };
 
-// Parses a decimal number without sign, blanks or leading zeros ("0" itself
-// is fine) into *out. REQUIRES: out != nullptr.
-bool ParseDecimal(const std::string& text, unsigned long max, unsigned long* out) {
-  if (text.empty() || text.size() > 10) return false;
-  if (text.size() > 1 && text[0] == '0') return false;
-  unsigned long long value = 0;
-  for (char c : text) {
-    if (c < '0' || c > '9') return false;
-    value = value * 10 + static_cast<unsigned long long>(c - '0');
-  }
-  if (value > max) return false;
-  *out = static_cast<unsigned long>(value);
-  return true;
-}
+// Sub-identifiers (OID arcs, column numbers) are identifiers and must be
+// written in canonical form, as the registry and the SMIv2 module spell them:
+// no leading zero but "0" itself ("1.3.06" is not "1.3.6").
+bool HasLeadingZero(const std::string& text) { return text.size() > 1 && text[0] == '0'; }
 
 // Splits a dotted-decimal OID ("1.3.6", no leading dot) into sub-identifiers.
 bool ParseOid(const std::string& text, std::vector<unsigned long>* out) {
@@ -103,9 +96,9 @@ bool ParseOid(const std::string& text, std::vector<unsigned long>* out) {
   while (true) {
     const size_t dot = text.find('.', start);
     const std::string arc = text.substr(start, dot == std::string::npos ? std::string::npos : dot - start);
-    unsigned long value = 0;
-    if (!ParseDecimal(arc, kMaxSubIdentifier, &value)) return false;
-    arcs.push_back(value);
+    uint64_t value = 0;
+    if (HasLeadingZero(arc) || !ParseDecimal(arc, kMaxSubIdentifier, &value)) return false;
+    arcs.push_back(static_cast<unsigned long>(value));
     if (dot == std::string::npos) break;
     start = dot + 1;
   }
@@ -220,8 +213,8 @@ bool ParseColumn(Checker& check, const pugi::xml_node& node, const std::string& 
   if (node.first_child()) return check.Fail(node, what + ": unexpected content");
   std::string number;
   if (!Required(check, node, "number", what, &number)) return false;
-  unsigned long value = 0;
-  if (!ParseDecimal(number, kMaxColumnNumber, &value) || value == 0) {
+  uint64_t value = 0;
+  if (HasLeadingZero(number) || !ParseDecimal(number, kMaxColumnNumber, &value) || value == 0) {
     return check.Fail(node, what + ": bad column number " + Quoted(number) + " (1 to 4095)");
   }
   col->number = static_cast<unsigned int>(value);
@@ -238,8 +231,8 @@ bool ParseColumn(Checker& check, const pugi::xml_node& node, const std::string& 
 bool CheckIndex(Checker& check, const pugi::xml_node& node, const std::string& index, const std::string& encoding,
                 MibObject* obj) {
   const std::string what = "table " + Quoted(obj->name);
-  unsigned long number = 0;
-  if (!ParseDecimal(index, kMaxColumnNumber, &number) || number == 0) {
+  uint64_t number = 0;
+  if (HasLeadingZero(index) || !ParseDecimal(index, kMaxColumnNumber, &number) || number == 0) {
     return check.Fail(node, what + ": bad index column number " + Quoted(index));
   }
   obj->indexColumn = static_cast<unsigned int>(number);

@@ -1,26 +1,13 @@
 #include "host/agent/snmp_value.h"
 
-#include <cerrno>
-#include <cstdlib>
+#include <cstdint>
 #include <limits>
+
+#include "vempub/vem_decimal.h"
 
 namespace zerva_agent {
 
 namespace {
-
-// Parses plain decimal text (digits only, no sign, no blanks) into *out.
-bool ParseDecimal(const std::string& text, uint64_t* out) {
-  if (text.empty() || text.size() > 20) return false;
-  uint64_t value = 0;
-  for (char c : text) {
-    if (c < '0' || c > '9') return false;
-    const uint64_t digit = static_cast<uint64_t>(c - '0');
-    if (value > (std::numeric_limits<uint64_t>::max() - digit) / 10) return false;
-    value = value * 10 + digit;
-  }
-  *out = value;
-  return true;
-}
 
 bool IsNumericCell(const CTLVCell& cell) { return cell.type() >= 3; }
 
@@ -100,7 +87,7 @@ bool CellToValue(const CTLVCell& cell, MibSyntax syntax, SnmpValue* out, std::st
   uint64_t number = 0;
   bool negative = false;
   if (isText) {
-    if (!ParseDecimal(CellText(cell), &number)) {
+    if (!ParseDecimal(CellText(cell), UINT64_MAX, &number)) {
       *why = "text \"" + CellText(cell) + "\" is not a number";
       return false;
     }
@@ -150,7 +137,7 @@ bool CellToIndex(const CTLVCell& cell, MibIndexEncoding encoding, Agentpp::Oidx*
   if (encoding == MibIndexEncoding::Integer) {
     uint64_t number = 0;
     if (isText) {
-      if (!ParseDecimal(CellText(cell), &number)) {
+      if (!ParseDecimal(CellText(cell), UINT64_MAX, &number)) {
         *why = "index text \"" + CellText(cell) + "\" is not a number";
         return false;
       }

@@ -65,6 +65,8 @@ TEST(SnmpValueTest, WideValuesWrapForCounter32AndLatchForGauge32) {
 
 TEST(SnmpValueTest, DecimalTextFeedsNumericSyntaxes) {
   EXPECT_EQ(42u, Convert(Rec().str(1, "42"), MibSyntax::Gauge32).number);
+  // Leading zeros are read as the value, at any length.
+  EXPECT_EQ(7u, Convert(Rec().str(1, "0000000000000000000000007"), MibSyntax::Counter64).number);
 }
 
 TEST(SnmpValueTest, NonNumericTextIsRefusedForNumericSyntax) {

@@ -1,12 +1,12 @@
 #include "snmpcommon/snmp_backend_capability.h"
 
-#include <cerrno>
-#include <cstdlib>
+#include <cstdint>
 #include <string>
 
 #include "snmpcommon/snmp_configuration.h"
 #include "tlv/vem_message_package.h"
 #include "vempub/vem_debug_kit.h"
+#include "vempub/vem_decimal.h"
 #include "vempub/vem_xml_config.h"
 
 const char kSnmpFeaturesCommand[] = "GET_SNMP_FEATURES";
@@ -17,10 +17,8 @@ namespace {
 // when it is missing or not a decimal number; *text gets the item's text.
 unsigned long long FeaturesCommandCode(std::string* text) {
   CVEMXmlConfig::instance()->getDeviceItem("COMMAND", kSnmpFeaturesCommand, *text);
-  if (text->empty() || text->find_first_not_of("0123456789") != std::string::npos) return 0;
-  errno = 0;
-  const unsigned long long code = strtoull(text->c_str(), nullptr, 10);
-  return errno == ERANGE ? 0 : code;
+  uint64_t code = 0;
+  return ParseDecimal(*text, UINT64_MAX, &code) ? code : 0;
 }
 
 // The feature number of one answer record: its tag-0 cell, type 3, 4 bytes.

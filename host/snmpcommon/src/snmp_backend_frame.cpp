@@ -12,6 +12,7 @@
 #include "snmpcommon/snmp_configuration.h"
 #include "tlv/coding.h"
 #include "tlv/vem_message_package.h"
+#include "vempub/vem_decimal.h"
 
 namespace {
 
@@ -220,10 +221,10 @@ bool ParseTcp(const std::string& text, const std::string& rest, CSnmpBackendAddr
   }
   if (host.empty()) return Fail(error, "'" + text + "': empty host");
   if (port.empty()) return Fail(error, "'" + text + "': empty port");
-  if (port.size() > 5 || port.find_first_not_of("0123456789") != std::string::npos) {
+  uint64_t value = 0;
+  if (!ParseDecimal(port, UINT64_MAX, &value)) {
     return Fail(error, "'" + text + "': port '" + port + "' is not a number from 0 to 65535");
   }
-  const unsigned long value = strtoul(port.c_str(), nullptr, 10);
   if (value > 65535) return Fail(error, "'" + text + "': port " + port + " is out of range 0..65535");
   out = CSnmpBackendAddress();
   out.kind = CSnmpBackendAddress::TCP;

@@ -405,6 +405,10 @@ TEST(BackendAddressTest, ParsesTcpAddresses) {
   EXPECT_EQ(a.port, 0);
   ASSERT_TRUE(CSnmpBackendAddress::parse("tcp:array-mgmt:65535", a, &error)) << error;
   EXPECT_EQ(a.port, 65535);
+  // A port is read as its value, leading zeros and all.
+  ASSERT_TRUE(CSnmpBackendAddress::parse("tcp:127.0.0.1:0000080", a, &error)) << error;
+  EXPECT_EQ(a.port, 80);
+  EXPECT_EQ(a.toString(), "tcp:127.0.0.1:80");
   ASSERT_TRUE(CSnmpBackendAddress::parse("tcp:[::1]:8080", a, &error)) << error;
   EXPECT_EQ(a.host, "::1");
   EXPECT_EQ(a.port, 8080);
@@ -436,7 +440,9 @@ TEST(BackendAddressTest, RefusesBadFormsWithAClearError) {
       {"tcp:127.0.0.1:", "empty port"},
       {"tcp:127.0.0.1:65536", "out of range 0..65535"},
       {"tcp:127.0.0.1:99999", "out of range 0..65535"},
-      {"tcp:127.0.0.1:123456", "not a number from 0 to 65535"},
+      {"tcp:127.0.0.1:123456", "out of range 0..65535"},
+      {"tcp:127.0.0.1:99999999999999999999", "not a number from 0 to 65535"},
+      {"tcp:127.0.0.1:+80", "not a number from 0 to 65535"},
       {"tcp:127.0.0.1:-1", "not a number from 0 to 65535"},
       {"tcp:127.0.0.1:80a", "not a number from 0 to 65535"},
       {"tcp:127.0.0.1: 80", "not a number from 0 to 65535"},

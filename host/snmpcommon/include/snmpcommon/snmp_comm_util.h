@@ -21,8 +21,9 @@ std::string CtrlNodeIDFromNode(unsigned int node);
 
 }  // namespace CSnmpCommUtil
 
-// A plain decimal number (digits only, 0 to 4294967295) to its value; any
-// other text (empty, signs, blanks, other characters, overflow) gives 0.
+// A plain decimal number (digits only, leading zeros allowed, 0 to
+// 4294967295: ParseDecimal's rule) to its value; any other text (empty,
+// signs, blanks, other characters, overflow) gives 0.
 unsigned int StrToUint(const std::string& text);
 
 // The decimal text of a number.

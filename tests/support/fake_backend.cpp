@@ -56,6 +56,19 @@ CTLVRecordV3* Rec::build() const {
   return record.release();
 }
 
+std::unique_ptr<CTLVPackage> Rec::package() const {
+  std::unique_ptr<CTLVPackage> pkg(new CTLVPackage());
+  pkg->push_back(build());
+  return pkg;
+}
+
+std::vector<unsigned char> Rec::frame() const {
+  std::unique_ptr<CTLVPackage> pkg = package();
+  std::vector<unsigned char> out(TLVMsgHeadV3::SIZE + pkg->bodyLength());
+  pkg->encode(out.data(), static_cast<unsigned>(out.size()));
+  return out;
+}
+
 unsigned long long Call::id() const { return bytes.size() >= 36 ? tlv::DecodeFixed64(bytes.data() + 28) : 0; }
 
 std::unique_ptr<CTLVPackage> Call::package() const {

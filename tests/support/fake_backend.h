@@ -22,7 +22,8 @@
 
 namespace zerva_test {
 
-// Builds a record cell by cell, for answers and for expected packages.
+// Builds a record cell by cell: answers of the fake back end, expected
+// packages, and requests sent to the simulator.
 class Rec {
  public:
   explicit Rec(unsigned long long id = CTLVRecordV3::RESPONSE_ID) : id_(id) {}
@@ -42,6 +43,10 @@ class Rec {
   Rec& cell(unsigned short tag, unsigned type, const std::vector<unsigned char>& value);
   // A new record with these cells.
   CTLVRecordV3* build() const;
+  // A new package holding that record alone.
+  std::unique_ptr<CTLVPackage> package() const;
+  // That package encoded: header and body, as sent on the wire.
+  std::vector<unsigned char> frame() const;
 
  private:
   struct Cell {

@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/support/handler_test_support.h"
@@ -42,6 +43,16 @@ class PerformanceCacheTest : public HandlerTest<> {
     for (const std::string& id : ids) listing.records.push_back(Controller(id));
     backend().onListing(207, listing);
   }
+  // The same, each controller answering its statistics with the values text
+  // paired with it.
+  void ListControllersWithStats(const std::vector<std::pair<std::string, std::string>>& controllers) {
+    std::vector<std::string> ids;
+    for (const auto& c : controllers) {
+      ids.push_back(c.first);
+      backend().onStats("207:" + c.first, c.second);
+    }
+    ListControllers(ids);
+  }
 
   int Query() { return handler_.OnQueryTable(ctx_, req_, rsp_); }
 
@@ -50,16 +61,14 @@ class PerformanceCacheTest : public HandlerTest<> {
 
 TEST_F(PerformanceCacheTest, CollectionSwitchedOffGivesAnEmptyTableAndZeroWithoutAskingTheBackEnd) {
   env_.setSwitch(0);
-  ListControllers({"0A"});
-  backend().onStats("207:0A", "1,2,3");
+  ListControllersWithStats({{"0A", "1,2,3"}});
   EXPECT_EQ(Query(), 0);
   ExpectReadStoppedAtTheSwitch(backend(), rsp_, log_, kSigs.queryTable);
 }
 
 TEST_F(PerformanceCacheTest, SwitchStateOtherThanOneIsAlsoOffAndGivesNoRows) {
   env_.setSwitch(2);
-  ListControllers({"0A"});
-  backend().onStats("207:0A", "1,2,3");
+  ListControllersWithStats({{"0A", "1,2,3"}});
   EXPECT_EQ(Query(), 0);
   ExpectReadStoppedAtTheSwitch(backend(), rsp_, log_, kSigs.queryTable);
 }
@@ -73,9 +82,7 @@ TEST_F(PerformanceCacheTest, AnswerWithNoControllersGivesAnEmptyTableAndZero) {
 }
 
 TEST_F(PerformanceCacheTest, TwoControllersGiveTwoRowsWithMinusOneAsSignedFourByteTag4) {
-  ListControllers({"0A", "1B"});
-  backend().onStats("207:0A", "1,2,3");
-  backend().onStats("207:1B", "4,5,6");
+  ListControllersWithStats({{"0A", "1,2,3"}, {"1B", "4,5,6"}});
   EXPECT_EQ(Query(), 0);
   EXPECT_THAT(Requests(backend()),
               ElementsAre(kSwitchRequest, kListControllers, StatsRequest("0A"), StatsRequest("1B")));
@@ -87,8 +94,7 @@ TEST_F(PerformanceCacheTest, TwoControllersGiveTwoRowsWithMinusOneAsSignedFourBy
 }
 
 TEST_F(PerformanceCacheTest, Tag4CellIsTypeFourFourBytesAllOnes) {
-  ListControllers({"0B"});
-  backend().onStats("207:0B", "7,8,9");
+  ListControllersWithStats({{"0B", "7,8,9"}});
   EXPECT_EQ(Query(), 0);
   ASSERT_EQ(rsp_.size(), 1u);
   const CTLVRecordV3& row = *rsp_[0];
@@ -108,9 +114,7 @@ TEST_F(PerformanceCacheTest, Tag4CellIsTypeFourFourBytesAllOnes) {
 }
 
 TEST_F(PerformanceCacheTest, NodeNumberOfTheFirstColumnIsParsedFromTheControllerId) {
-  ListControllers({"3D", "12C"});
-  backend().onStats("207:3D", "1,2,3");
-  backend().onStats("207:12C", "4,5,6");
+  ListControllersWithStats({{"3D", "1,2,3"}, {"12C", "4,5,6"}});
   EXPECT_EQ(Query(), 0);
   EXPECT_THAT(PackageText(rsp_), ElementsAre("0xFFFFFFFFFFFFFFFF: 1/3/4/15 2/3/4/1 3/3/4/2 4/4/4/4294967295 5/3/4/3",
                                              "0xFFFFFFFFFFFFFFFF: 1/3/4/50 2/3/4/4 3/3/4/5 4/4/4/4294967295 5/3/4/6"));
@@ -121,8 +125,7 @@ TEST_F(PerformanceCacheTest, NodeNumberOfTheFirstColumnIsParsedFromTheController
 }
 
 TEST_F(PerformanceCacheTest, ValuesBeyondTheThirdAreNotAnswered) {
-  ListControllers({"0A"});
-  backend().onStats("207:0A", "1,2,3,4,5");
+  ListControllersWithStats({{"0A", "1,2,3,4,5"}});
   EXPECT_EQ(Query(), 0);
   EXPECT_THAT(PackageText(rsp_), ElementsAre("0xFFFFFFFFFFFFFFFF: 1/3/4/0 2/3/4/1 3/3/4/2 4/4/4/4294967295 5/3/4/3"));
   EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest, kListControllers, StatsRequest("0A")));
@@ -130,10 +133,7 @@ TEST_F(PerformanceCacheTest, ValuesBeyondTheThirdAreNotAnswered) {
 }
 
 TEST_F(PerformanceCacheTest, UnparsableControllerIdEndsTheReadWithMinusOneAfterEarlierRows) {
-  ListControllers({"0A", "X9", "0B"});
-  backend().onStats("207:0A", "1,2,3");
-  backend().onStats("207:X9", "4,5,6");
-  backend().onStats("207:0B", "7,8,9");
+  ListControllersWithStats({{"0A", "1,2,3"}, {"X9", "4,5,6"}, {"0B", "7,8,9"}});
   EXPECT_EQ(Query(), -1);
   EXPECT_THAT(Requests(backend()),
               ElementsAre(kSwitchRequest, kListControllers, StatsRequest("0A"), StatsRequest("X9")));
@@ -146,9 +146,7 @@ TEST_F(PerformanceCacheTest, UnparsableControllerIdEndsTheReadWithMinusOneAfterE
 }
 
 TEST_F(PerformanceCacheTest, ObjectIdThatIsNotAControllerIdGivesMinusOneAndTheParseFailureLine) {
-  ListControllers({"0E", "0A"});
-  backend().onStats("207:0E", "1,2,3");
-  backend().onStats("207:0A", "4,5,6");
+  ListControllersWithStats({{"0E", "1,2,3"}, {"0A", "4,5,6"}});
   EXPECT_EQ(Query(), -1);
   EXPECT_THAT(rsp_.records(), IsEmpty());
   EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest, kListControllers, StatsRequest("0E")));
@@ -159,9 +157,7 @@ TEST_F(PerformanceCacheTest, ObjectIdThatIsNotAControllerIdGivesMinusOneAndThePa
 }
 
 TEST_F(PerformanceCacheTest, FetchReturningOnlyTwoValuesEndsTheReadWithMinusOneAndNoLogLine) {
-  ListControllers({"0A", "0B"});
-  backend().onStats("207:0A", "1,2");
-  backend().onStats("207:0B", "4,5,6");
+  ListControllersWithStats({{"0A", "1,2"}, {"0B", "4,5,6"}});
   EXPECT_EQ(Query(), -1);
   EXPECT_THAT(rsp_.records(), IsEmpty());
   EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest, kListControllers, StatsRequest("0A")));
@@ -170,10 +166,7 @@ TEST_F(PerformanceCacheTest, FetchReturningOnlyTwoValuesEndsTheReadWithMinusOneA
 }
 
 TEST_F(PerformanceCacheTest, FewerThanThreeValuesAfterEarlierRowsGivesMinusOneWithoutLogging) {
-  ListControllers({"0A", "0B", "0C"});
-  backend().onStats("207:0A", "1,2,3");
-  backend().onStats("207:0B", "4");
-  backend().onStats("207:0C", "7,8,9");
+  ListControllersWithStats({{"0A", "1,2,3"}, {"0B", "4"}, {"0C", "7,8,9"}});
   EXPECT_EQ(Query(), -1);
   EXPECT_THAT(PackageText(rsp_), ElementsAre("0xFFFFFFFFFFFFFFFF: 1/3/4/0 2/3/4/1 3/3/4/2 4/4/4/4294967295 5/3/4/3"));
   EXPECT_THAT(Requests(backend()),
@@ -216,8 +209,7 @@ TEST_F(PerformanceCacheTest, FailedFetchForAControllerReturnsItsCodeKeepsEarlier
 }
 
 TEST_F(PerformanceCacheTest, UnparsableStatisticsTextEndsTheReadWithMinusOneAndBothFailureLines) {
-  ListControllers({"1A"});
-  backend().onStats("207:1A", "1,two,3");
+  ListControllersWithStats({{"1A", "1,two,3"}});
   EXPECT_EQ(Query(), -1);
   EXPECT_THAT(rsp_.records(), IsEmpty());
   EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest, kListControllers, StatsRequest("1A")));
@@ -231,9 +223,7 @@ TEST_F(PerformanceCacheTest, UnparsableStatisticsTextEndsTheReadWithMinusOneAndB
 }
 
 TEST_F(PerformanceCacheTest, ValueListIsEmptiedBetweenControllers) {
-  ListControllers({"0A", "0B"});
-  backend().onStats("207:0A", "1,2,3");
-  backend().onStats("207:0B", "4,5");
+  ListControllersWithStats({{"0A", "1,2,3"}, {"0B", "4,5"}});
   // Were the first controller's values kept, the second would find five.
   EXPECT_EQ(Query(), -1);
   EXPECT_THAT(PackageText(rsp_), ElementsAre("0xFFFFFFFFFFFFFFFF: 1/3/4/0 2/3/4/1 3/3/4/2 4/4/4/4294967295 5/3/4/3"));

@@ -148,6 +148,18 @@ class PerformanceLunTest : public HandlerTest<> {
     return FilledRowText(handler_, backend(), "11:" + id, values, Lun(id));
   }
 
+  // GetBatchUUID over a listing of these records, from amount, index and
+  // firstIndex: "<result> ids=<batchObjID> index=<index> first=<firstIndex>
+  // amount=<amount>" as the call leaves them.
+  std::string BatchUUID(const std::vector<Rec>& records, Uint32 amount, std::string index = CSnmpTableBase::INVALID_KEY,
+                        std::string firstIndex = CSnmpTableBase::INVALID_KEY) {
+    std::unique_ptr<CTLVPackage> listing = Package(records);
+    std::string batchObjID;
+    const int result = handler_.GetBatchUUID(*listing, amount, index, firstIndex, batchObjID);
+    return std::to_string(result) + " ids=" + batchObjID + " index=" + index + " first=" + firstIndex +
+           " amount=" + std::to_string(amount);
+  }
+
   TestLunHandler handler_;
 };
 
@@ -304,111 +316,46 @@ TEST_F(PerformanceLunTest, NonStringIdCellInTheIdTagThrowsFromFillAndFromAppendR
 // GetBatchUUID.
 
 TEST_F(PerformanceLunTest, FiveListedLunsWithAmountThreeGiveTheFirstThreeJoinedByCommas) {
-  auto listing = Package({Lun("7"), Lun("8"), Lun("9"), Lun("10"), Lun("11"), Control(1)});
-  Uint32 amount = 3;
-  std::string index = CSnmpTableBase::INVALID_KEY;
-  std::string firstIndex = CSnmpTableBase::INVALID_KEY;
-  std::string batchObjID;
-  EXPECT_EQ(handler_.GetBatchUUID(*listing, amount, index, firstIndex, batchObjID), 0);
-  EXPECT_EQ(batchObjID, "7,8,9");
-  EXPECT_EQ(index, "9");
-  EXPECT_EQ(firstIndex, "7");
-  EXPECT_EQ(amount, 0u);
+  EXPECT_EQ(BatchUUID({Lun("7"), Lun("8"), Lun("9"), Lun("10"), Lun("11"), Control(1)}, 3),
+            "0 ids=7,8,9 index=9 first=7 amount=0");
   EXPECT_THAT(KitLines(log_), ElementsAreArray(IndexLines(3)));
   EXPECT_EQ(backend().callCount(), 0u);
 }
 
 TEST_F(PerformanceLunTest, AListingThatRepeatsTheFirstKeyStopsBeforeItWithoutCountingIt) {
-  auto listing = Package({Lun("1"), Lun("2"), Lun("1"), Lun("3")});
-  Uint32 amount = 10;
-  std::string index = CSnmpTableBase::INVALID_KEY;
-  std::string firstIndex = CSnmpTableBase::INVALID_KEY;
-  std::string batchObjID;
-  EXPECT_EQ(handler_.GetBatchUUID(*listing, amount, index, firstIndex, batchObjID), 0);
-  EXPECT_EQ(batchObjID, "1,2");
-  EXPECT_EQ(amount, 8u);
-  EXPECT_EQ(index, "1");  // the position names the repeated key
-  EXPECT_EQ(firstIndex, "1");
+  // The position names the repeated key.
+  EXPECT_EQ(BatchUUID({Lun("1"), Lun("2"), Lun("1"), Lun("3")}, 10), "0 ids=1,2 index=1 first=1 amount=8");
   EXPECT_THAT(KitLines(log_), ElementsAreArray(IndexLines(3)));
 }
 
 TEST_F(PerformanceLunTest, ALaterBatchThatComesBackToTheFirstKeyStopsBeforeIt) {
   // firstIndex set by an earlier batch: every ID of this batch follows a comma.
-  auto listing = Package({Lun("4"), Lun("5"), Lun("3"), Lun("6")});
-  Uint32 amount = 10;
-  std::string index = "3";
-  std::string firstIndex = "3";
-  std::string batchObjID;
-  EXPECT_EQ(handler_.GetBatchUUID(*listing, amount, index, firstIndex, batchObjID), 0);
-  EXPECT_EQ(batchObjID, ",4,5");
-  EXPECT_EQ(amount, 8u);
-  EXPECT_EQ(index, "3");
-  EXPECT_EQ(firstIndex, "3");
+  EXPECT_EQ(BatchUUID({Lun("4"), Lun("5"), Lun("3"), Lun("6")}, 10, "3", "3"), "0 ids=,4,5 index=3 first=3 amount=8");
 }
 
 TEST_F(PerformanceLunTest, AControlValueOfTwoIsAnOrdinaryLunRecord) {
-  auto listing = Package({Rec(kListingCmd).u32(4095, 2).str(1, "9"), Lun("10")});
-  Uint32 amount = 5;
-  std::string index = CSnmpTableBase::INVALID_KEY;
-  std::string firstIndex = CSnmpTableBase::INVALID_KEY;
-  std::string batchObjID;
-  EXPECT_EQ(handler_.GetBatchUUID(*listing, amount, index, firstIndex, batchObjID), -1);
-  EXPECT_EQ(batchObjID, "9,10");
-  EXPECT_EQ(index, "10");
-  EXPECT_EQ(firstIndex, "9");
-  EXPECT_EQ(amount, 3u);
+  EXPECT_EQ(BatchUUID({Rec(kListingCmd).u32(4095, 2).str(1, "9"), Lun("10")}, 5),
+            "-1 ids=9,10 index=10 first=9 amount=3");
   EXPECT_THAT(KitLines(log_), ElementsAreArray(IndexLines(2)));
 }
 
 TEST_F(PerformanceLunTest, ControlValueZeroStopsTheBatchAndAsksForMore) {
-  auto listing = Package({Lun("1"), Lun("2"), Control(0), Lun("3")});
-  Uint32 amount = 160;
-  std::string index = CSnmpTableBase::INVALID_KEY;
-  std::string firstIndex = CSnmpTableBase::INVALID_KEY;
-  std::string batchObjID;
-  EXPECT_EQ(handler_.GetBatchUUID(*listing, amount, index, firstIndex, batchObjID), -1);
-  EXPECT_EQ(batchObjID, "1,2");
-  EXPECT_EQ(index, "2");
-  EXPECT_EQ(firstIndex, "1");
-  EXPECT_EQ(amount, 158u);
+  EXPECT_EQ(BatchUUID({Lun("1"), Lun("2"), Control(0), Lun("3")}, 160), "-1 ids=1,2 index=2 first=1 amount=158");
 }
 
 TEST_F(PerformanceLunTest, AnEmptyControlCellReadsAsZeroAndStopsTheBatch) {
-  auto listing = Package({Lun("1"), Rec(kListingCmd).cell(4095, 3, {}).str(1, "2"), Lun("3")});
-  Uint32 amount = 160;
-  std::string index = CSnmpTableBase::INVALID_KEY;
-  std::string firstIndex = CSnmpTableBase::INVALID_KEY;
-  std::string batchObjID;
-  EXPECT_EQ(handler_.GetBatchUUID(*listing, amount, index, firstIndex, batchObjID), -1);
-  EXPECT_EQ(batchObjID, "1");
-  EXPECT_EQ(index, "1");
-  EXPECT_EQ(amount, 159u);
+  EXPECT_EQ(BatchUUID({Lun("1"), Rec(kListingCmd).cell(4095, 3, {}).str(1, "2"), Lun("3")}, 160),
+            "-1 ids=1 index=1 first=1 amount=159");
 }
 
 TEST_F(PerformanceLunTest, ControlValueOneAfterLunsEndsTheWalkAndResetsTheIndex) {
-  auto listing = Package({Lun("1"), Lun("2"), Control(1), Lun("3")});
-  Uint32 amount = 160;
-  std::string index = CSnmpTableBase::INVALID_KEY;
-  std::string firstIndex = CSnmpTableBase::INVALID_KEY;
-  std::string batchObjID;
-  EXPECT_EQ(handler_.GetBatchUUID(*listing, amount, index, firstIndex, batchObjID), -1);
-  EXPECT_EQ(batchObjID, "1,2");
-  EXPECT_EQ(index, CSnmpTableBase::INVALID_KEY);
-  EXPECT_EQ(firstIndex, "1");
-  EXPECT_EQ(amount, 158u);
+  EXPECT_EQ(BatchUUID({Lun("1"), Lun("2"), Control(1), Lun("3")}, 160),
+            "-1 ids=1,2 index=" + CSnmpTableBase::INVALID_KEY + " first=1 amount=158");
   EXPECT_THAT(KitLines(log_), ElementsAreArray(IndexLines(2)));
 }
 
 TEST_F(PerformanceLunTest, ARecordWithoutCellsIsSkippedAndAUsedUpReplyAsksForMore) {
-  auto listing = Package({Rec(), Lun("1"), Rec(), Lun("2")});
-  Uint32 amount = 160;
-  std::string index = CSnmpTableBase::INVALID_KEY;
-  std::string firstIndex = CSnmpTableBase::INVALID_KEY;
-  std::string batchObjID;
-  EXPECT_EQ(handler_.GetBatchUUID(*listing, amount, index, firstIndex, batchObjID), -1);
-  EXPECT_EQ(batchObjID, "1,2");
-  EXPECT_EQ(index, "2");
-  EXPECT_EQ(amount, 158u);
+  EXPECT_EQ(BatchUUID({Rec(), Lun("1"), Rec(), Lun("2")}, 160), "-1 ids=1,2 index=2 first=1 amount=158");
   EXPECT_THAT(KitLines(log_), ElementsAreArray(IndexLines(2)));
 }
 

@@ -113,7 +113,8 @@ TYPED_TEST(RowHandlerTest, AWalkWithCollectionSwitchedOffGivesNoRowsAndSendsNoLi
 TYPED_TEST(RowHandlerTest, TheKeyOfAListedRowIsTheTextOfItsTag1Cell) {
   std::unique_ptr<CTLVRecordV3> listed(this->Listed(TypeParam::kKey).build());
   EXPECT_EQ(this->handler_.getIndexOfRecord(*listed), TypeParam::kKey);
-  EXPECT_THAT(KitLines(this->log_), ElementsAre(Enter(this->kSigs.indexOfRecord), Leave(this->kSigs.indexOfRecord, true)));
+  EXPECT_THAT(KitLines(this->log_),
+              ElementsAre(Enter(this->kSigs.indexOfRecord), Leave(this->kSigs.indexOfRecord, true)));
 }
 
 TYPED_TEST(RowHandlerTest, PerRowStatisticsFailureIsLoggedWithAnEmptyIdAndItsCodeReturned) {
@@ -141,7 +142,8 @@ TYPED_TEST(RowHandlerTest, PostGetRspCellEmptiesTheValuesAndTraces) {
   ASSERT_EQ(this->handler_.preGetRspCell(*listed), 0);
   this->log_.clear();
   this->handler_.postGetRspCell(*listed);
-  EXPECT_THAT(KitLines(this->log_), ElementsAre(Enter(this->kSigs.postGetRspCell), Leave(this->kSigs.postGetRspCell, true)));
+  EXPECT_THAT(KitLines(this->log_),
+              ElementsAre(Enter(this->kSigs.postGetRspCell), Leave(this->kSigs.postGetRspCell, true)));
   CTLVRecordV3 row(CTLVRecordV3::RESPONSE_ID, 32);
   this->handler_.fillRspRecord(*listed, &row);
   EXPECT_EQ(RecordText(row), TypeParam::IdCell("5"));
@@ -158,7 +160,8 @@ TYPED_TEST(RowHandlerTest, NonStringIdCellThrowsFromGetIndexOfRecord) {
   std::unique_ptr<CTLVRecordV3> listed(Rec().t6(0, TypeParam::kObjectType).u32(1, 12).build());
   EXPECT_EQ(ThrownText([&] { this->handler_.getIndexOfRecord(*listed); }),
             "CVEM_Exception: CTLVCell isn't string type! tag equal to 1");
-  EXPECT_THAT(KitLines(this->log_), ElementsAre(Enter(this->kSigs.indexOfRecord), Leave(this->kSigs.indexOfRecord, true)));
+  EXPECT_THAT(KitLines(this->log_),
+              ElementsAre(Enter(this->kSigs.indexOfRecord), Leave(this->kSigs.indexOfRecord, true)));
 }
 
 TYPED_TEST(RowHandlerTest, NonStringIdCellThrowsFromPreGetRspCellBeforeAnyQuery) {
@@ -170,8 +173,9 @@ TYPED_TEST(RowHandlerTest, NonStringIdCellThrowsFromPreGetRspCellBeforeAnyQuery)
               "CVEM_Exception: CTLVCell isn't string type! tag equal to 1");
   }
   EXPECT_EQ(this->backend().callCount(), 0u);
-  EXPECT_THAT(KitLines(this->log_), ElementsAre(Enter(this->kSigs.preGetRspCell), Leave(this->kSigs.preGetRspCell, true),
-                                                Enter(this->kSigs.preGetRspCell), Leave(this->kSigs.preGetRspCell, true)));
+  EXPECT_THAT(KitLines(this->log_),
+              ElementsAre(Enter(this->kSigs.preGetRspCell), Leave(this->kSigs.preGetRspCell, true),
+                          Enter(this->kSigs.preGetRspCell), Leave(this->kSigs.preGetRspCell, true)));
 }
 
 TYPED_TEST(RowHandlerTest, NonStringIdCellThrowsFromFillRspRecordAndTheRowStaysEmpty) {

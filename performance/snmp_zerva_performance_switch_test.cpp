@@ -37,6 +37,21 @@ class PerformanceSwitchTest : public HandlerTest<> {
     return handler_.OnSetLeaf(ctx_, req, rsp_);
   }
 
+  // queryLeaf, expected to succeed: the cell it answers, as text.
+  std::string ReadCell() {
+    CTLVCell* cell = nullptr;
+    EXPECT_EQ(handler_.queryLeaf(ctx_, cell), 0);
+    std::unique_ptr<CTLVCell> owned(cell);
+    return cell == nullptr ? "no cell" : CellText(*cell);
+  }
+
+  // The back end saw the switch query alone, and queryLeaf traced its entry
+  // and exit (OK) and nothing else.
+  void ExpectOneTracedSwitchQuery() {
+    EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest));
+    EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kQuerySig), Leave(kQuerySig, true)));
+  }
+
   CPerformanceSwithHandler handler_;
 };
 
@@ -45,35 +60,20 @@ class PerformanceSwitchTest : public HandlerTest<> {
 
 TEST_F(PerformanceSwitchTest, ReadAnswersTheBackEndStateAsAFourByteUnsignedTag0Cell) {
   env_.setSwitch(1);
-  CTLVCell* cell = nullptr;
-  EXPECT_EQ(handler_.queryLeaf(ctx_, cell), 0);
-  ASSERT_NE(cell, nullptr);
-  std::unique_ptr<CTLVCell> owned(cell);
-  EXPECT_EQ(CellText(*cell), "0/3/4/1");
-  EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kQuerySig), Leave(kQuerySig, true)));
+  EXPECT_EQ(ReadCell(), "0/3/4/1");
+  ExpectOneTracedSwitchQuery();
 }
 
 TEST_F(PerformanceSwitchTest, ReadPassesAnyStateThroughUnchanged) {
   env_.setSwitch(4000000000u);
-  CTLVCell* cell = nullptr;
-  EXPECT_EQ(handler_.queryLeaf(ctx_, cell), 0);
-  ASSERT_NE(cell, nullptr);
-  std::unique_ptr<CTLVCell> owned(cell);
-  EXPECT_EQ(CellText(*cell), "0/3/4/4000000000");
-  EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kQuerySig), Leave(kQuerySig, true)));
+  EXPECT_EQ(ReadCell(), "0/3/4/4000000000");
+  ExpectOneTracedSwitchQuery();
 }
 
 TEST_F(PerformanceSwitchTest, ReadOfASignedOneByteAnswerFFGivesAllOnes) {
   backend().on(kGetSwitchCmd, Answer{Rec().cell(0, 4, {0xFF})});
-  CTLVCell* cell = nullptr;
-  EXPECT_EQ(handler_.queryLeaf(ctx_, cell), 0);
-  ASSERT_NE(cell, nullptr);
-  std::unique_ptr<CTLVCell> owned(cell);
-  EXPECT_EQ(CellText(*cell), "0/3/4/4294967295");
-  EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kQuerySig), Leave(kQuerySig, true)));
+  EXPECT_EQ(ReadCell(), "0/3/4/4294967295");
+  ExpectOneTracedSwitchQuery();
 }
 
 TEST_F(PerformanceSwitchTest, ReadThroughOnQueryLeafAnswersOneResponseRecord) {
@@ -81,8 +81,7 @@ TEST_F(PerformanceSwitchTest, ReadThroughOnQueryLeafAnswersOneResponseRecord) {
   CTLVPackage req;
   EXPECT_EQ(handler_.OnQueryLeaf(ctx_, req, rsp_), 0);
   EXPECT_THAT(PackageText(rsp_), ElementsAre("0xFFFFFFFFFFFFFFFF: 0/3/4/0"));
-  EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kQuerySig), Leave(kQuerySig, true)));
+  ExpectOneTracedSwitchQuery();
 }
 
 TEST_F(PerformanceSwitchTest, ReadWithAFailingBackEndReturnsItsStatusAndLeavesTheCellPointerAlone) {
@@ -91,8 +90,7 @@ TEST_F(PerformanceSwitchTest, ReadWithAFailingBackEndReturnsItsStatusAndLeavesTh
   CTLVCell* cell = &sentinel;
   EXPECT_EQ(handler_.queryLeaf(ctx_, cell), 1077949460);
   EXPECT_EQ(cell, &sentinel);
-  EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kQuerySig), Leave(kQuerySig, true)));
+  ExpectOneTracedSwitchQuery();
 }
 
 TEST_F(PerformanceSwitchTest, ReadBackEndFailureReturnsTheStatusWithoutLogOrCell) {
@@ -103,8 +101,7 @@ TEST_F(PerformanceSwitchTest, ReadBackEndFailureReturnsTheStatusWithoutLogOrCell
   EXPECT_TRUE(log_.records(VEM_LOG_ERROR).empty());
   EXPECT_TRUE(log_.records(VEM_LOG_WARN).empty());
   EXPECT_TRUE(log_.records(VEM_LOG_DEBUG).empty());
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kQuerySig), Leave(kQuerySig, true)));
-  EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest));
+  ExpectOneTracedSwitchQuery();
 }
 
 TEST_F(PerformanceSwitchTest, ReadAnswerWithoutARecordThrowsRecordDontExistIndex0) {
@@ -112,8 +109,7 @@ TEST_F(PerformanceSwitchTest, ReadAnswerWithoutARecordThrowsRecordDontExistIndex
   CTLVCell* cell = nullptr;
   EXPECT_EQ(ThrownText([&] { handler_.queryLeaf(ctx_, cell); }), "CVEM_Exception: record don't exist, index is 0");
   EXPECT_EQ(cell, nullptr);
-  EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kQuerySig), Leave(kQuerySig, true)));
+  ExpectOneTracedSwitchQuery();
 }
 
 TEST_F(PerformanceSwitchTest, ReadAnswerCell0NotNumericalThrowsWithItsTag) {
@@ -122,19 +118,13 @@ TEST_F(PerformanceSwitchTest, ReadAnswerCell0NotNumericalThrowsWithItsTag) {
   EXPECT_EQ(ThrownText([&] { handler_.queryLeaf(ctx_, cell); }),
             "CVEM_Exception: CTLVCell isn't numerical type! tag equal to 0");
   EXPECT_EQ(cell, nullptr);
-  EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kQuerySig), Leave(kQuerySig, true)));
+  ExpectOneTracedSwitchQuery();
 }
 
 TEST_F(PerformanceSwitchTest, ReadAnswerWithSeveralRecordsAndCellsUsesRecord0Cell0Only) {
   backend().on(kGetSwitchCmd, Answer{Rec().u32(0, 6).u32(1, 9).str(2, "x"), Rec().u32(0, 8), Rec().u32(0, 10)});
-  CTLVCell* cell = nullptr;
-  EXPECT_EQ(handler_.queryLeaf(ctx_, cell), 0);
-  ASSERT_NE(cell, nullptr);
-  std::unique_ptr<CTLVCell> owned(cell);
-  EXPECT_EQ(CellText(*cell), "0/3/4/6");
-  EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kQuerySig), Leave(kQuerySig, true)));
+  EXPECT_EQ(ReadCell(), "0/3/4/6");
+  ExpectOneTracedSwitchQuery();
 }
 
 // ---------------------------------------------------------------------------

@@ -80,10 +80,7 @@ std::unique_ptr<CTLVPackage> Call::package() const {
 
 int FakeBackend::exchange(CTLVPackage& req, CTLVPackage& rsp, bool listing) {
   Call call;
-  unsigned char* out = nullptr;
-  unsigned int n = req.encode(out);
-  call.bytes.assign(out, out + n);
-  delete[] out;
+  call.bytes = Encode(req);
   call.listing = listing;
   Answer answer;
   {
@@ -241,6 +238,14 @@ void BackendFixture::setFeatures(std::set<int> features) {
 }
 
 void BackendFixture::setSwitch(unsigned int state) { backend_->on(kGetSwitchCmd, Answer{Rec().u32(0, state)}); }
+
+std::vector<unsigned char> Encode(CTLVPackage& pkg) {
+  unsigned char* out = nullptr;
+  unsigned int n = pkg.encode(out);
+  std::vector<unsigned char> bytes(out, out + n);
+  delete[] out;
+  return bytes;
+}
 
 std::string CellText(const CTLVCell& cell) {
   std::string out =

@@ -154,6 +154,9 @@ class BackendFixture {
   std::shared_ptr<ISnmpCapabilitySource> previousSource_;
 };
 
+// The package encoded by CTLVPackage::encode(unsigned char*&).
+std::vector<unsigned char> Encode(CTLVPackage& pkg);
+
 // Text of one cell as the tests compare it: "tag/type/len/value" where the
 // value is the ValueCast number for numeric cells of up to 4 bytes, the
 // 64-bit number for 8-byte ones, and the quoted bytes for text ("\0" for NUL).

@@ -59,8 +59,7 @@ std::string Leave(const std::string& sig, bool ok, const std::string& prefix = k
 // The trace lines of outerSig calling innerSig once per entry of inner (true:
 // that call succeeded), outerSig ending with ok.
 std::vector<std::string> CallTraces(const std::string& outerSig, const std::string& innerSig,
-                                    const std::vector<bool>& inner, bool ok,
-                                    const std::string& prefix = kKit4Trace);
+                                    const std::vector<bool>& inner, bool ok, const std::string& prefix = kKit4Trace);
 
 // The trace signatures of the table hooks of handler class cls.
 struct TableSigs {
@@ -87,7 +86,7 @@ inline constexpr char kResponseId[] = "0xFFFFFFFFFFFFFFFF: ";
 // A type-2 cell holding text and its NUL, as CellText writes it.
 std::string StrCell(unsigned int tag, const std::string& text);
 
-// lines, times over.
+// The lines, repeated times times in a row.
 std::vector<std::string> Repeat(const std::vector<std::string>& lines, int times);
 
 // Kit-4 message lines as KitLines writes them: an error (code 0x1002E), a
@@ -135,15 +134,15 @@ std::string FilledRowText(Handler& handler, FakeBackend& backend, const std::str
 // was written and the traces are the entry to and the exit (OK) from
 // OnQueryTable only.
 void ExpectReadStoppedAtTheSwitch(const FakeBackend& backend, const CTLVPackage& rsp, const KitLogCapture& log);
-// A read of a CPerformanceSimpleHandler table that got no object to query:
-// the switch query and listingRequest alone were sent ("query" and "listing"
-// labels) and no row was answered.
-void ExpectNoRowAfterTheListing(const FakeBackend& backend, const CTLVPackage& rsp, const std::string& listingRequest);
 // The same for a table handler with its own OnQueryTable (querySig), which
 // traces through kit 4: the switch query ("listing=0" label) alone, no row,
 // and the kit lines are the entry to and the exit (OK) from querySig only.
 void ExpectReadStoppedAtTheSwitch(const FakeBackend& backend, const CTLVPackage& rsp, const KitLogCapture& log,
                                   const std::string& querySig);
+// A read of a CPerformanceSimpleHandler table that got no object to query:
+// the switch query and listingRequest alone were sent ("query" and "listing"
+// labels) and no row was answered.
+void ExpectNoRowAfterTheListing(const FakeBackend& backend, const CTLVPackage& rsp, const std::string& listingRequest);
 
 // The environment of a handler test: the fake back end with the test device
 // configuration (built first, so that the command codes are loaded before any

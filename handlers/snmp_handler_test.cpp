@@ -5,11 +5,13 @@
 #include <stdexcept>
 
 #include "tests/support/fake_backend.h"
+#include "tests/support/handler_test_support.h"
 
 namespace {
 
 using zerva_test::CellText;
 using zerva_test::Rec;
+using zerva_test::ThrownText;
 
 // A scalar whose hook is scripted.
 class ScriptedLeaf : public CSnmpLeafHandler {
@@ -107,29 +109,26 @@ TEST(LeafHandlerTest, SetOnALeafReturnsMinusOneAndTouchesNothing) {
   EXPECT_EQ(rsp.size(), 0u);
 }
 
-void ExpectThrowText(const std::function<void()>& f, const std::string& text) {
-  try {
-    f();
-    ADD_FAILURE() << "no exception";
-  } catch (const CVEM_Exception& e) {
-    EXPECT_EQ(std::string(e.what()), "CVEM_Exception: " + text);
-  }
-}
-
 TEST(LeafHandlerTest, TableOperationsOnALeafThrow) {
   PlainLeaf leaf;
   CTLVPackage req, rsp;
-  ExpectThrowText([&] { leaf.OnQueryTable(ctx, req, rsp); }, "CSnmpLeafHandler can't support leaf OnQueryTable!");
-  ExpectThrowText([&] { leaf.OnCreateTable(ctx, req, rsp); }, "CSnmpLeafHandler can't support leaf OnCreateTable!");
-  ExpectThrowText([&] { leaf.OnModifyTable(ctx, req, rsp); }, "CSnmpLeafHandler can't support leaf OnModifyTable!");
-  ExpectThrowText([&] { leaf.OnDeleteTable(ctx, req, rsp); }, "CSnmpLeafHandler can't support leaf OnDeleteTable!");
+  EXPECT_EQ(ThrownText([&] { leaf.OnQueryTable(ctx, req, rsp); }),
+            "CVEM_Exception: CSnmpLeafHandler can't support leaf OnQueryTable!");
+  EXPECT_EQ(ThrownText([&] { leaf.OnCreateTable(ctx, req, rsp); }),
+            "CVEM_Exception: CSnmpLeafHandler can't support leaf OnCreateTable!");
+  EXPECT_EQ(ThrownText([&] { leaf.OnModifyTable(ctx, req, rsp); }),
+            "CVEM_Exception: CSnmpLeafHandler can't support leaf OnModifyTable!");
+  EXPECT_EQ(ThrownText([&] { leaf.OnDeleteTable(ctx, req, rsp); }),
+            "CVEM_Exception: CSnmpLeafHandler can't support leaf OnDeleteTable!");
 }
 
 TEST(TableHandlerTest, LeafOperationsOnATableThrow) {
   PlainTable table;
   CTLVPackage req, rsp;
-  ExpectThrowText([&] { table.OnSetLeaf(ctx, req, rsp); }, "CSnmpTableHandler can't support leaf OnSetLeaf!");
-  ExpectThrowText([&] { table.OnQueryLeaf(ctx, req, rsp); }, "CSnmpTableHandler can't support leaf OnQueryLeaf!");
+  EXPECT_EQ(ThrownText([&] { table.OnSetLeaf(ctx, req, rsp); }),
+            "CVEM_Exception: CSnmpTableHandler can't support leaf OnSetLeaf!");
+  EXPECT_EQ(ThrownText([&] { table.OnQueryLeaf(ctx, req, rsp); }),
+            "CVEM_Exception: CSnmpTableHandler can't support leaf OnQueryLeaf!");
 }
 
 TEST(TableHandlerTest, UnimplementedTableOperationsReturnMinusOneWithoutThrowing) {

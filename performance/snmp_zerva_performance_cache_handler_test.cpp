@@ -3,49 +3,19 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "tests/support/fake_backend.h"
-#include "tests/support/kit_log_capture.h"
+#include "tests/support/handler_test_support.h"
 
+namespace zerva_test {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using zerva_test::Answer;
-using zerva_test::BackendFixture;
-using zerva_test::Call;
-using zerva_test::FakeBackend;
-using zerva_test::KitLogCapture;
-using zerva_test::PackageText;
-using zerva_test::Rec;
+const TableSigs kSigs("CPerformanceCacheHandler");
 
-const char kTableSig[] =
-    "virtual int CPerformanceCacheHandler::OnQueryTable(const CVEM_SnmpContext&, const "
-    "CTLVPackageV3<TLVMsgHeadV3>&, CTLVPackageV3<TLVMsgHeadV3>&)";
-const char kBatchSig[] =
-    "int CSnmpPerformanceCommon::GetBatchPerfData(u_int, const string&, const string&, "
-    "std::vector<unsigned int>&)";
-
-const char kSwitchRequest[] = "listing=0 0xDE0222001: ";
 const char kListControllers[] = "listing=1 0xD0000C000: 0/6/8/207";
-
-// Every request the back end received, in order: "listing=<0|1> " followed by
-// its records as "0x<id>: <cells>", records joined by " | ".
-std::vector<std::string> Requests(const FakeBackend& backend) {
-  std::vector<std::string> out;
-  for (const Call& call : backend.calls()) {
-    std::string text = call.listing ? "listing=1 " : "listing=0 ";
-    std::vector<std::string> records = PackageText(*call.package());
-    for (size_t i = 0; i < records.size(); ++i) text += (i == 0 ? "" : " | ") + records[i];
-    out.push_back(text);
-  }
-  return out;
-}
 
 // The statistics request of the cache table for one two-character
 // controller ID ("0A" gives the object key "207:0A").
@@ -54,90 +24,53 @@ std::string StatsRequest(const std::string& controller) {
   return "listing=0 0xDE0222010: 0/2/7/\"207:" + controller + "\\0\" 8/2/12/\"110,120,303\\0\" 2/3/8/4";
 }
 
-// Every debug-kit record, in order: "<kit> TRACE <text>" for the enter and
-// leave lines, "<kit> <LEVEL> 0x<code> <function>: <text>" for messages.
-std::vector<std::string> KitLines(const KitLogCapture& log) {
-  std::vector<std::string> out;
-  for (const CVEMLogRecord& r : log.records()) {
-    std::string text = std::to_string(r.kitNo) + " ";
-    if (r.level == VEM_LOG_TRACE) {
-      out.push_back(text + "TRACE " + r.message);
-      continue;
-    }
-    const char* level = r.level == VEM_LOG_ERROR   ? "ERROR"
-                        : r.level == VEM_LOG_WARN  ? "WARN"
-                        : r.level == VEM_LOG_DEBUG ? "DEBUG"
-                                                   : "OTHER";
-    char code[32];
-    snprintf(code, sizeof code, "0x%llX", r.code);
-    out.push_back(text + level + " " + code + " " + r.function + ": " + r.message);
-  }
-  return out;
-}
-
-// Every message line names the source line it was written from.
-void ExpectMessagesCarrySourceLines(const KitLogCapture& log) {
-  for (const CVEMLogRecord& r : log.records()) {
-    if (r.level != VEM_LOG_TRACE) {
-      EXPECT_GT(r.line, 0u) << r.message;
-    }
-  }
-}
-
-std::string Enter(const std::string& sig) { return "4 TRACE enter " + sig + "..."; }
-std::string Leave(const std::string& sig, bool ok) { return "4 TRACE leave " + sig + (ok ? ": OK" : ": NOK"); }
-std::string Error(const std::string& function, const std::string& text) {
-  return "4 ERROR 0x1002E " + function + ": " + text;
-}
-
 // The trace lines of a table read that fetched statistics for n controllers
 // without a logged failure.
 std::vector<std::string> OkTrace(int n) {
-  std::vector<std::string> out = {Enter(kTableSig)};
-  for (int i = 0; i < n; ++i) {
-    out.push_back(Enter(kBatchSig));
-    out.push_back(Leave(kBatchSig, true));
-  }
-  out.push_back(Leave(kTableSig, true));
-  return out;
+  return CallTraces(kSigs.queryTable, kGetBatchPerfDataSig, std::vector<bool>(n, true), true);
 }
 
 // A listed controller: its object ID in tag 1, as the back end lists it.
 Rec Controller(const std::string& id) { return Rec().t6(0, 207).str(1, id); }
 
-class PerformanceCacheTest : public ::testing::Test {
+class PerformanceCacheTest : public HandlerTest<> {
  protected:
-  PerformanceCacheTest() { fixture_.setSwitch(1); }
+  PerformanceCacheTest() { env_.setSwitch(1); }
 
-  FakeBackend& backend() { return fixture_.backend(); }
+  // Answers the controller listing with these controllers, in order.
+  void ListControllers(const std::vector<std::string>& ids) {
+    Answer listing;
+    for (const std::string& id : ids) listing.records.push_back(Controller(id));
+    backend().onListing(207, listing);
+  }
+  // The same, each controller answering its statistics with the values text
+  // paired with it.
+  void ListControllersWithStats(const std::vector<std::pair<std::string, std::string>>& controllers) {
+    std::vector<std::string> ids;
+    for (const auto& c : controllers) {
+      ids.push_back(c.first);
+      backend().onStats("207:" + c.first, c.second);
+    }
+    ListControllers(ids);
+  }
+
   int Query() { return handler_.OnQueryTable(ctx_, req_, rsp_); }
 
-  BackendFixture fixture_;
-  KitLogCapture log_;
   CPerformanceCacheHandler handler_;
-  CVEM_SnmpContext ctx_;
-  CTLVPackage req_;
-  CTLVPackage rsp_;
 };
 
 TEST_F(PerformanceCacheTest, CollectionSwitchedOffGivesAnEmptyTableAndZeroWithoutAskingTheBackEnd) {
-  fixture_.setSwitch(0);
-  backend().onListing(207, Answer{Controller("0A")});
-  backend().onStats("207:0A", "1,2,3");
+  env_.setSwitch(0);
+  ListControllersWithStats({{"0A", "1,2,3"}});
   EXPECT_EQ(Query(), 0);
-  EXPECT_THAT(rsp_.records(), IsEmpty());
-  EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kTableSig), Leave(kTableSig, true)));
+  ExpectReadStoppedAtTheSwitch(backend(), rsp_, log_, kSigs.queryTable);
 }
 
 TEST_F(PerformanceCacheTest, SwitchStateOtherThanOneIsAlsoOffAndGivesNoRows) {
-  fixture_.setSwitch(2);
-  backend().onListing(207, Answer{Controller("0A")});
-  backend().onStats("207:0A", "1,2,3");
+  env_.setSwitch(2);
+  ListControllersWithStats({{"0A", "1,2,3"}});
   EXPECT_EQ(Query(), 0);
-  EXPECT_THAT(rsp_.records(), IsEmpty());
-  EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kTableSig), Leave(kTableSig, true)));
+  ExpectReadStoppedAtTheSwitch(backend(), rsp_, log_, kSigs.queryTable);
 }
 
 TEST_F(PerformanceCacheTest, AnswerWithNoControllersGivesAnEmptyTableAndZero) {
@@ -145,25 +78,23 @@ TEST_F(PerformanceCacheTest, AnswerWithNoControllersGivesAnEmptyTableAndZero) {
   EXPECT_EQ(Query(), 0);
   EXPECT_THAT(rsp_.records(), IsEmpty());
   EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest, kListControllers));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kTableSig), Leave(kTableSig, true)));
+  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kSigs.queryTable), Leave(kSigs.queryTable, true)));
 }
 
 TEST_F(PerformanceCacheTest, TwoControllersGiveTwoRowsWithMinusOneAsSignedFourByteTag4) {
-  backend().onListing(207, Answer{Controller("0A"), Controller("1B")});
-  backend().onStats("207:0A", "1,2,3");
-  backend().onStats("207:1B", "4,5,6");
+  ListControllersWithStats({{"0A", "1,2,3"}, {"1B", "4,5,6"}});
   EXPECT_EQ(Query(), 0);
   EXPECT_THAT(Requests(backend()),
               ElementsAre(kSwitchRequest, kListControllers, StatsRequest("0A"), StatsRequest("1B")));
   EXPECT_THAT(PackageText(rsp_), ElementsAre("0xFFFFFFFFFFFFFFFF: 1/3/4/0 2/3/4/1 3/3/4/2 4/4/4/4294967295 5/3/4/3",
                                              "0xFFFFFFFFFFFFFFFF: 1/3/4/5 2/3/4/4 3/3/4/5 4/4/4/4294967295 5/3/4/6"));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig),
-                                          Leave(kBatchSig, true), Leave(kTableSig, true)));
+  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kSigs.queryTable), Enter(kGetBatchPerfDataSig),
+                                          Leave(kGetBatchPerfDataSig, true), Enter(kGetBatchPerfDataSig),
+                                          Leave(kGetBatchPerfDataSig, true), Leave(kSigs.queryTable, true)));
 }
 
 TEST_F(PerformanceCacheTest, Tag4CellIsTypeFourFourBytesAllOnes) {
-  backend().onListing(207, Answer{Controller("0B")});
-  backend().onStats("207:0B", "7,8,9");
+  ListControllersWithStats({{"0B", "7,8,9"}});
   EXPECT_EQ(Query(), 0);
   ASSERT_EQ(rsp_.size(), 1u);
   const CTLVRecordV3& row = *rsp_[0];
@@ -183,9 +114,7 @@ TEST_F(PerformanceCacheTest, Tag4CellIsTypeFourFourBytesAllOnes) {
 }
 
 TEST_F(PerformanceCacheTest, NodeNumberOfTheFirstColumnIsParsedFromTheControllerId) {
-  backend().onListing(207, Answer{Controller("3D"), Controller("12C")});
-  backend().onStats("207:3D", "1,2,3");
-  backend().onStats("207:12C", "4,5,6");
+  ListControllersWithStats({{"3D", "1,2,3"}, {"12C", "4,5,6"}});
   EXPECT_EQ(Query(), 0);
   EXPECT_THAT(PackageText(rsp_), ElementsAre("0xFFFFFFFFFFFFFFFF: 1/3/4/15 2/3/4/1 3/3/4/2 4/4/4/4294967295 5/3/4/3",
                                              "0xFFFFFFFFFFFFFFFF: 1/3/4/50 2/3/4/4 3/3/4/5 4/4/4/4294967295 5/3/4/6"));
@@ -196,8 +125,7 @@ TEST_F(PerformanceCacheTest, NodeNumberOfTheFirstColumnIsParsedFromTheController
 }
 
 TEST_F(PerformanceCacheTest, ValuesBeyondTheThirdAreNotAnswered) {
-  backend().onListing(207, Answer{Controller("0A")});
-  backend().onStats("207:0A", "1,2,3,4,5");
+  ListControllersWithStats({{"0A", "1,2,3,4,5"}});
   EXPECT_EQ(Query(), 0);
   EXPECT_THAT(PackageText(rsp_), ElementsAre("0xFFFFFFFFFFFFFFFF: 1/3/4/0 2/3/4/1 3/3/4/2 4/4/4/4294967295 5/3/4/3"));
   EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest, kListControllers, StatsRequest("0A")));
@@ -205,58 +133,49 @@ TEST_F(PerformanceCacheTest, ValuesBeyondTheThirdAreNotAnswered) {
 }
 
 TEST_F(PerformanceCacheTest, UnparsableControllerIdEndsTheReadWithMinusOneAfterEarlierRows) {
-  backend().onListing(207, Answer{Controller("0A"), Controller("X9"), Controller("0B")});
-  backend().onStats("207:0A", "1,2,3");
-  backend().onStats("207:X9", "4,5,6");
-  backend().onStats("207:0B", "7,8,9");
+  ListControllersWithStats({{"0A", "1,2,3"}, {"X9", "4,5,6"}, {"0B", "7,8,9"}});
   EXPECT_EQ(Query(), -1);
   EXPECT_THAT(Requests(backend()),
               ElementsAre(kSwitchRequest, kListControllers, StatsRequest("0A"), StatsRequest("X9")));
   EXPECT_THAT(PackageText(rsp_), ElementsAre("0xFFFFFFFFFFFFFFFF: 1/3/4/0 2/3/4/1 3/3/4/2 4/4/4/4294967295 5/3/4/3"));
-  EXPECT_THAT(
-      KitLines(log_),
-      ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig), Leave(kBatchSig, true),
-                  Error("OnQueryTable", "faild to parse controller id X9."), Leave(kTableSig, false)));
+  EXPECT_THAT(KitLines(log_),
+              ElementsAre(Enter(kSigs.queryTable), Enter(kGetBatchPerfDataSig), Leave(kGetBatchPerfDataSig, true),
+                          Enter(kGetBatchPerfDataSig), Leave(kGetBatchPerfDataSig, true),
+                          Error("OnQueryTable", "faild to parse controller id X9."), Leave(kSigs.queryTable, false)));
   ExpectMessagesCarrySourceLines(log_);
 }
 
 TEST_F(PerformanceCacheTest, ObjectIdThatIsNotAControllerIdGivesMinusOneAndTheParseFailureLine) {
-  backend().onListing(207, Answer{Controller("0E"), Controller("0A")});
-  backend().onStats("207:0E", "1,2,3");
-  backend().onStats("207:0A", "4,5,6");
+  ListControllersWithStats({{"0E", "1,2,3"}, {"0A", "4,5,6"}});
   EXPECT_EQ(Query(), -1);
   EXPECT_THAT(rsp_.records(), IsEmpty());
   EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest, kListControllers, StatsRequest("0E")));
   EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true),
-                          Error("OnQueryTable", "faild to parse controller id 0E."), Leave(kTableSig, false)));
+              ElementsAre(Enter(kSigs.queryTable), Enter(kGetBatchPerfDataSig), Leave(kGetBatchPerfDataSig, true),
+                          Error("OnQueryTable", "faild to parse controller id 0E."), Leave(kSigs.queryTable, false)));
   ExpectMessagesCarrySourceLines(log_);
 }
 
 TEST_F(PerformanceCacheTest, FetchReturningOnlyTwoValuesEndsTheReadWithMinusOneAndNoLogLine) {
-  backend().onListing(207, Answer{Controller("0A"), Controller("0B")});
-  backend().onStats("207:0A", "1,2");
-  backend().onStats("207:0B", "4,5,6");
+  ListControllersWithStats({{"0A", "1,2"}, {"0B", "4,5,6"}});
   EXPECT_EQ(Query(), -1);
   EXPECT_THAT(rsp_.records(), IsEmpty());
   EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest, kListControllers, StatsRequest("0A")));
-  EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true), Leave(kTableSig, true)));
+  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kSigs.queryTable), Enter(kGetBatchPerfDataSig),
+                                          Leave(kGetBatchPerfDataSig, true), Leave(kSigs.queryTable, true)));
 }
 
 TEST_F(PerformanceCacheTest, FewerThanThreeValuesAfterEarlierRowsGivesMinusOneWithoutLogging) {
-  backend().onListing(207, Answer{Controller("0A"), Controller("0B"), Controller("0C")});
-  backend().onStats("207:0A", "1,2,3");
-  backend().onStats("207:0B", "4");
-  backend().onStats("207:0C", "7,8,9");
+  ListControllersWithStats({{"0A", "1,2,3"}, {"0B", "4"}, {"0C", "7,8,9"}});
   EXPECT_EQ(Query(), -1);
   EXPECT_THAT(PackageText(rsp_), ElementsAre("0xFFFFFFFFFFFFFFFF: 1/3/4/0 2/3/4/1 3/3/4/2 4/4/4/4294967295 5/3/4/3"));
   EXPECT_THAT(Requests(backend()),
               ElementsAre(kSwitchRequest, kListControllers, StatsRequest("0A"), StatsRequest("0B")));
   EXPECT_TRUE(log_.records(VEM_LOG_ERROR).empty());
   EXPECT_TRUE(log_.records(VEM_LOG_WARN).empty());
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig),
-                                          Leave(kBatchSig, true), Leave(kTableSig, true)));
+  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kSigs.queryTable), Enter(kGetBatchPerfDataSig),
+                                          Leave(kGetBatchPerfDataSig, true), Enter(kGetBatchPerfDataSig),
+                                          Leave(kGetBatchPerfDataSig, true), Leave(kSigs.queryTable, true)));
 }
 
 TEST_F(PerformanceCacheTest, RefusedControllerListReturnsTheBackEndCodeAndLogsIt) {
@@ -264,14 +183,14 @@ TEST_F(PerformanceCacheTest, RefusedControllerListReturnsTheBackEndCodeAndLogsIt
   EXPECT_EQ(Query(), 1077949460);
   EXPECT_THAT(rsp_.records(), IsEmpty());
   EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest, kListControllers));
-  EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kTableSig), Error("OnQueryTable", "failed to query info of controller, err:1077949460"),
-                          Leave(kTableSig, false)));
+  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kSigs.queryTable),
+                                          Error("OnQueryTable", "failed to query info of controller, err:1077949460"),
+                                          Leave(kSigs.queryTable, false)));
   ExpectMessagesCarrySourceLines(log_);
 }
 
 TEST_F(PerformanceCacheTest, FailedFetchForAControllerReturnsItsCodeKeepsEarlierRowsAndTriesNoLater) {
-  backend().onListing(207, Answer{Controller("0A"), Controller("0B"), Controller("0C")});
+  ListControllers({"0A", "0B", "0C"});
   backend().onStats("207:0A", "1,2,3");
   backend().onStatsError("207:0B", 7);
   backend().onStats("207:0C", "7,8,9");
@@ -279,33 +198,32 @@ TEST_F(PerformanceCacheTest, FailedFetchForAControllerReturnsItsCodeKeepsEarlier
   EXPECT_THAT(Requests(backend()),
               ElementsAre(kSwitchRequest, kListControllers, StatsRequest("0A"), StatsRequest("0B")));
   EXPECT_THAT(PackageText(rsp_), ElementsAre("0xFFFFFFFFFFFFFFFF: 1/3/4/0 2/3/4/1 3/3/4/2 4/4/4/4294967295 5/3/4/3"));
-  EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig),
-                          Error("GetBatchPerfData", "faild to query perf data, UUID:207:0B, Item:110,120,303, err:7."),
-                          Leave(kBatchSig, false), Error("OnQueryTable", "failed to get perf data of 0B, err:7"),
-                          Leave(kTableSig, false)));
+  EXPECT_THAT(
+      KitLines(log_),
+      ElementsAre(Enter(kSigs.queryTable), Enter(kGetBatchPerfDataSig), Leave(kGetBatchPerfDataSig, true),
+                  Enter(kGetBatchPerfDataSig),
+                  Error("GetBatchPerfData", "faild to query perf data, UUID:207:0B, Item:110,120,303, err:7."),
+                  Leave(kGetBatchPerfDataSig, false), Error("OnQueryTable", "failed to get perf data of 0B, err:7"),
+                  Leave(kSigs.queryTable, false)));
   ExpectMessagesCarrySourceLines(log_);
 }
 
 TEST_F(PerformanceCacheTest, UnparsableStatisticsTextEndsTheReadWithMinusOneAndBothFailureLines) {
-  backend().onListing(207, Answer{Controller("1A")});
-  backend().onStats("207:1A", "1,two,3");
+  ListControllersWithStats({{"1A", "1,two,3"}});
   EXPECT_EQ(Query(), -1);
   EXPECT_THAT(rsp_.records(), IsEmpty());
   EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest, kListControllers, StatsRequest("1A")));
   EXPECT_THAT(
       KitLines(log_),
-      ElementsAre(Enter(kTableSig), Enter(kBatchSig),
+      ElementsAre(Enter(kSigs.queryTable), Enter(kGetBatchPerfDataSig),
                   Error("GetBatchPerfData", "faild to parse perf data, UUID:207:1A, Item:110,120,303, Value:1,two,3."),
-                  Leave(kBatchSig, false), Error("OnQueryTable", "failed to get perf data of 1A, err:-1"),
-                  Leave(kTableSig, false)));
+                  Leave(kGetBatchPerfDataSig, false), Error("OnQueryTable", "failed to get perf data of 1A, err:-1"),
+                  Leave(kSigs.queryTable, false)));
   ExpectMessagesCarrySourceLines(log_);
 }
 
 TEST_F(PerformanceCacheTest, ValueListIsEmptiedBetweenControllers) {
-  backend().onListing(207, Answer{Controller("0A"), Controller("0B")});
-  backend().onStats("207:0A", "1,2,3");
-  backend().onStats("207:0B", "4,5");
+  ListControllersWithStats({{"0A", "1,2,3"}, {"0B", "4,5"}});
   // Were the first controller's values kept, the second would find five.
   EXPECT_EQ(Query(), -1);
   EXPECT_THAT(PackageText(rsp_), ElementsAre("0xFFFFFFFFFFFFFFFF: 1/3/4/0 2/3/4/1 3/3/4/2 4/4/4/4294967295 5/3/4/3"));
@@ -315,3 +233,4 @@ TEST_F(PerformanceCacheTest, ValueListIsEmptiedBetweenControllers) {
 }
 
 }  // namespace
+}  // namespace zerva_test

@@ -3,100 +3,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "tests/support/fake_backend.h"
-#include "tests/support/kit_log_capture.h"
+#include "tests/support/handler_test_support.h"
 #include "vempub/vem_xml_config.h"
 
+namespace zerva_test {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using zerva_test::Answer;
-using zerva_test::BackendFixture;
-using zerva_test::Call;
-using zerva_test::CellText;
-using zerva_test::FakeBackend;
-using zerva_test::KitLogCapture;
-using zerva_test::PackageText;
-using zerva_test::Rec;
-
-const char kBatchSig[] =
-    "int CSnmpPerformanceCommon::GetBatchPerfData(u_int, const string&, const string&, "
-    "std::vector<unsigned int>&)";
-
-// Every request the back end received, in order: "listing=<0|1> " followed by
-// its records as "0x<id>: <cells>", records joined by " | ".
-std::vector<std::string> Requests(const FakeBackend& backend) {
-  std::vector<std::string> out;
-  for (const Call& call : backend.calls()) {
-    std::string text = call.listing ? "listing=1 " : "listing=0 ";
-    std::vector<std::string> records = PackageText(*call.package());
-    for (size_t i = 0; i < records.size(); ++i) text += (i == 0 ? "" : " | ") + records[i];
-    out.push_back(text);
-  }
-  return out;
-}
-
-// Every debug-kit record, in order: "<kit> TRACE <text>" for the enter and
-// leave lines, "<kit> <LEVEL> 0x<code> <function>: <text>" for messages.
-std::vector<std::string> KitLines(const KitLogCapture& log) {
-  std::vector<std::string> out;
-  for (const CVEMLogRecord& r : log.records()) {
-    std::string text = std::to_string(r.kitNo) + " ";
-    if (r.level == VEM_LOG_TRACE) {
-      out.push_back(text + "TRACE " + r.message);
-      continue;
-    }
-    const char* level = r.level == VEM_LOG_ERROR   ? "ERROR"
-                        : r.level == VEM_LOG_WARN  ? "WARN"
-                        : r.level == VEM_LOG_DEBUG ? "DEBUG"
-                                                   : "OTHER";
-    char code[32];
-    snprintf(code, sizeof code, "0x%llX", r.code);
-    out.push_back(text + level + " " + code + " " + r.function + ": " + r.message);
-  }
-  return out;
-}
-
-// Every message line names the source line it was written from.
-void ExpectMessagesCarrySourceLines(const KitLogCapture& log) {
-  for (const CVEMLogRecord& r : log.records()) {
-    if (r.level != VEM_LOG_TRACE) {
-      EXPECT_GT(r.line, 0u) << r.message;
-    }
-  }
-}
-
-std::string Enter(const std::string& sig) { return "4 TRACE enter " + sig + "..."; }
-std::string Leave(const std::string& sig, bool ok) { return "4 TRACE leave " + sig + (ok ? ": OK" : ": NOK"); }
-std::string Error(const std::string& function, const std::string& text) {
-  return "4 ERROR 0x1002E " + function + ": " + text;
-}
-
-// what() of the CVEM_Exception that f throws.
-std::string ThrownText(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const CVEM_Exception& e) {
-    return e.what();
-  } catch (...) {
-    return "an exception other than CVEM_Exception";
-  }
-  return "no exception";
-}
-
-class PerformanceCommonTest : public ::testing::Test {
+class PerformanceCommonTest : public HandlerTest<> {
  protected:
-  FakeBackend& backend() { return fixture_.backend(); }
-
-  BackendFixture fixture_;  // first: the command codes must be loaded before common_ is built
-  KitLogCapture log_;
   CSnmpPerformanceCommon common_;
 };
 
@@ -104,18 +22,18 @@ class PerformanceCommonTest : public ::testing::Test {
 // Switch state query.
 
 TEST_F(PerformanceCommonTest, SwitchStateOneIsReadFromTag0OfTheAnswer) {
-  fixture_.setSwitch(1);
+  env_.setSwitch(1);
   EXPECT_EQ(common_.GetPerfSwitchSta(), 1u);
   EXPECT_THAT(Requests(backend()), ElementsAre("listing=0 0xDE0222001: "));
   EXPECT_THAT(KitLines(log_), IsEmpty());
 }
 
 TEST_F(PerformanceCommonTest, SwitchStatesOtherThanOneArePassedThroughUnchanged) {
-  fixture_.setSwitch(0);
+  env_.setSwitch(0);
   EXPECT_EQ(common_.GetPerfSwitchSta(), 0u);
-  fixture_.setSwitch(2);
+  env_.setSwitch(2);
   EXPECT_EQ(common_.GetPerfSwitchSta(), 2u);
-  fixture_.setSwitch(0xFFFFFFFFu);
+  env_.setSwitch(0xFFFFFFFFu);
   EXPECT_EQ(common_.GetPerfSwitchSta(), 0xFFFFFFFFu);
   EXPECT_THAT(Requests(backend()),
               ElementsAre("listing=0 0xDE0222001: ", "listing=0 0xDE0222001: ", "listing=0 0xDE0222001: "));
@@ -123,56 +41,56 @@ TEST_F(PerformanceCommonTest, SwitchStatesOtherThanOneArePassedThroughUnchanged)
 }
 
 TEST_F(PerformanceCommonTest, SwitchAnswerOfOneSignedByteFFReadsAsAllOnes) {
-  backend().on(zerva_test::kGetSwitchCmd, Answer{Rec().cell(0, 4, {0xFF})});
+  backend().on(kGetSwitchCmd, Answer{Rec().cell(0, 4, {0xFF})});
   EXPECT_EQ(common_.GetPerfSwitchSta(), 0xFFFFFFFFu);
   EXPECT_THAT(Requests(backend()), ElementsAre("listing=0 0xDE0222001: "));
   EXPECT_THAT(KitLines(log_), IsEmpty());
 }
 
 TEST_F(PerformanceCommonTest, SwitchAnswerOfOneUnsignedByteFFReads255) {
-  backend().on(zerva_test::kGetSwitchCmd, Answer{Rec().cell(0, 3, {0xFF})});
+  backend().on(kGetSwitchCmd, Answer{Rec().cell(0, 3, {0xFF})});
   EXPECT_EQ(common_.GetPerfSwitchSta(), 255u);
   EXPECT_THAT(Requests(backend()), ElementsAre("listing=0 0xDE0222001: "));
   EXPECT_THAT(KitLines(log_), IsEmpty());
 }
 
 TEST_F(PerformanceCommonTest, SwitchAnswerOfEightBytesReadsItsLowFourBytes) {
-  backend().on(zerva_test::kGetSwitchCmd, Answer{Rec().u64(0, 0x0000000100000002ULL)});
+  backend().on(kGetSwitchCmd, Answer{Rec().u64(0, 0x0000000100000002ULL)});
   EXPECT_EQ(common_.GetPerfSwitchSta(), 2u);
   EXPECT_THAT(Requests(backend()), ElementsAre("listing=0 0xDE0222001: "));
   EXPECT_THAT(KitLines(log_), IsEmpty());
 }
 
 TEST_F(PerformanceCommonTest, SwitchAnswerWithSeveralRecordsUsesTag0OfTheFirst) {
-  backend().on(zerva_test::kGetSwitchCmd, Answer{Rec().u32(5, 9).u32(0, 1), Rec().u32(0, 7)});
+  backend().on(kGetSwitchCmd, Answer{Rec().u32(5, 9).u32(0, 1), Rec().u32(0, 7)});
   EXPECT_EQ(common_.GetPerfSwitchSta(), 1u);
   EXPECT_THAT(Requests(backend()), ElementsAre("listing=0 0xDE0222001: "));
   EXPECT_THAT(KitLines(log_), IsEmpty());
 }
 
 TEST_F(PerformanceCommonTest, SwitchQueryWithABackEndFailureReturnsZeroWithoutLogging) {
-  backend().on(zerva_test::kGetSwitchCmd, Answer(SNMP_TRANSPORT_E_TIMEOUT));
+  backend().on(kGetSwitchCmd, Answer(SNMP_TRANSPORT_E_TIMEOUT));
   EXPECT_EQ(common_.GetPerfSwitchSta(), 0u);
   EXPECT_THAT(Requests(backend()), ElementsAre("listing=0 0xDE0222001: "));
   EXPECT_THAT(KitLines(log_), IsEmpty());
 }
 
 TEST_F(PerformanceCommonTest, FailedSwitchQueryReturnsZeroEvenForBackEndCodeOne) {
-  backend().on(zerva_test::kGetSwitchCmd, Answer(1));
+  backend().on(kGetSwitchCmd, Answer(1));
   EXPECT_EQ(common_.GetPerfSwitchSta(), 0u);
   EXPECT_THAT(Requests(backend()), ElementsAre("listing=0 0xDE0222001: "));
   EXPECT_THAT(KitLines(log_), IsEmpty());
 }
 
 TEST_F(PerformanceCommonTest, SwitchAnswerWithoutARecordThrowsRecordDontExistIndex0) {
-  backend().on(zerva_test::kGetSwitchCmd, Answer{});
+  backend().on(kGetSwitchCmd, Answer{});
   EXPECT_EQ(ThrownText([&] { common_.GetPerfSwitchSta(); }), "CVEM_Exception: record don't exist, index is 0");
   EXPECT_THAT(Requests(backend()), ElementsAre("listing=0 0xDE0222001: "));
   EXPECT_THAT(KitLines(log_), IsEmpty());
 }
 
 TEST_F(PerformanceCommonTest, SwitchAnswerCellOfStringTypeThrowsNotNumericalWithTag0) {
-  backend().on(zerva_test::kGetSwitchCmd, Answer{Rec().str(0, "1")});
+  backend().on(kGetSwitchCmd, Answer{Rec().str(0, "1")});
   EXPECT_EQ(ThrownText([&] { common_.GetPerfSwitchSta(); }),
             "CVEM_Exception: CTLVCell isn't numerical type! tag equal to 0");
   EXPECT_THAT(Requests(backend()), ElementsAre("listing=0 0xDE0222001: "));
@@ -180,7 +98,7 @@ TEST_F(PerformanceCommonTest, SwitchAnswerCellOfStringTypeThrowsNotNumericalWith
 }
 
 TEST_F(PerformanceCommonTest, SwitchAnswerCellOfTypeOneThrowsNotNumericalWithTag0) {
-  backend().on(zerva_test::kGetSwitchCmd, Answer{Rec().cell(0, 1, {1, 0, 0, 0})});
+  backend().on(kGetSwitchCmd, Answer{Rec().cell(0, 1, {1, 0, 0, 0})});
   EXPECT_EQ(ThrownText([&] { common_.GetPerfSwitchSta(); }),
             "CVEM_Exception: CTLVCell isn't numerical type! tag equal to 0");
   EXPECT_THAT(Requests(backend()), ElementsAre("listing=0 0xDE0222001: "));
@@ -197,7 +115,7 @@ TEST_F(PerformanceCommonTest, AnswerOneTwoThreeGivesZeroAndAddsTheValuesInOrder)
   EXPECT_THAT(values, ElementsAre(9u, 1u, 2u, 3u));
   EXPECT_THAT(Requests(backend()),
               ElementsAre("listing=0 0xDE0222010: 0/2/7/\"207:0A\\0\" 8/2/10/\"182,439,5\\0\" 2/3/8/4"));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kBatchSig), Leave(kBatchSig, true)));
+  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kGetBatchPerfDataSig), Leave(kGetBatchPerfDataSig, true)));
 }
 
 TEST_F(PerformanceCommonTest, BatchRequestIsOneRecordOfKeyItemsAndConstantFourInThatOrder) {
@@ -230,7 +148,7 @@ TEST_F(PerformanceCommonTest, BatchRequestIsOneRecordOfKeyItemsAndConstantFourIn
   EXPECT_EQ(std::vector<unsigned char>(cells[2]->value(), cells[2]->value() + 8),
             (std::vector<unsigned char>{4, 0, 0, 0, 0, 0, 0, 0}));
   EXPECT_THAT(values, ElementsAre(10u, 20u));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kBatchSig), Leave(kBatchSig, true)));
+  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kGetBatchPerfDataSig), Leave(kGetBatchPerfDataSig, true)));
 }
 
 TEST_F(PerformanceCommonTest, ObjectKeyForObjectType11AndObject3Reads11Colon3) {
@@ -245,16 +163,16 @@ TEST_F(PerformanceCommonTest, ObjectKeyForObjectType11AndObject3Reads11Colon3) {
   ASSERT_GE((*req)[0]->cellCount(), 1u);
   EXPECT_EQ(CellText(*(*req)[0]->cells().front()), "0/2/5/\"11:3\\0\"");
   EXPECT_THAT(Requests(backend()), ElementsAre("listing=0 0xDE0222010: 0/2/5/\"11:3\\0\" 8/2/4/\"182\\0\" 2/3/8/4"));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kBatchSig), Leave(kBatchSig, true)));
+  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kGetBatchPerfDataSig), Leave(kGetBatchPerfDataSig, true)));
 }
 
 TEST_F(PerformanceCommonTest, AnswerWithSeveralRecordsIsReadFromTheFirst) {
-  backend().on(zerva_test::kGetStatsCmd, Answer{Rec().str(9, "4,5"), Rec().str(9, "6")});
+  backend().on(kGetStatsCmd, Answer{Rec().str(9, "4,5"), Rec().str(9, "6")});
   std::vector<unsigned int> values;
   EXPECT_EQ(common_.GetBatchPerfData(11, "3", "1,2", values), 0);
   EXPECT_THAT(values, ElementsAre(4u, 5u));
   EXPECT_THAT(Requests(backend()), ElementsAre("listing=0 0xDE0222010: 0/2/5/\"11:3\\0\" 8/2/4/\"1,2\\0\" 2/3/8/4"));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kBatchSig), Leave(kBatchSig, true)));
+  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kGetBatchPerfDataSig), Leave(kGetBatchPerfDataSig, true)));
 }
 
 TEST_F(PerformanceCommonTest, AnswerTextThatIsNotNumbersGivesMinusOneAndOneParseFailureLine) {
@@ -264,10 +182,10 @@ TEST_F(PerformanceCommonTest, AnswerTextThatIsNotNumbersGivesMinusOneAndOneParse
   EXPECT_THAT(values, ElementsAre(7u));
   EXPECT_THAT(Requests(backend()),
               ElementsAre("listing=0 0xDE0222010: 0/2/5/\"11:3\\0\" 8/2/10/\"182,439,5\\0\" 2/3/8/4"));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kBatchSig),
+  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kGetBatchPerfDataSig),
                                           Error("GetBatchPerfData",
                                                 "faild to parse perf data, UUID:11:3, Item:182,439,5, Value:1,x,3."),
-                                          Leave(kBatchSig, false)));
+                                          Leave(kGetBatchPerfDataSig, false)));
   ExpectMessagesCarrySourceLines(log_);
 }
 
@@ -279,9 +197,9 @@ TEST_F(PerformanceCommonTest, BackEndCode5GivesFiveAndOneQueryFailureLineWithCod
   EXPECT_THAT(Requests(backend()),
               ElementsAre("listing=0 0xDE0222010: 0/2/5/\"11:3\\0\" 8/2/8/\"182,439\\0\" 2/3/8/4"));
   EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kBatchSig),
+              ElementsAre(Enter(kGetBatchPerfDataSig),
                           Error("GetBatchPerfData", "faild to query perf data, UUID:11:3, Item:182,439, err:5."),
-                          Leave(kBatchSig, false)));
+                          Leave(kGetBatchPerfDataSig, false)));
   ExpectMessagesCarrySourceLines(log_);
 }
 
@@ -292,20 +210,20 @@ TEST_F(PerformanceCommonTest, BatchBackEndFailureReturnsItsCodeUnchangedAndLeave
   EXPECT_THAT(values, ElementsAre(1u, 2u));
   EXPECT_THAT(Requests(backend()), ElementsAre("listing=0 0xDE0222010: 0/2/8/\"40:fs-9\\0\" 8/2/3/\"12\\0\" 2/3/8/4"));
   EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kBatchSig),
+              ElementsAre(Enter(kGetBatchPerfDataSig),
                           Error("GetBatchPerfData", "faild to query perf data, UUID:40:fs-9, Item:12, err:1077949460."),
-                          Leave(kBatchSig, false)));
+                          Leave(kGetBatchPerfDataSig, false)));
   ExpectMessagesCarrySourceLines(log_);
 }
 
 TEST_F(PerformanceCommonTest, BatchAnswerWithoutARecordThrowsAndTheGuardClosesOk) {
-  backend().on(zerva_test::kGetStatsCmd, Answer{});
+  backend().on(kGetStatsCmd, Answer{});
   std::vector<unsigned int> values = {3};
   EXPECT_EQ(ThrownText([&] { common_.GetBatchPerfData(11, "3", "182", values); }),
             "CVEM_Exception: record don't exist, index is 0");
   EXPECT_THAT(values, ElementsAre(3u));
   EXPECT_THAT(Requests(backend()), ElementsAre("listing=0 0xDE0222010: 0/2/5/\"11:3\\0\" 8/2/4/\"182\\0\" 2/3/8/4"));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kBatchSig), Leave(kBatchSig, true)));
+  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kGetBatchPerfDataSig), Leave(kGetBatchPerfDataSig, true)));
 }
 
 TEST_F(PerformanceCommonTest, BatchAnswerWithAnEmptyTextGivesMinusOneAndParseFailureLine) {
@@ -316,9 +234,9 @@ TEST_F(PerformanceCommonTest, BatchAnswerWithAnEmptyTextGivesMinusOneAndParseFai
   EXPECT_THAT(Requests(backend()),
               ElementsAre("listing=0 0xDE0222010: 0/2/7/\"207:1B\\0\" 8/2/12/\"110,120,303\\0\" 2/3/8/4"));
   EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kBatchSig),
+              ElementsAre(Enter(kGetBatchPerfDataSig),
                           Error("GetBatchPerfData", "faild to parse perf data, UUID:207:1B, Item:110,120,303, Value:."),
-                          Leave(kBatchSig, false)));
+                          Leave(kGetBatchPerfDataSig, false)));
   ExpectMessagesCarrySourceLines(log_);
 }
 
@@ -331,7 +249,7 @@ TEST_F(PerformanceCommonTest, StatisticsCodeIsLookedUpOnEveryCallSwitchCodeOnceA
                                                 "</section></device>",
                                                 &error))
       << error;
-  fixture_.setSwitch(1);
+  env_.setSwitch(1);
   backend().on(101, Answer{Rec().u32(0, 6)});
   backend().on(202, Answer{Rec().str(9, "8")});
 
@@ -345,7 +263,7 @@ TEST_F(PerformanceCommonTest, StatisticsCodeIsLookedUpOnEveryCallSwitchCodeOnceA
   EXPECT_THAT(Requests(backend()),
               ElementsAre("listing=0 0xDE0222001: ", "listing=0 0xCA: 0/2/5/\"11:3\\0\" 8/2/4/\"182\\0\" 2/3/8/4",
                           "listing=0 0x65: "));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kBatchSig), Leave(kBatchSig, true)));
+  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kGetBatchPerfDataSig), Leave(kGetBatchPerfDataSig, true)));
 }
 
 TEST_F(PerformanceCommonTest, IsNotAWholeTableHandler) {
@@ -355,3 +273,4 @@ TEST_F(PerformanceCommonTest, IsNotAWholeTableHandler) {
 }
 
 }  // namespace
+}  // namespace zerva_test

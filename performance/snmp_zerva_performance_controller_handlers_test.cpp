@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <functional>
 #include <memory>
 #include <ostream>
@@ -12,75 +11,17 @@
 #include "performance/snmp_zerva_performance_controllerNFSV4_handler.h"
 #include "performance/snmp_zerva_performance_controllerSMBV1_handler.h"
 #include "performance/snmp_zerva_performance_controllerSMBV2_handler.h"
-#include "tests/support/fake_backend.h"
-#include "tests/support/kit_log_capture.h"
+#include "tests/support/handler_test_support.h"
 
+namespace zerva_test {
 namespace {
 
-using zerva_test::Answer;
-using zerva_test::BackendFixture;
-using zerva_test::FakeBackend;
-using zerva_test::KitLogCapture;
-using zerva_test::PackageText;
-using zerva_test::Rec;
-using zerva_test::RecordText;
-
-const char kQuerySig[] =
-    "virtual int CPerformanceSimpleHandler::OnQueryTable(const CVEM_SnmpContext&, const "
-    "CTLVPackageV3<TLVMsgHeadV3>&, CTLVPackageV3<TLVMsgHeadV3>&)";
-const char kBatchSig[] =
-    "int CSnmpPerformanceCommon::GetBatchPerfData(u_int, const string&, const string&, std::vector<unsigned int>&)";
 const char kItemsSig[] = "virtual std::string CPerformanceControllerNFSV3Handler::getStatistics()";
 
 // Requests as the back end saw them.
-const char kSwitchRequest[] = "query 0xDE0222001: ";
 const char kListing207[] = "listing 0xD0000C000: 0/6/8/207";
 
 const char kItemsDebug[] = "kit4 DEBUG 0xFFFF getStatistics: getStatistics = 182,439";
-
-std::string Enter(const std::string& sig) { return "enter " + sig + "..."; }
-std::string Leave(const std::string& sig, bool ok) { return "leave " + sig + (ok ? ": OK" : ": NOK"); }
-
-// Every request, in order: "listing " or "query " (the third configure
-// argument) followed by the records of the package.
-std::vector<std::string> Requests(const FakeBackend& backend) {
-  std::vector<std::string> out;
-  for (const zerva_test::Call& call : backend.calls()) {
-    std::string text = call.listing ? "listing " : "query ";
-    std::vector<std::string> records = PackageText(*call.package());
-    for (size_t i = 0; i < records.size(); ++i) text += (i == 0 ? "" : " | ") + records[i];
-    out.push_back(text);
-  }
-  return out;
-}
-
-std::string LevelName(EVEMLogLevel level) {
-  switch (level) {
-    case VEM_LOG_TRACE:
-      return "TRACE";
-    case VEM_LOG_DEBUG:
-      return "DEBUG";
-    case VEM_LOG_WARN:
-      return "WARN";
-    case VEM_LOG_ERROR:
-      return "ERROR";
-    default:
-      return "?";
-  }
-}
-
-// Every message but the trace lines: "kitN LEVEL 0xCODE function: message".
-std::vector<std::string> Messages(const KitLogCapture& log) {
-  std::vector<std::string> out;
-  for (const CVEMLogRecord& r : log.records()) {
-    if (r.level == VEM_LOG_TRACE) continue;
-    char code[32];
-    snprintf(code, sizeof code, "0x%llX", r.code);
-    out.push_back("kit" + std::to_string(r.kitNo) + " " + LevelName(r.level) + " " + code + " " + r.function + ": " +
-                  r.message);
-  }
-  return out;
-}
 
 // A listing answer record: tag 0 an unrelated number, tag 1 the object ID.
 Rec Controller(const std::string& objectId) { return Rec(0x5).t6(0, 207).str(1, objectId); }
@@ -102,13 +43,12 @@ const Table kTables[] = {
     {"SMBV2", [] { return new CPerformanceControllerSMBV2Handler(); }, "1003"},
 };
 
-class FileProtocolTableTest : public ::testing::TestWithParam<Table> {
+class FileProtocolTableTest : public HandlerTest<::testing::TestWithParam<Table>> {
  protected:
   void SetUp() override {
     env_.setSwitch(1);
     handler_.reset(GetParam().make());
   }
-  FakeBackend& backend() { return env_.backend(); }
   int Query() { return handler_->OnQueryTable(ctx_, req_, rsp_); }
   std::string Key(const std::string& id) const { return std::string(GetParam().type) + ":" + id; }
   // The statistics request of one controller.
@@ -120,29 +60,21 @@ class FileProtocolTableTest : public ::testing::TestWithParam<Table> {
   // OnQueryTable's trace lines when the item list is built first, with one
   // statistics query per entry (true: it succeeded).
   std::vector<std::string> FirstQueryTraces(const std::vector<bool>& batches, bool ok) const {
-    std::vector<std::string> out{Enter(kQuerySig), Enter(kItemsSig), Leave(kItemsSig, true)};
-    for (bool b : batches) {
-      out.push_back(Enter(kBatchSig));
-      out.push_back(Leave(kBatchSig, b));
-    }
-    out.push_back(Leave(kQuerySig, ok));
+    std::vector<std::string> out = CallTraces(kSimpleQueryTableSig, kGetBatchPerfDataSig, batches, ok, kBareTrace);
+    out.insert(out.begin() + 1, {Enter(kItemsSig, kBareTrace), Leave(kItemsSig, true, kBareTrace)});
     return out;
   }
 
-  BackendFixture env_;
-  KitLogCapture log_;
   std::unique_ptr<CPerformanceSimpleHandler> handler_;
-  CVEM_SnmpContext ctx_;
-  CTLVPackage req_;
-  CTLVPackage rsp_;
 };
 
 TEST_P(FileProtocolTableTest, HooksGiveItemsControllersAndTheTablesObjectType) {
   EXPECT_EQ(handler_->getObjIDForKey(), 207u);
   EXPECT_EQ(std::to_string(handler_->getObjIDForPerf()), GetParam().type);
   EXPECT_EQ(handler_->getStatistics(), "182,439");
-  EXPECT_EQ(Messages(log_), (std::vector<std::string>{kItemsDebug}));
-  EXPECT_EQ(log_.traces(), (std::vector<std::string>{Enter(kItemsSig), Leave(kItemsSig, true)}));
+  EXPECT_EQ(KitMessages(log_), (std::vector<std::string>{kItemsDebug}));
+  EXPECT_EQ(log_.traces(),
+            (std::vector<std::string>{Enter(kItemsSig, kBareTrace), Leave(kItemsSig, true, kBareTrace)}));
 }
 
 TEST_P(FileProtocolTableTest, TwoControllersGiveTwoRowsOfThreeCellsWithObjectIdAndNul) {
@@ -152,7 +84,8 @@ TEST_P(FileProtocolTableTest, TwoControllersGiveTwoRowsOfThreeCellsWithObjectIdA
 
   EXPECT_EQ(Query(), 0);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207, Stats("0A"), Stats("1B")}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing207, Stats("0A"), Stats("1B")}));
   EXPECT_EQ(PackageText(rsp_),
             (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"0A\0" 2/3/4/11 3/3/4/4294967295)",
                                       R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"1B\0" 2/3/4/0 3/3/4/22)"}));
@@ -163,7 +96,7 @@ TEST_P(FileProtocolTableTest, TwoControllersGiveTwoRowsOfThreeCellsWithObjectIdA
     ASSERT_EQ(id->length(), 3u);
     EXPECT_EQ(id->value()[2], 0);
   }
-  EXPECT_EQ(Messages(log_), (std::vector<std::string>{kItemsDebug}));
+  EXPECT_EQ(KitMessages(log_), (std::vector<std::string>{kItemsDebug}));
   EXPECT_EQ(log_.traces(), FirstQueryTraces({true, true}, true));
 }
 
@@ -178,35 +111,27 @@ TEST_P(FileProtocolTableTest, StatisticsKeyIsTheTablesObjectTypeAndTheController
   EXPECT_FALSE(backend().calls()[2].listing);
   EXPECT_EQ((*(*stats)[0])[0]->toString(), std::string(GetParam().type) + ":12C");
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/4/"12C\0" 2/3/4/1 3/3/4/2)"}));
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207, Stats("12C")}));
-  EXPECT_EQ(Messages(log_), (std::vector<std::string>{kItemsDebug}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing207, Stats("12C")}));
+  EXPECT_EQ(KitMessages(log_), (std::vector<std::string>{kItemsDebug}));
   EXPECT_EQ(log_.traces(), FirstQueryTraces({true}, true));
 }
 
-TEST_P(FileProtocolTableTest, SwitchAtZeroGivesEmptyTableWithoutListingRequest) {
-  env_.setSwitch(0);
-  backend().onListing(207, Answer{Controller("0A")});
-  backend().onStats(Key("0A"), "1,2");
+TEST_P(FileProtocolTableTest, SwitchAtZeroOrTwoGivesEmptyTableWithoutListingRequest) {
+  for (unsigned int state : {0u, 2u}) {
+    SCOPED_TRACE("switch state " + std::to_string(state));
+    backend().reset();
+    log_.clear();
+    env_.setSwitch(state);
+    backend().onListing(207, Answer{Controller("0A")});
+    backend().onStats(Key("0A"), "1,2");
+    std::unique_ptr<CPerformanceSimpleHandler> handler(GetParam().make());
+    CTLVPackage rsp;
 
-  EXPECT_EQ(Query(), 0);
+    EXPECT_EQ(handler->OnQueryTable(ctx_, req_, rsp), 0);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest}));
-  EXPECT_EQ(rsp_.size(), 0u);
-  EXPECT_TRUE(Messages(log_).empty());
-  EXPECT_EQ(log_.traces(), (std::vector<std::string>{Enter(kQuerySig), Leave(kQuerySig, true)}));
-}
-
-TEST_P(FileProtocolTableTest, SwitchAtTwoGivesEmptyTableWithoutListingRequest) {
-  env_.setSwitch(2);
-  backend().onListing(207, Answer{Controller("0A")});
-  backend().onStats(Key("0A"), "1,2");
-
-  EXPECT_EQ(Query(), 0);
-
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest}));
-  EXPECT_EQ(rsp_.size(), 0u);
-  EXPECT_TRUE(Messages(log_).empty());
-  EXPECT_EQ(log_.traces(), (std::vector<std::string>{Enter(kQuerySig), Leave(kQuerySig, true)}));
+    ExpectReadStoppedAtTheSwitch(backend(), rsp, log_);
+  }
 }
 
 TEST_P(FileProtocolTableTest, EmptyListingAnswerGivesZeroAndEmptyTable) {
@@ -214,9 +139,8 @@ TEST_P(FileProtocolTableTest, EmptyListingAnswerGivesZeroAndEmptyTable) {
 
   EXPECT_EQ(Query(), 0);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207}));
-  EXPECT_EQ(rsp_.size(), 0u);
-  EXPECT_EQ(Messages(log_), (std::vector<std::string>{kItemsDebug}));
+  ExpectNoRowAfterTheListing(backend(), rsp_, kListing207);
+  EXPECT_EQ(KitMessages(log_), (std::vector<std::string>{kItemsDebug}));
   EXPECT_EQ(log_.traces(), FirstQueryTraces({}, true));
 }
 
@@ -225,9 +149,8 @@ TEST_P(FileProtocolTableTest, FailedListingRequestReturnsItsCodeAndLogsIt) {
 
   EXPECT_EQ(Query(), 1077949460);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207}));
-  EXPECT_EQ(rsp_.size(), 0u);
-  EXPECT_EQ(Messages(log_),
+  ExpectNoRowAfterTheListing(backend(), rsp_, kListing207);
+  EXPECT_EQ(KitMessages(log_),
             (std::vector<std::string>{
                 kItemsDebug, "kit4 ERROR 0x1002E OnQueryTable: faild to query info of controller, err:1077949460."}));
   EXPECT_EQ(log_.traces(), FirstQueryTraces({}, false));
@@ -241,9 +164,10 @@ TEST_P(FileProtocolTableTest, FailedStatisticsOfSecondOfThreeControllersLeavesOn
 
   EXPECT_EQ(Query(), 9);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207, Stats("0A"), Stats("0B")}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing207, Stats("0A"), Stats("0B")}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"0A\0" 2/3/4/1 3/3/4/2)"}));
-  EXPECT_EQ(Messages(log_),
+  EXPECT_EQ(KitMessages(log_),
             (std::vector<std::string>{kItemsDebug,
                                       "kit4 ERROR 0x1002E GetBatchPerfData: faild to query perf data, UUID:" +
                                           Key("0B") + ", Item:182,439, err:9.",
@@ -259,9 +183,10 @@ TEST_P(FileProtocolTableTest, NonControllerIdEndsQueryWithMinusOneThoughRowNeeds
 
   EXPECT_EQ(Query(), -1);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207, Stats("0A")}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing207, Stats("0A")}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"0A\0" 2/3/4/1 3/3/4/2)"}));
-  EXPECT_EQ(Messages(log_),
+  EXPECT_EQ(KitMessages(log_),
             (std::vector<std::string>{kItemsDebug, "kit4 ERROR 0x1002E OnQueryTable: faild to parse rsp"}));
   EXPECT_EQ(log_.traces(), FirstQueryTraces({true}, false));
 }
@@ -272,9 +197,8 @@ TEST_P(FileProtocolTableTest, BareEngineNumberIsNoControllerIdAndGivesMinusOne) 
 
   EXPECT_EQ(Query(), -1);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207}));
-  EXPECT_EQ(rsp_.size(), 0u);
-  EXPECT_EQ(Messages(log_),
+  ExpectNoRowAfterTheListing(backend(), rsp_, kListing207);
+  EXPECT_EQ(KitMessages(log_),
             (std::vector<std::string>{kItemsDebug, "kit4 ERROR 0x1002E OnQueryTable: faild to parse rsp"}));
   EXPECT_EQ(log_.traces(), FirstQueryTraces({}, false));
 }
@@ -287,33 +211,35 @@ TEST_P(FileProtocolTableTest, ItemListIsLoggedOnceOverTwoQueries) {
   CTLVPackage rsp2;
   EXPECT_EQ(handler_->OnQueryTable(ctx_, req_, rsp2), 0);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207, Stats("0A"), kSwitchRequest,
-                                                           kListing207, Stats("0A")}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing207, Stats("0A"), kSwitchQuery, kListing207, Stats("0A")}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"0A\0" 2/3/4/1 3/3/4/2)"}));
   EXPECT_EQ(PackageText(rsp2), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"0A\0" 2/3/4/1 3/3/4/2)"}));
-  EXPECT_EQ(Messages(log_), (std::vector<std::string>{kItemsDebug}));
+  EXPECT_EQ(KitMessages(log_), (std::vector<std::string>{kItemsDebug}));
   std::vector<std::string> traces = FirstQueryTraces({true}, true);
-  traces.push_back(Enter(kQuerySig));
-  traces.push_back(Enter(kBatchSig));
-  traces.push_back(Leave(kBatchSig, true));
-  traces.push_back(Leave(kQuerySig, true));
+  traces.push_back(Enter(kSimpleQueryTableSig, kBareTrace));
+  traces.push_back(Enter(kGetBatchPerfDataSig, kBareTrace));
+  traces.push_back(Leave(kGetBatchPerfDataSig, true, kBareTrace));
+  traces.push_back(Leave(kSimpleQueryTableSig, true, kBareTrace));
   EXPECT_EQ(log_.traces(), traces);
 }
 
 TEST_P(FileProtocolTableTest, ItemListIsNotLoggedWhileSwitchIsOff) {
   env_.setSwitch(0);
   EXPECT_EQ(Query(), 0);
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_TRUE(KitMessages(log_).empty());
 
   env_.setSwitch(1);
   backend().onListing(207, Answer{Controller("0A")});
   backend().onStats(Key("0A"), "1,2");
   EXPECT_EQ(Query(), 0);
 
-  EXPECT_EQ(Messages(log_), (std::vector<std::string>{kItemsDebug}));
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kSwitchRequest, kListing207, Stats("0A")}));
+  EXPECT_EQ(KitMessages(log_), (std::vector<std::string>{kItemsDebug}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kSwitchQuery, kListing207, Stats("0A")}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"0A\0" 2/3/4/1 3/3/4/2)"}));
-  std::vector<std::string> traces{Enter(kQuerySig), Leave(kQuerySig, true)};
+  std::vector<std::string> traces{Enter(kSimpleQueryTableSig, kBareTrace),
+                                  Leave(kSimpleQueryTableSig, true, kBareTrace)};
   const std::vector<std::string> on = FirstQueryTraces({true}, true);
   traces.insert(traces.end(), on.begin(), on.end());
   EXPECT_EQ(log_.traces(), traces);
@@ -326,10 +252,11 @@ TEST_P(FileProtocolTableTest, ShortValueListGivesOnlyColumnsThatHaveValues) {
 
   EXPECT_EQ(Query(), 0);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207, Stats("0A"), Stats("0B")}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing207, Stats("0A"), Stats("0B")}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"0A\0" 2/3/4/5)",
                                                          R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"0B\0" 2/3/4/6 3/3/4/7)"}));
-  EXPECT_EQ(Messages(log_), (std::vector<std::string>{kItemsDebug}));
+  EXPECT_EQ(KitMessages(log_), (std::vector<std::string>{kItemsDebug}));
   EXPECT_EQ(log_.traces(), FirstQueryTraces({true, true}, true));
 }
 
@@ -339,9 +266,10 @@ TEST_P(FileProtocolTableTest, LongerValueListUsesOnlyTheFirstTwoValues) {
 
   EXPECT_EQ(Query(), 0);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207, Stats("0A")}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing207, Stats("0A")}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"0A\0" 2/3/4/5 3/3/4/6)"}));
-  EXPECT_EQ(Messages(log_), (std::vector<std::string>{kItemsDebug}));
+  EXPECT_EQ(KitMessages(log_), (std::vector<std::string>{kItemsDebug}));
   EXPECT_EQ(log_.traces(), FirstQueryTraces({true}, true));
 }
 
@@ -353,9 +281,10 @@ TEST_P(FileProtocolTableTest, Feature602ChangesNeitherItemsNorRow) {
 
   EXPECT_EQ(Query(), 0);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207, Stats("0A")}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing207, Stats("0A")}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"0A\0" 2/3/4/5 3/3/4/6)"}));
-  EXPECT_EQ(Messages(log_), (std::vector<std::string>{kItemsDebug}));
+  EXPECT_EQ(KitMessages(log_), (std::vector<std::string>{kItemsDebug}));
   EXPECT_EQ(log_.traces(), FirstQueryTraces({true}, true));
 }
 
@@ -365,20 +294,16 @@ TEST_P(FileProtocolTableTest, RowHookWritesTheObjectIdWithoutParsingIt) {
   handler_->fillRspRecord(&row, "X9", values);
   EXPECT_EQ(RecordText(row), R"(1/2/3/"X9\0" 2/3/4/3 3/3/4/4)");
   EXPECT_EQ(backend().callCount(), 0u);
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_TRUE(KitMessages(log_).empty());
   EXPECT_TRUE(log_.traces().empty());
 }
 
 INSTANTIATE_TEST_SUITE_P(AllFileProtocols, FileProtocolTableTest, ::testing::ValuesIn(kTables),
                          [](const ::testing::TestParamInfo<Table>& info) { return std::string(info.param.name); });
 
-class FileProtocolFamilyTest : public ::testing::Test {
+class FileProtocolFamilyTest : public HandlerTest<> {
  protected:
   void SetUp() override { env_.setSwitch(1); }
-  BackendFixture env_;
-  KitLogCapture log_;
-  CVEM_SnmpContext ctx_;
-  CTLVPackage req_;
 };
 
 TEST_F(FileProtocolFamilyTest, FiveTablesSendTheSameListingAndDifferOnlyInTheStatisticsObjectType) {
@@ -400,16 +325,16 @@ TEST_F(FileProtocolFamilyTest, FiveTablesSendTheSameListingAndDifferOnlyInTheSta
 
   std::vector<std::string> expected;
   for (const char* type : types) {
-    expected.push_back(kSwitchRequest);
+    expected.push_back(kSwitchQuery);
     expected.push_back(kListing207);
     const std::string t(type);
     const std::string width = std::to_string(t.size() + 4);
     expected.push_back("query 0xDE0222010: 0/2/" + width + "/\"" + t + R"(:0A\0" 8/2/8/"182,439\0" 2/3/8/4)");
     expected.push_back("query 0xDE0222010: 0/2/" + width + "/\"" + t + R"(:1C\0" 8/2/8/"182,439\0" 2/3/8/4)");
   }
-  EXPECT_EQ(Requests(backend), expected);
+  EXPECT_EQ(Requests(backend, ListingLabel::kWord), expected);
   // The literal keys, for the record.
-  const std::vector<zerva_test::Call> calls = backend.calls();
+  const std::vector<Call> calls = backend.calls();
   ASSERT_EQ(calls.size(), 20u);
   EXPECT_EQ(PackageText(*calls[2].package()),
             (std::vector<std::string>{R"(0xDE0222010: 0/2/8/"1000:0A\0" 8/2/8/"182,439\0" 2/3/8/4)"}));
@@ -426,12 +351,14 @@ TEST_F(FileProtocolFamilyTest, FiveTablesSendTheSameListingAndDifferOnlyInTheSta
   const std::vector<std::string> row = {R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"0A\0" 2/3/4/1 3/3/4/2)",
                                         R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"1C\0" 2/3/4/3 3/3/4/4)"};
   for (const std::vector<std::string>& r : rows) EXPECT_EQ(r, row);
-  EXPECT_EQ(Messages(log_), std::vector<std::string>(5, kItemsDebug));
+  EXPECT_EQ(KitMessages(log_), std::vector<std::string>(5, kItemsDebug));
   std::vector<std::string> traces;
   for (int i = 0; i < 5; ++i) {
     for (const std::string& line :
-         {Enter(kQuerySig), Enter(kItemsSig), Leave(kItemsSig, true), Enter(kBatchSig), Leave(kBatchSig, true),
-          Enter(kBatchSig), Leave(kBatchSig, true), Leave(kQuerySig, true)}) {
+         {Enter(kSimpleQueryTableSig, kBareTrace), Enter(kItemsSig, kBareTrace), Leave(kItemsSig, true, kBareTrace),
+          Enter(kGetBatchPerfDataSig, kBareTrace), Leave(kGetBatchPerfDataSig, true, kBareTrace),
+          Enter(kGetBatchPerfDataSig, kBareTrace), Leave(kGetBatchPerfDataSig, true, kBareTrace),
+          Leave(kSimpleQueryTableSig, true, kBareTrace)}) {
       traces.push_back(line);
     }
   }
@@ -447,20 +374,25 @@ TEST_F(FileProtocolFamilyTest, ItemListIsLoggedOncePerHandlerObject) {
 
   EXPECT_EQ(first.OnQueryTable(ctx_, req_, rsp), 0);
   EXPECT_EQ(first.OnQueryTable(ctx_, req_, rsp), 0);
-  EXPECT_EQ(Messages(log_), (std::vector<std::string>{kItemsDebug}));
+  EXPECT_EQ(KitMessages(log_), (std::vector<std::string>{kItemsDebug}));
   EXPECT_EQ(second.OnQueryTable(ctx_, req_, rsp), 0);
   EXPECT_EQ(second.OnQueryTable(ctx_, req_, rsp), 0);
 
-  EXPECT_EQ(Messages(log_), (std::vector<std::string>{kItemsDebug, kItemsDebug}));
+  EXPECT_EQ(KitMessages(log_), (std::vector<std::string>{kItemsDebug, kItemsDebug}));
   const std::string stats = R"(query 0xDE0222010: 0/2/8/"1000:0A\0" 8/2/8/"182,439\0" 2/3/8/4)";
-  EXPECT_EQ(Requests(env_.backend()),
-            (std::vector<std::string>{kSwitchRequest, kListing207, stats, kSwitchRequest, kListing207, stats,
-                                      kSwitchRequest, kListing207, stats, kSwitchRequest, kListing207, stats}));
+  EXPECT_EQ(Requests(env_.backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing207, stats, kSwitchQuery, kListing207, stats, kSwitchQuery,
+                                      kListing207, stats, kSwitchQuery, kListing207, stats}));
   EXPECT_EQ(PackageText(rsp), std::vector<std::string>(4, R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"0A\0" 2/3/4/1 3/3/4/2)"));
-  const std::vector<std::string> first_query = {Enter(kQuerySig), Enter(kItemsSig),       Leave(kItemsSig, true),
-                                                Enter(kBatchSig), Leave(kBatchSig, true), Leave(kQuerySig, true)};
-  const std::vector<std::string> later_query = {Enter(kQuerySig), Enter(kBatchSig), Leave(kBatchSig, true),
-                                                Leave(kQuerySig, true)};
+  const std::vector<std::string> first_query = {Enter(kSimpleQueryTableSig, kBareTrace),
+                                                Enter(kItemsSig, kBareTrace),
+                                                Leave(kItemsSig, true, kBareTrace),
+                                                Enter(kGetBatchPerfDataSig, kBareTrace),
+                                                Leave(kGetBatchPerfDataSig, true, kBareTrace),
+                                                Leave(kSimpleQueryTableSig, true, kBareTrace)};
+  const std::vector<std::string> later_query = {
+      Enter(kSimpleQueryTableSig, kBareTrace), Enter(kGetBatchPerfDataSig, kBareTrace),
+      Leave(kGetBatchPerfDataSig, true, kBareTrace), Leave(kSimpleQueryTableSig, true, kBareTrace)};
   std::vector<std::string> traces;
   for (const std::vector<std::string>* q : {&first_query, &later_query, &first_query, &later_query}) {
     traces.insert(traces.end(), q->begin(), q->end());
@@ -469,3 +401,4 @@ TEST_F(FileProtocolFamilyTest, ItemListIsLoggedOncePerHandlerObject) {
 }
 
 }  // namespace
+}  // namespace zerva_test

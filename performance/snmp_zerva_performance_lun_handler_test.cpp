@@ -4,80 +4,34 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "snmpcommon/snmp_comm_util.h"
-#include "tests/support/fake_backend.h"
-#include "tests/support/kit_log_capture.h"
+#include "tests/support/handler_test_support.h"
 
+namespace zerva_test {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
-using ::testing::IsEmpty;
-using zerva_test::Answer;
-using zerva_test::BackendFixture;
-using zerva_test::Call;
-using zerva_test::FakeBackend;
-using zerva_test::KitLogCapture;
-using zerva_test::PackageText;
-using zerva_test::PagedListing;
-using zerva_test::Rec;
-using zerva_test::RecordText;
+const TableSigs kSigs("CPerformanceLunHandler");
 
 // The batch statistics command of the LUN table.
 const unsigned long long kLunStatsCmd = 59594907720ULL;
 static_assert(kLunStatsCmd == 0xDE0222048ULL, "batch statistics command code");
-static_assert(zerva_test::kGetStatsCmd == 0xDE0222010ULL, "per-row statistics command code");
-static_assert(zerva_test::kGetSwitchCmd == 0xDE0222001ULL, "switch command code");
+static_assert(kGetStatsCmd == 0xDE0222010ULL, "per-row statistics command code");
+static_assert(kGetSwitchCmd == 0xDE0222001ULL, "switch command code");
 
 const char kItems[] = "303,22,25,28,21,23,26,5,307,370,371,384,385";
 
 const char kFillReqSig[] = "virtual void CPerformanceLunHandler::fillReqRecord(CTLVRecordV3*)";
-const char kIndexSig[] = "virtual std::string CPerformanceLunHandler::getIndexOfRecord(const CTLVRecordV3&)";
-const char kPreSig[] = "virtual int CPerformanceLunHandler::preGetRspCell(const CTLVRecordV3&)";
-const char kPostSig[] = "virtual void CPerformanceLunHandler::postGetRspCell(const CTLVRecordV3&)";
 const char kBatchInfoSig[] =
     "virtual int CPerformanceLunHandler::GetBatchTableInfo_i(CTLVPackageV3<TLVMsgHeadV3>&, std::string&, "
     "std::string&, long long unsigned int&, Uint32&, int&, CTLVPackageV3<TLVMsgHeadV3>&)";
 const char kQuerySig[] = "int CPerformanceLunHandler::QueryPerfLunData(std::string, CTLVPackageV3<TLVMsgHeadV3>&)";
-const char kPerfDataSig[] =
-    "int CSnmpPerformanceCommon::GetBatchPerfData(u_int, const string&, const string&, "
-    "std::vector<unsigned int>&)";
-
-const char kSwitchRequest[] = "listing=0 0xDE0222001: ";
-const char kResponseId[] = "0xFFFFFFFFFFFFFFFF: ";
 
 // The handler with the base's state in reach.
-class TestLunHandler : public CPerformanceLunHandler {
- public:
-  using CSnmpTableBase::m_bWholeTable;
-  using CSnmpTableBase::m_iRetCode;
-  using CSnmpTableBase::m_strCurKey;
-  using CSnmpTableBase::m_usBatchSize;
-};
-
-// Every request the back end received, in order: "listing=<0|1> " followed by
-// its records as "0x<id>: <cells>", records joined by " | ".
-std::vector<std::string> Requests(const FakeBackend& backend) {
-  std::vector<std::string> out;
-  for (const Call& call : backend.calls()) {
-    std::string text = call.listing ? "listing=1 " : "listing=0 ";
-    std::vector<std::string> records = PackageText(*call.package());
-    for (size_t i = 0; i < records.size(); ++i) text += (i == 0 ? "" : " | ") + records[i];
-    out.push_back(text);
-  }
-  return out;
-}
-
-// A type-2 cell as CellText writes it.
-std::string StrCell(unsigned int tag, const std::string& text) {
-  return std::to_string(tag) + "/2/" + std::to_string(text.size() + 1) + "/\"" + text + "\\0\"";
-}
+using TestLunHandler = WithTableState<CPerformanceLunHandler>;
 
 // The per-row statistics request (GET_CUR_STATISTIC_DATA) of LUN id.
 std::string RowStatsRequest(const std::string& id) {
@@ -94,73 +48,20 @@ std::string ListingRequest(const std::string& key) {
   return "listing=1 0xD0000C000: 0/6/8/11" + (key.empty() ? std::string() : " " + StrCell(1, key));
 }
 
-// Every debug-kit record of kit (all kits when kit < 0), in order:
-// "<kit> TRACE <text>" for the enter and leave lines,
-// "<kit> <LEVEL> 0x<code> <function>: <text>" for messages.
-std::vector<std::string> KitLines(const KitLogCapture& log, int kit = -1) {
-  std::vector<std::string> out;
-  for (const CVEMLogRecord& r : log.records()) {
-    if (kit >= 0 && r.kitNo != static_cast<unsigned int>(kit)) continue;
-    std::string text = std::to_string(r.kitNo) + " ";
-    if (r.level == VEM_LOG_TRACE) {
-      out.push_back(text + "TRACE " + r.message);
-      continue;
-    }
-    const char* level = r.level == VEM_LOG_ERROR   ? "ERROR"
-                        : r.level == VEM_LOG_WARN  ? "WARN"
-                        : r.level == VEM_LOG_DEBUG ? "DEBUG"
-                                                   : "OTHER";
-    char code[32];
-    snprintf(code, sizeof code, "0x%llX", r.code);
-    out.push_back(text + level + " " + code + " " + r.function + ": " + r.message);
-  }
-  return out;
-}
-
-// Every message names the source line it was written from.
-void ExpectMessagesCarrySourceLines(const KitLogCapture& log) {
-  for (const CVEMLogRecord& r : log.records()) {
-    if (r.level != VEM_LOG_TRACE) {
-      EXPECT_GT(r.line, 0u) << r.message;
-    }
-  }
-}
-
-std::string Enter(const std::string& sig) { return "4 TRACE enter " + sig + "..."; }
-std::string Leave(const std::string& sig, bool ok) { return "4 TRACE leave " + sig + (ok ? ": OK" : ": NOK"); }
-std::string Error(const std::string& function, const std::string& text) {
-  return "4 ERROR 0x1002E " + function + ": " + text;
-}
-std::string Debug(const std::string& function, const std::string& text) {
-  return "4 DEBUG 0xFFFF " + function + ": " + text;
-}
-
 // The lines of getIndexOfRecord for one listed record.
 std::vector<std::string> IndexLines(int times) {
   std::vector<std::string> out;
   for (int i = 0; i < times; ++i) {
-    out.push_back(Enter(kIndexSig));
-    out.push_back(Leave(kIndexSig, true));
+    out.push_back(Enter(kSigs.indexOfRecord));
+    out.push_back(Leave(kSigs.indexOfRecord, true));
   }
   return out;
 }
 
-// what() of the CVEM_Exception that f throws.
-std::string ThrownText(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const CVEM_Exception& e) {
-    return e.what();
-  } catch (...) {
-    return "an exception other than CVEM_Exception";
-  }
-  return "no exception";
-}
-
 // A listed LUN as the back end lists it.
-Rec Lun(const std::string& id) { return Rec(zerva_test::kListingCmd).t6(0, 11).str(1, id); }
+Rec Lun(const std::string& id) { return Rec(kListingCmd).t6(0, 11).str(1, id); }
 // The control record of a listing or statistics reply.
-Rec Control(unsigned int value) { return Rec(zerva_test::kListingCmd).u32(4095, value); }
+Rec Control(unsigned int value) { return Rec(kListingCmd).u32(4095, value); }
 
 // A package holding the records.
 std::unique_ptr<CTLVPackage> Package(const std::vector<Rec>& records) {
@@ -237,61 +138,33 @@ std::vector<std::string> Keys(unsigned int n) {
   return keys;
 }
 
-class PerformanceLunTest : public ::testing::Test {
+class PerformanceLunTest : public HandlerTest<> {
  protected:
-  PerformanceLunTest() { fixture_.setSwitch(1); }
-
-  FakeBackend& backend() { return fixture_.backend(); }
+  PerformanceLunTest() { env_.setSwitch(1); }
 
   // preGetRspCell for a listed LUN whose statistics answer is values, then
   // fillRspRecord into a new row; the row's cells as text.
   std::string RowFromValues(const std::string& id, const std::string& values) {
-    backend().onStats("11:" + id, values);
-    std::unique_ptr<CTLVRecordV3> listed(Lun(id).build());
-    EXPECT_EQ(handler_.preGetRspCell(*listed), 0);
-    CTLVRecordV3 row(CTLVRecordV3::RESPONSE_ID, 32);
-    handler_.fillRspRecord(*listed, &row);
-    return RecordText(row);
+    return FilledRowText(handler_, backend(), "11:" + id, values, Lun(id));
   }
 
-  BackendFixture fixture_;
-  KitLogCapture log_;
+  // GetBatchUUID over a listing of these records, from amount, index and
+  // firstIndex: "<result> ids=<batchObjID> index=<index> first=<firstIndex>
+  // amount=<amount>" as the call leaves them.
+  std::string BatchUUID(const std::vector<Rec>& records, Uint32 amount, std::string index = CSnmpTableBase::INVALID_KEY,
+                        std::string firstIndex = CSnmpTableBase::INVALID_KEY) {
+    std::unique_ptr<CTLVPackage> listing = Package(records);
+    std::string batchObjID;
+    const int result = handler_.GetBatchUUID(*listing, amount, index, firstIndex, batchObjID);
+    return std::to_string(result) + " ids=" + batchObjID + " index=" + index + " first=" + firstIndex +
+           " amount=" + std::to_string(amount);
+  }
+
   TestLunHandler handler_;
-  CTLVPackage rsp_;
 };
 
 // ---------------------------------------------------------------------------
 // Construction and the switch check.
-
-TEST_F(PerformanceLunTest, ConstructionSetsBatchSize160InvalidKeyAndNoResultAndSendsNothing) {
-  EXPECT_EQ(handler_.m_usBatchSize, 160);
-  EXPECT_EQ(handler_.m_strCurKey, CSnmpTableBase::INVALID_KEY);
-  EXPECT_EQ(handler_.m_strCurKey, "-1");
-  EXPECT_EQ(handler_.m_iRetCode, 0);
-  EXPECT_FALSE(handler_.m_bWholeTable);
-  EXPECT_FALSE(handler_.isWholeTable());
-  EXPECT_EQ(backend().callCount(), 0u);
-  EXPECT_THAT(KitLines(log_), IsEmpty());
-}
-
-TEST_F(PerformanceLunTest, TheCheckBeforeTheWalkIsTrueOnlyWhenTheSwitchReadsOne) {
-  CVEM_SnmpContext ctx;
-  EXPECT_TRUE(handler_.checkOKBeforeQueryTable(ctx));
-  EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest));
-  EXPECT_THAT(KitLines(log_), IsEmpty());
-}
-
-TEST_F(PerformanceLunTest, SwitchOffOrUnreadableMakesTheCheckBeforeTheWalkFalse) {
-  CVEM_SnmpContext ctx;
-  fixture_.setSwitch(0);
-  EXPECT_FALSE(handler_.checkOKBeforeQueryTable(ctx));
-  fixture_.setSwitch(2);
-  EXPECT_FALSE(handler_.checkOKBeforeQueryTable(ctx));
-  backend().on(zerva_test::kGetSwitchCmd, Answer(5));
-  EXPECT_FALSE(handler_.checkOKBeforeQueryTable(ctx));
-  EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest, kSwitchRequest, kSwitchRequest));
-  EXPECT_THAT(KitLines(log_), IsEmpty());
-}
 
 // ---------------------------------------------------------------------------
 // getMibKey and fillReqRecord.
@@ -331,19 +204,13 @@ TEST_F(PerformanceLunTest, ANonEmptyCurrentKeyFollowsTheObjectTypeAsATextCellAnd
 // ---------------------------------------------------------------------------
 // getIndexOfRecord, preGetRspCell, fillRspRecord, postGetRspCell.
 
-TEST_F(PerformanceLunTest, TheKeyOfAListedLunIsTheTextOfItsTag1Cell) {
-  std::unique_ptr<CTLVRecordV3> listed(Lun("42").build());
-  EXPECT_EQ(handler_.getIndexOfRecord(*listed), "42");
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kIndexSig), Leave(kIndexSig, true)));
-}
-
 TEST_F(PerformanceLunTest, PerRowFetchAsksForObjectKey11ColonIdWithTheThirteenItems) {
   EXPECT_EQ(RowFromValues("7", "1,2,3,4,5,6,7,8,9,10,11,12,13"),
             LunRow(7, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13}, 150, 200));
   EXPECT_THAT(Requests(backend()), ElementsAre(RowStatsRequest("7")));
   EXPECT_FALSE(backend().calls()[0].listing);
-  EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kPreSig), Enter(kPerfDataSig), Leave(kPerfDataSig, true), Leave(kPreSig, true)));
+  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kSigs.preGetRspCell), Enter(kGetBatchPerfDataSig),
+                                          Leave(kGetBatchPerfDataSig, true), Leave(kSigs.preGetRspCell, true)));
 }
 
 TEST_F(PerformanceLunTest, PerRowFetchEmptiesTheValuesOfTheRowBefore) {
@@ -355,36 +222,17 @@ TEST_F(PerformanceLunTest, PerRowFetchEmptiesTheValuesOfTheRowBefore) {
             LunRow(8, {10, 20, 30, 40, 50, 60, 70, 80, 90, 100, 110, 120, 130}, 150, 200));
 }
 
-TEST_F(PerformanceLunTest, PerRowStatisticsFailureIsLoggedWithAnEmptyLunIdAndItsCodeReturned) {
-  backend().onStatsError("11:7", 5);
-  std::unique_ptr<CTLVRecordV3> listed(Lun("7").build());
-  EXPECT_EQ(handler_.preGetRspCell(*listed), 5);
-  EXPECT_THAT(Requests(backend()), ElementsAre(RowStatsRequest("7")));
-  EXPECT_THAT(
-      KitLines(log_),
-      ElementsAre(
-          Enter(kPreSig), Enter(kPerfDataSig),
-          Error("GetBatchPerfData", std::string("faild to query perf data, UUID:11:7, Item:") + kItems + ", err:5."),
-          Leave(kPerfDataSig, false), Error("preGetRspCell", "get performance data of lun  failed, errcode=5"),
-          Leave(kPreSig, false)));
-  ExpectMessagesCarrySourceLines(log_);
-  // Nothing was fetched: a fill now gives the ID column only.
-  CTLVRecordV3 row(CTLVRecordV3::RESPONSE_ID, 32);
-  handler_.fillRspRecord(*listed, &row);
-  EXPECT_EQ(RecordText(row), "1/3/4/7");
-}
-
 TEST_F(PerformanceLunTest, PerRowUnparsableValuesReturnMinusOneWithAnEmptyLunId) {
   backend().onStats("11:7", "1,x,3");
   std::unique_ptr<CTLVRecordV3> listed(Lun("7").build());
   EXPECT_EQ(handler_.preGetRspCell(*listed), -1);
-  EXPECT_THAT(
-      KitLines(log_),
-      ElementsAre(Enter(kPreSig), Enter(kPerfDataSig),
-                  Error("GetBatchPerfData",
-                        std::string("faild to parse perf data, UUID:11:7, Item:") + kItems + ", Value:1,x,3."),
-                  Leave(kPerfDataSig, false), Error("preGetRspCell", "get performance data of lun  failed, errcode=-1"),
-                  Leave(kPreSig, false)));
+  EXPECT_THAT(KitLines(log_),
+              ElementsAre(Enter(kSigs.preGetRspCell), Enter(kGetBatchPerfDataSig),
+                          Error("GetBatchPerfData",
+                                std::string("faild to parse perf data, UUID:11:7, Item:") + kItems + ", Value:1,x,3."),
+                          Leave(kGetBatchPerfDataSig, false),
+                          Error("preGetRspCell", "get performance data of lun  failed, errcode=-1"),
+                          Leave(kSigs.preGetRspCell, false)));
 }
 
 TEST_F(PerformanceLunTest, PercentColumnsAreZeroWithoutItem22TruncatedAndWrapIn32Bits) {
@@ -417,12 +265,6 @@ TEST_F(PerformanceLunTest, ShortValueListGivesOnlyTheColumnsThatHaveValues) {
   EXPECT_EQ(RowFromValues("3", "1,2,3,4,5,6,7,8,9"),
             "1/3/4/3 2/3/4/1 3/3/4/2 4/3/4/3 5/3/4/4 6/3/4/5 7/3/4/6 8/3/4/7 9/3/4/150 10/3/4/200 11/3/4/8 "
             "12/3/4/9");
-  // Nothing fetched: the ID column alone.
-  TestLunHandler fresh;
-  std::unique_ptr<CTLVRecordV3> listed(Lun("4").build());
-  CTLVRecordV3 row(CTLVRecordV3::RESPONSE_ID, 32);
-  fresh.fillRspRecord(*listed, &row);
-  EXPECT_EQ(RecordText(row), "1/3/4/4");
 }
 
 TEST_F(PerformanceLunTest, FillWithAnIdTagReadsTheIdFromThatCell) {
@@ -443,18 +285,6 @@ TEST_F(PerformanceLunTest, FillWithAnIdTagReadsTheIdFromThatCell) {
   EXPECT_EQ(RecordText(row1), LunRow(99, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13}, 150, 200));
 }
 
-TEST_F(PerformanceLunTest, PostGetRspCellEmptiesTheValuesAndTraces) {
-  backend().onStats("11:5", "1,2,3,4,5,6,7,8,9,10,11,12,13");
-  std::unique_ptr<CTLVRecordV3> listed(Lun("5").build());
-  ASSERT_EQ(handler_.preGetRspCell(*listed), 0);
-  log_.clear();
-  handler_.postGetRspCell(*listed);
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kPostSig), Leave(kPostSig, true)));
-  CTLVRecordV3 row(CTLVRecordV3::RESPONSE_ID, 32);
-  handler_.fillRspRecord(*listed, &row);
-  EXPECT_EQ(RecordText(row), "1/3/4/5");
-}
-
 TEST_F(PerformanceLunTest, AppendingARowMakesAResponseRecordAndEmptiesTheValues) {
   backend().onStats("11:5", "1,2,3,4,5,6,7,8,9,10,11,12,13");
   std::unique_ptr<CTLVRecordV3> listed(Lun("5").build());
@@ -467,30 +297,13 @@ TEST_F(PerformanceLunTest, AppendingARowMakesAResponseRecordAndEmptiesTheValues)
               ElementsAre(kResponseId + LunRow(6, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13}, 150, 200),
                           std::string(kResponseId) + "1/3/4/6"));
   EXPECT_EQ(rsp_[0]->bucketCount(), 32u);
-  EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kPostSig), Leave(kPostSig, true), Enter(kPostSig), Leave(kPostSig, true)));
+  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kSigs.postGetRspCell), Leave(kSigs.postGetRspCell, true),
+                                          Enter(kSigs.postGetRspCell), Leave(kSigs.postGetRspCell, true)));
 }
 
-TEST_F(PerformanceLunTest, NonStringIdCellThrowsFromGetIndexOfRecord) {
-  std::unique_ptr<CTLVRecordV3> listed(Rec().t6(0, 11).u32(1, 7).build());
-  EXPECT_EQ(ThrownText([&] { handler_.getIndexOfRecord(*listed); }),
-            "CVEM_Exception: CTLVCell isn't string type! tag equal to 1");
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kIndexSig), Leave(kIndexSig, true)));
-}
-
-TEST_F(PerformanceLunTest, NonStringIdCellThrowsFromPreGetRspCellBeforeAnyQuery) {
-  std::unique_ptr<CTLVRecordV3> listed(Rec().t6(0, 11).u64(1, 7).build());
-  EXPECT_EQ(ThrownText([&] { handler_.preGetRspCell(*listed); }),
-            "CVEM_Exception: CTLVCell isn't string type! tag equal to 1");
-  EXPECT_EQ(backend().callCount(), 0u);
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kPreSig), Leave(kPreSig, true)));
-}
-
-TEST_F(PerformanceLunTest, NonStringIdCellThrowsFromFillRspRecordAndTheRowStaysEmpty) {
+TEST_F(PerformanceLunTest, NonStringIdCellInTheIdTagThrowsFromFillAndFromAppendRspPkgRecord) {
   std::unique_ptr<CTLVRecordV3> stats(Rec().u32(1, 7).u32(13, 8).build());
   CTLVRecordV3 row(CTLVRecordV3::RESPONSE_ID, 32);
-  EXPECT_EQ(ThrownText([&] { handler_.fillRspRecord(*stats, &row); }),
-            "CVEM_Exception: CTLVCell isn't string type! tag equal to 1");
   EXPECT_EQ(ThrownText([&] { handler_.fillRspRecord(*stats, &row, 13); }),
             "CVEM_Exception: CTLVCell isn't string type! tag equal to 13");
   EXPECT_EQ(row.cellCount(), 0u);
@@ -503,111 +316,46 @@ TEST_F(PerformanceLunTest, NonStringIdCellThrowsFromFillRspRecordAndTheRowStaysE
 // GetBatchUUID.
 
 TEST_F(PerformanceLunTest, FiveListedLunsWithAmountThreeGiveTheFirstThreeJoinedByCommas) {
-  auto listing = Package({Lun("7"), Lun("8"), Lun("9"), Lun("10"), Lun("11"), Control(1)});
-  Uint32 amount = 3;
-  std::string index = CSnmpTableBase::INVALID_KEY;
-  std::string firstIndex = CSnmpTableBase::INVALID_KEY;
-  std::string batchObjID;
-  EXPECT_EQ(handler_.GetBatchUUID(*listing, amount, index, firstIndex, batchObjID), 0);
-  EXPECT_EQ(batchObjID, "7,8,9");
-  EXPECT_EQ(index, "9");
-  EXPECT_EQ(firstIndex, "7");
-  EXPECT_EQ(amount, 0u);
+  EXPECT_EQ(BatchUUID({Lun("7"), Lun("8"), Lun("9"), Lun("10"), Lun("11"), Control(1)}, 3),
+            "0 ids=7,8,9 index=9 first=7 amount=0");
   EXPECT_THAT(KitLines(log_), ElementsAreArray(IndexLines(3)));
   EXPECT_EQ(backend().callCount(), 0u);
 }
 
 TEST_F(PerformanceLunTest, AListingThatRepeatsTheFirstKeyStopsBeforeItWithoutCountingIt) {
-  auto listing = Package({Lun("1"), Lun("2"), Lun("1"), Lun("3")});
-  Uint32 amount = 10;
-  std::string index = CSnmpTableBase::INVALID_KEY;
-  std::string firstIndex = CSnmpTableBase::INVALID_KEY;
-  std::string batchObjID;
-  EXPECT_EQ(handler_.GetBatchUUID(*listing, amount, index, firstIndex, batchObjID), 0);
-  EXPECT_EQ(batchObjID, "1,2");
-  EXPECT_EQ(amount, 8u);
-  EXPECT_EQ(index, "1");  // the position names the repeated key
-  EXPECT_EQ(firstIndex, "1");
+  // The position names the repeated key.
+  EXPECT_EQ(BatchUUID({Lun("1"), Lun("2"), Lun("1"), Lun("3")}, 10), "0 ids=1,2 index=1 first=1 amount=8");
   EXPECT_THAT(KitLines(log_), ElementsAreArray(IndexLines(3)));
 }
 
 TEST_F(PerformanceLunTest, ALaterBatchThatComesBackToTheFirstKeyStopsBeforeIt) {
   // firstIndex set by an earlier batch: every ID of this batch follows a comma.
-  auto listing = Package({Lun("4"), Lun("5"), Lun("3"), Lun("6")});
-  Uint32 amount = 10;
-  std::string index = "3";
-  std::string firstIndex = "3";
-  std::string batchObjID;
-  EXPECT_EQ(handler_.GetBatchUUID(*listing, amount, index, firstIndex, batchObjID), 0);
-  EXPECT_EQ(batchObjID, ",4,5");
-  EXPECT_EQ(amount, 8u);
-  EXPECT_EQ(index, "3");
-  EXPECT_EQ(firstIndex, "3");
+  EXPECT_EQ(BatchUUID({Lun("4"), Lun("5"), Lun("3"), Lun("6")}, 10, "3", "3"), "0 ids=,4,5 index=3 first=3 amount=8");
 }
 
 TEST_F(PerformanceLunTest, AControlValueOfTwoIsAnOrdinaryLunRecord) {
-  auto listing = Package({Rec(zerva_test::kListingCmd).u32(4095, 2).str(1, "9"), Lun("10")});
-  Uint32 amount = 5;
-  std::string index = CSnmpTableBase::INVALID_KEY;
-  std::string firstIndex = CSnmpTableBase::INVALID_KEY;
-  std::string batchObjID;
-  EXPECT_EQ(handler_.GetBatchUUID(*listing, amount, index, firstIndex, batchObjID), -1);
-  EXPECT_EQ(batchObjID, "9,10");
-  EXPECT_EQ(index, "10");
-  EXPECT_EQ(firstIndex, "9");
-  EXPECT_EQ(amount, 3u);
+  EXPECT_EQ(BatchUUID({Rec(kListingCmd).u32(4095, 2).str(1, "9"), Lun("10")}, 5),
+            "-1 ids=9,10 index=10 first=9 amount=3");
   EXPECT_THAT(KitLines(log_), ElementsAreArray(IndexLines(2)));
 }
 
 TEST_F(PerformanceLunTest, ControlValueZeroStopsTheBatchAndAsksForMore) {
-  auto listing = Package({Lun("1"), Lun("2"), Control(0), Lun("3")});
-  Uint32 amount = 160;
-  std::string index = CSnmpTableBase::INVALID_KEY;
-  std::string firstIndex = CSnmpTableBase::INVALID_KEY;
-  std::string batchObjID;
-  EXPECT_EQ(handler_.GetBatchUUID(*listing, amount, index, firstIndex, batchObjID), -1);
-  EXPECT_EQ(batchObjID, "1,2");
-  EXPECT_EQ(index, "2");
-  EXPECT_EQ(firstIndex, "1");
-  EXPECT_EQ(amount, 158u);
+  EXPECT_EQ(BatchUUID({Lun("1"), Lun("2"), Control(0), Lun("3")}, 160), "-1 ids=1,2 index=2 first=1 amount=158");
 }
 
 TEST_F(PerformanceLunTest, AnEmptyControlCellReadsAsZeroAndStopsTheBatch) {
-  auto listing = Package({Lun("1"), Rec(zerva_test::kListingCmd).cell(4095, 3, {}).str(1, "2"), Lun("3")});
-  Uint32 amount = 160;
-  std::string index = CSnmpTableBase::INVALID_KEY;
-  std::string firstIndex = CSnmpTableBase::INVALID_KEY;
-  std::string batchObjID;
-  EXPECT_EQ(handler_.GetBatchUUID(*listing, amount, index, firstIndex, batchObjID), -1);
-  EXPECT_EQ(batchObjID, "1");
-  EXPECT_EQ(index, "1");
-  EXPECT_EQ(amount, 159u);
+  EXPECT_EQ(BatchUUID({Lun("1"), Rec(kListingCmd).cell(4095, 3, {}).str(1, "2"), Lun("3")}, 160),
+            "-1 ids=1 index=1 first=1 amount=159");
 }
 
 TEST_F(PerformanceLunTest, ControlValueOneAfterLunsEndsTheWalkAndResetsTheIndex) {
-  auto listing = Package({Lun("1"), Lun("2"), Control(1), Lun("3")});
-  Uint32 amount = 160;
-  std::string index = CSnmpTableBase::INVALID_KEY;
-  std::string firstIndex = CSnmpTableBase::INVALID_KEY;
-  std::string batchObjID;
-  EXPECT_EQ(handler_.GetBatchUUID(*listing, amount, index, firstIndex, batchObjID), -1);
-  EXPECT_EQ(batchObjID, "1,2");
-  EXPECT_EQ(index, CSnmpTableBase::INVALID_KEY);
-  EXPECT_EQ(firstIndex, "1");
-  EXPECT_EQ(amount, 158u);
+  EXPECT_EQ(BatchUUID({Lun("1"), Lun("2"), Control(1), Lun("3")}, 160),
+            "-1 ids=1,2 index=" + CSnmpTableBase::INVALID_KEY + " first=1 amount=158");
   EXPECT_THAT(KitLines(log_), ElementsAreArray(IndexLines(2)));
 }
 
 TEST_F(PerformanceLunTest, ARecordWithoutCellsIsSkippedAndAUsedUpReplyAsksForMore) {
-  auto listing = Package({Rec(), Lun("1"), Rec(), Lun("2")});
-  Uint32 amount = 160;
-  std::string index = CSnmpTableBase::INVALID_KEY;
-  std::string firstIndex = CSnmpTableBase::INVALID_KEY;
-  std::string batchObjID;
-  EXPECT_EQ(handler_.GetBatchUUID(*listing, amount, index, firstIndex, batchObjID), -1);
-  EXPECT_EQ(batchObjID, "1,2");
-  EXPECT_EQ(index, "2");
-  EXPECT_EQ(amount, 158u);
+  EXPECT_EQ(BatchUUID({Rec(), Lun("1"), Rec(), Lun("2")}, 160), "-1 ids=1,2 index=2 first=1 amount=158");
   EXPECT_THAT(KitLines(log_), ElementsAreArray(IndexLines(2)));
 }
 
@@ -642,8 +390,9 @@ TEST_F(PerformanceLunTest, BatchQuerySendsOneCommandForAllLunsAndAppendsOneRowPe
   EXPECT_THAT(PackageText(rsp_),
               ElementsAre(kResponseId + LunRow(1, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13}, 150, 200),
                           kResponseId + LunRow(2, {10, 0, 5, 7, 1, 1, 1, 1, 1, 1, 1, 1, 1}, 0, 0)));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kQuerySig), Enter(kPostSig), Leave(kPostSig, true), Enter(kPostSig),
-                                          Leave(kPostSig, true), Leave(kQuerySig, true)));
+  EXPECT_THAT(KitLines(log_),
+              ElementsAre(Enter(kQuerySig), Enter(kSigs.postGetRspCell), Leave(kSigs.postGetRspCell, true),
+                          Enter(kSigs.postGetRspCell), Leave(kSigs.postGetRspCell, true), Leave(kQuerySig, true)));
 }
 
 TEST_F(PerformanceLunTest, AStatisticsReplyOpeningWithControlOneGivesNoRowsAndZero) {
@@ -687,7 +436,7 @@ TEST_F(PerformanceLunTest, UnparsableValueListLogsAndReturnsMinusOneKeepingEarli
   EXPECT_THAT(PackageText(rsp_),
               ElementsAre(kResponseId + LunRow(1, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13}, 150, 200)));
   EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kQuerySig), Enter(kPostSig), Leave(kPostSig, true),
+              ElementsAre(Enter(kQuerySig), Enter(kSigs.postGetRspCell), Leave(kSigs.postGetRspCell, true),
                           Error("QueryPerfLunData", "faild to parse perf data."), Leave(kQuerySig, false)));
   ExpectMessagesCarrySourceLines(log_);
 }
@@ -698,8 +447,8 @@ TEST_F(PerformanceLunTest, NonNumericControlCellThrowsFromQueryPerfLunData) {
   EXPECT_EQ(ThrownText([&] { handler_.QueryPerfLunData("1,2", rsp_); }),
             "CVEM_Exception: CTLVCell isn't numerical type! tag equal to 4095");
   EXPECT_EQ(rsp_.size(), 1u);
-  EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kQuerySig), Enter(kPostSig), Leave(kPostSig, true), Leave(kQuerySig, true)));
+  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kQuerySig), Enter(kSigs.postGetRspCell),
+                                          Leave(kSigs.postGetRspCell, true), Leave(kQuerySig, true)));
 }
 
 TEST_F(PerformanceLunTest, NonStringLunIdInAStatisticsRecordThrowsWithoutAddingARow) {
@@ -708,6 +457,24 @@ TEST_F(PerformanceLunTest, NonStringLunIdInAStatisticsRecordThrowsWithoutAddingA
             "CVEM_Exception: CTLVCell isn't string type! tag equal to 13");
   EXPECT_THAT(rsp_.records(), IsEmpty());
   EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kQuerySig), Leave(kQuerySig, true)));
+}
+
+TEST_F(PerformanceLunTest, ValuesOfALunWhoseRowFailedNeverReachTheRowOfALaterLun) {
+  // LUN 1: its values split, then its row throws on the numeric ID cell, so
+  // postGetRspCell never runs and the values stay in the handler.
+  backend().on(kLunStatsCmd, Answer{Rec().u32(13, 1).str(9, "1,2,3,4,5,6,7,8,9,10,11,12,13")});
+  EXPECT_EQ(ThrownText([&] { handler_.QueryPerfLunData("1", rsp_); }),
+            "CVEM_Exception: CTLVCell isn't string type! tag equal to 13");
+  // LUN 2: a values text that fails to split gives no row.
+  backend().on(kLunStatsCmd, Answer{Rec().str(13, "2").str(9, "1,,3")});
+  EXPECT_EQ(handler_.QueryPerfLunData("2", rsp_), -1);
+  EXPECT_THAT(rsp_.records(), IsEmpty());
+  // LUN 3: its row carries its own values only.
+  backend().on(kLunStatsCmd, Answer{Rec().str(13, "3").str(9, "30,100,40,50,31,32,33,34,35,36,37,38,39")});
+  EXPECT_EQ(handler_.QueryPerfLunData("3", rsp_), 0);
+  EXPECT_THAT(PackageText(rsp_),
+              ElementsAre(kResponseId + LunRow(3, {30, 100, 40, 50, 31, 32, 33, 34, 35, 36, 37, 38, 39}, 40, 50)));
+  EXPECT_THAT(Requests(backend()), ElementsAre(BatchStatsRequest("1"), BatchStatsRequest("2"), BatchStatsRequest("3")));
 }
 
 // ---------------------------------------------------------------------------
@@ -736,8 +503,8 @@ TEST_F(PerformanceLunTest, ABatchIsQueriedWithOneCommandAndLoggedAtErrorLevel) {
   for (const std::string& line : IndexLines(3)) expected.push_back(line);
   expected.push_back(Enter(kQuerySig));
   for (int i = 0; i < 3; ++i) {
-    expected.push_back(Enter(kPostSig));
-    expected.push_back(Leave(kPostSig, true));
+    expected.push_back(Enter(kSigs.postGetRspCell));
+    expected.push_back(Leave(kSigs.postGetRspCell, true));
   }
   expected.push_back(Leave(kQuerySig, true));
   expected.push_back(Error("GetBatchTableInfo_i", "query LUN performance. batchObjID:1,2,3, amount:0, index:3"));
@@ -851,7 +618,7 @@ TEST_F(PerformanceLunTest, UnparsableBatchValuesAreStoredAsResultMinusOne) {
 TEST_F(PerformanceLunTest, AWalkOf1000LunsAnswersEachOnceInListingOrderWithSevenBatchCommands) {
   PagedListing listing(Keys(1000), 160);
   BatchStatsResponder stats;
-  backend().on(zerva_test::kListingCmd, listing);
+  backend().on(kListingCmd, listing);
   backend().on(kLunStatsCmd, stats);
   CVEM_SnmpContext walk;
   CTLVPackage req;
@@ -877,8 +644,8 @@ TEST_F(PerformanceLunTest, AWalkOf1000LunsAnswersEachOnceInListingOrderWithSeven
   EXPECT_EQ(Requests(backend()), expectedRequests);
   EXPECT_THAT(listing.keysAsked(), ElementsAre("", "160", "320", "480", "640", "800", "960"));
   EXPECT_EQ(backend().callsTo(kLunStatsCmd).size(), 7u);
-  EXPECT_THAT(backend().callsTo(zerva_test::kGetStatsCmd), IsEmpty());
-  for (const Call& call : backend().callsTo(zerva_test::kListingCmd)) EXPECT_TRUE(call.listing);
+  EXPECT_THAT(backend().callsTo(kGetStatsCmd), IsEmpty());
+  for (const Call& call : backend().callsTo(kListingCmd)) EXPECT_TRUE(call.listing);
   for (const Call& call : backend().callsTo(kLunStatsCmd)) EXPECT_FALSE(call.listing);
 
   std::vector<std::string> expectedErrors;
@@ -900,24 +667,11 @@ TEST_F(PerformanceLunTest, AWalkOf1000LunsAnswersEachOnceInListingOrderWithSeven
   EXPECT_THAT(log_.records(VEM_LOG_DEBUG), IsEmpty());
 }
 
-TEST_F(PerformanceLunTest, AWalkWithCollectionSwitchedOffGivesNoRowsAndSendsNoListing) {
-  fixture_.setSwitch(0);
-  backend().on(zerva_test::kListingCmd, PagedListing(Keys(10), 160));
-  backend().on(kLunStatsCmd, BatchStatsResponder());
-  CVEM_SnmpContext walk;
-  CTLVPackage req;
-  EXPECT_EQ(handler_.OnQueryTable(walk, req, rsp_), 0);
-  EXPECT_THAT(rsp_.records(), IsEmpty());
-  EXPECT_FALSE(handler_.isWholeTable());
-  EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest));
-  EXPECT_THAT(KitLines(log_), IsEmpty());
-}
-
 TEST_F(PerformanceLunTest, AWalkWhoseThirdBatchFailsReturnsItsCodeAndKeepsTheEarlierRows) {
   PagedListing listing(Keys(1000), 160);
   BatchStatsResponder stats;
   int batches = 0;
-  backend().on(zerva_test::kListingCmd, listing);
+  backend().on(kListingCmd, listing);
   backend().on(kLunStatsCmd,
                [&](const CTLVPackage& req, bool l) { return ++batches == 3 ? Answer(5) : stats(req, l); });
   CVEM_SnmpContext walk;
@@ -944,7 +698,7 @@ TEST_F(PerformanceLunTest, AWalkWhoseThirdBatchFailsReturnsItsCodeAndKeepsTheEar
 }
 
 TEST_F(PerformanceLunTest, AnUnreachableBackEndEndsTheWalkWithTheTransportCodeStoredAsTheResult) {
-  backend().on(zerva_test::kListingCmd, PagedListing(Keys(3), 160));
+  backend().on(kListingCmd, PagedListing(Keys(3), 160));
   backend().on(kLunStatsCmd, Answer(SNMP_TRANSPORT_E_CONNECT));
   CVEM_SnmpContext walk;
   CTLVPackage req;
@@ -964,7 +718,7 @@ TEST_F(PerformanceLunTest, AnUnreachableBackEndEndsTheWalkWithTheTransportCodeSt
 }
 
 TEST_F(PerformanceLunTest, AWalkOfAnEmptyListingGivesNoRowsTheWholeTableAndTheEndMessage) {
-  backend().on(zerva_test::kListingCmd, Answer{Control(1)});
+  backend().on(kListingCmd, Answer{Control(1)});
   CVEM_SnmpContext walk;
   CTLVPackage req;
   EXPECT_EQ(handler_.OnQueryTable(walk, req, rsp_), 0);
@@ -979,7 +733,7 @@ TEST_F(PerformanceLunTest, AWalkOfAnEmptyListingGivesNoRowsTheWholeTableAndTheEn
 TEST_F(PerformanceLunTest, AGetNextFromAnIndexContinuesAfterItsLunInOneBatch) {
   PagedListing listing(Keys(1000), 160);
   BatchStatsResponder stats;
-  backend().on(zerva_test::kListingCmd, listing);
+  backend().on(kListingCmd, listing);
   backend().on(kLunStatsCmd, stats);
   CVEM_SnmpContext next(SNMP_OP_GETNEXT, Agentpp::Oidx{500, 9}, 3);
   CTLVPackage req;
@@ -991,3 +745,4 @@ TEST_F(PerformanceLunTest, AGetNextFromAnIndexContinuesAfterItsLunInOneBatch) {
 }
 
 }  // namespace
+}  // namespace zerva_test

@@ -2,37 +2,21 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "diag/vem_exception.h"
 #include "snmpcommon/snmp_capability.h"
-#include "tests/support/fake_backend.h"
-#include "tests/support/kit_log_capture.h"
+#include "tests/support/handler_test_support.h"
 
+namespace zerva_test {
 namespace {
-
-using zerva_test::Answer;
-using zerva_test::BackendFixture;
-using zerva_test::FakeBackend;
-using zerva_test::KitLogCapture;
-using zerva_test::PackageText;
-using zerva_test::Rec;
-using zerva_test::RecordText;
-
-const char kQuerySig[] =
-    "virtual int CPerformanceSimpleHandler::OnQueryTable(const CVEM_SnmpContext&, const "
-    "CTLVPackageV3<TLVMsgHeadV3>&, CTLVPackageV3<TLVMsgHeadV3>&)";
-const char kBatchSig[] =
-    "int CSnmpPerformanceCommon::GetBatchPerfData(u_int, const string&, const string&, std::vector<unsigned int>&)";
 
 const char kNineItems[] = "68,69,78,22,25,28,21,23,26";
 const char kElevenItems[] = "68,69,78,22,25,28,21,23,26,475,476";
 
 // Requests as the back end saw them.
-const char kSwitchRequest[] = "query 0xDE0222001: ";
 const char kListing207[] = "listing 0xD0000C000: 0/6/8/207";
 
 // The statistics request of a two-character controller ID.
@@ -62,50 +46,6 @@ std::string Join(const std::vector<unsigned int>& values) {
   return out;
 }
 
-std::string Enter(const std::string& sig) { return "enter " + sig + "..."; }
-std::string Leave(const std::string& sig, bool ok) { return "leave " + sig + (ok ? ": OK" : ": NOK"); }
-
-// Every request, in order: "listing " or "query " (the third configure
-// argument) followed by the records of the package.
-std::vector<std::string> Requests(const FakeBackend& backend) {
-  std::vector<std::string> out;
-  for (const zerva_test::Call& call : backend.calls()) {
-    std::string text = call.listing ? "listing " : "query ";
-    std::vector<std::string> records = PackageText(*call.package());
-    for (size_t i = 0; i < records.size(); ++i) text += (i == 0 ? "" : " | ") + records[i];
-    out.push_back(text);
-  }
-  return out;
-}
-
-std::string LevelName(EVEMLogLevel level) {
-  switch (level) {
-    case VEM_LOG_TRACE:
-      return "TRACE";
-    case VEM_LOG_DEBUG:
-      return "DEBUG";
-    case VEM_LOG_WARN:
-      return "WARN";
-    case VEM_LOG_ERROR:
-      return "ERROR";
-    default:
-      return "?";
-  }
-}
-
-// Every message but the trace lines: "kitN LEVEL 0xCODE function: message".
-std::vector<std::string> Messages(const KitLogCapture& log) {
-  std::vector<std::string> out;
-  for (const CVEMLogRecord& r : log.records()) {
-    if (r.level == VEM_LOG_TRACE) continue;
-    char code[32];
-    snprintf(code, sizeof code, "0x%llX", r.code);
-    out.push_back("kit" + std::to_string(r.kitNo) + " " + LevelName(r.level) + " " + code + " " + r.function + ": " +
-                  r.message);
-  }
-  return out;
-}
-
 // A listing answer record: tag 0 an unrelated number, tag 1 the object ID.
 Rec Controller(const std::string& objectId) { return Rec(0x5).t6(0, 207).str(1, objectId); }
 
@@ -114,26 +54,13 @@ const std::vector<unsigned int> kValues1B = {20, 21, 22, 23, 24, 25, 26, 27, 28}
 const std::vector<unsigned int> kValues0A11 = {10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 4294967295u};
 const std::vector<unsigned int> kValues1B11 = {20, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30};
 
-class NodeHandlerTest : public ::testing::Test {
+class NodeHandlerTest : public HandlerTest<> {
  protected:
   void SetUp() override { env_.setSwitch(1); }
-  FakeBackend& backend() { return env_.backend(); }
   int Query(CPerformanceNodeHandler& handler) { return handler.OnQueryTable(ctx_, req_, rsp_); }
   std::vector<std::string> QueryTraces(const std::vector<bool>& batches, bool ok) {
-    std::vector<std::string> out{Enter(kQuerySig)};
-    for (bool b : batches) {
-      out.push_back(Enter(kBatchSig));
-      out.push_back(Leave(kBatchSig, b));
-    }
-    out.push_back(Leave(kQuerySig, ok));
-    return out;
+    return CallTraces(kSimpleQueryTableSig, kGetBatchPerfDataSig, batches, ok, kBareTrace);
   }
-
-  BackendFixture env_;
-  KitLogCapture log_;
-  CVEM_SnmpContext ctx_;
-  CTLVPackage req_;
-  CTLVPackage rsp_;
 };
 
 TEST_F(NodeHandlerTest, HooksListControllersAndAskStatisticsOfControllers) {
@@ -142,7 +69,7 @@ TEST_F(NodeHandlerTest, HooksListControllersAndAskStatisticsOfControllers) {
   EXPECT_EQ(handler.getObjIDForPerf(), 207u);
   EXPECT_EQ(handler.getStatistics(), kNineItems);
   EXPECT_EQ(backend().callCount(), 0u);
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_TRUE(KitMessages(log_).empty());
   EXPECT_TRUE(log_.traces().empty());
 }
 
@@ -154,12 +81,12 @@ TEST_F(NodeHandlerTest, ItemListWithoutFeature602HasNineItems) {
 
   EXPECT_EQ(Query(handler), 0);
 
-  EXPECT_EQ(Requests(backend()),
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
             (std::vector<std::string>{
-                kSwitchRequest, kListing207,
+                kSwitchQuery, kListing207,
                 R"(query 0xDE0222010: 0/2/7/"207:0A\0" 8/2/27/"68,69,78,22,25,28,21,23,26\0" 2/3/8/4)"}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{Row(0, kValues0A, false)}));
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_TRUE(KitMessages(log_).empty());
   EXPECT_EQ(log_.traces(), QueryTraces({true}, true));
 }
 
@@ -172,12 +99,12 @@ TEST_F(NodeHandlerTest, ItemListWithFeature602HasElevenItems) {
 
   EXPECT_EQ(Query(handler), 0);
 
-  EXPECT_EQ(Requests(backend()),
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
             (std::vector<std::string>{
-                kSwitchRequest, kListing207,
+                kSwitchQuery, kListing207,
                 R"(query 0xDE0222010: 0/2/7/"207:0A\0" 8/2/35/"68,69,78,22,25,28,21,23,26,475,476\0" 2/3/8/4)"}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{Row(0, kValues0A11, true)}));
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_TRUE(KitMessages(log_).empty());
   EXPECT_EQ(log_.traces(), QueryTraces({true}, true));
 }
 
@@ -186,7 +113,7 @@ TEST_F(NodeHandlerTest, OtherFeaturesDoNotChangeTheItemList) {
   CPerformanceNodeHandler handler;
   EXPECT_EQ(handler.getStatistics(), kNineItems);
   EXPECT_EQ(backend().callCount(), 0u);
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_TRUE(KitMessages(log_).empty());
 }
 
 TEST_F(NodeHandlerTest, WithoutFeature602TagsElevenAndTwelveCarryEightByteAllOnes) {
@@ -197,7 +124,8 @@ TEST_F(NodeHandlerTest, WithoutFeature602TagsElevenAndTwelveCarryEightByteAllOne
 
   EXPECT_EQ(Query(handler), 0);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207, Stats9("0A"), Stats9("1B")}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing207, Stats9("0A"), Stats9("1B")}));
   EXPECT_EQ(PackageText(rsp_),
             (std::vector<std::string>{
                 "0xFFFFFFFFFFFFFFFF: 1/3/4/0 2/3/4/10 3/3/4/11 4/3/4/12 5/3/4/13 6/3/4/14 7/3/4/15 8/3/4/16 9/3/4/17 "
@@ -215,7 +143,7 @@ TEST_F(NodeHandlerTest, WithoutFeature602TagsElevenAndTwelveCarryEightByteAllOne
       for (unsigned i = 0; i < 8; ++i) EXPECT_EQ(c->value()[i], 0xFF);
     }
   }
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_TRUE(KitMessages(log_).empty());
   EXPECT_EQ(log_.traces(), QueryTraces({true, true}, true));
 }
 
@@ -228,7 +156,8 @@ TEST_F(NodeHandlerTest, WithFeature602EveryRowHasTwelveCellsOfFourBytes) {
 
   EXPECT_EQ(Query(handler), 0);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207, Stats11("0A"), Stats11("1B")}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing207, Stats11("0A"), Stats11("1B")}));
   EXPECT_EQ(PackageText(rsp_),
             (std::vector<std::string>{
                 "0xFFFFFFFFFFFFFFFF: 1/3/4/0 2/3/4/10 3/3/4/11 4/3/4/12 5/3/4/13 6/3/4/14 7/3/4/15 8/3/4/16 9/3/4/17 "
@@ -245,7 +174,7 @@ TEST_F(NodeHandlerTest, WithFeature602EveryRowHasTwelveCellsOfFourBytes) {
       EXPECT_EQ(c->length(), 4u);
     }
   }
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_TRUE(KitMessages(log_).empty());
   EXPECT_EQ(log_.traces(), QueryTraces({true, true}, true));
 }
 
@@ -261,11 +190,11 @@ TEST_F(NodeHandlerTest, RowIsIndexedByNodeNumberOfTheControllerId) {
 
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{Row(0, kValues0A, false), Row(3, kValues1B, false),
                                                          Row(4, kValues1B, false), Row(50, kValues0A, false)}));
-  EXPECT_EQ(Requests(backend()),
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
             (std::vector<std::string>{
-                kSwitchRequest, kListing207, Stats9("0A"), Stats9("0D"), Stats9("1A"),
+                kSwitchQuery, kListing207, Stats9("0A"), Stats9("0D"), Stats9("1A"),
                 R"(query 0xDE0222010: 0/2/8/"207:12C\0" 8/2/27/"68,69,78,22,25,28,21,23,26\0" 2/3/8/4)"}));
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_TRUE(KitMessages(log_).empty());
   EXPECT_EQ(log_.traces(), QueryTraces({true, true, true, true}, true));
 }
 
@@ -277,10 +206,7 @@ TEST_F(NodeHandlerTest, SwitchAtZeroGivesEmptyTableWithoutListingRequest) {
 
   EXPECT_EQ(Query(handler), 0);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest}));
-  EXPECT_EQ(rsp_.size(), 0u);
-  EXPECT_TRUE(Messages(log_).empty());
-  EXPECT_EQ(log_.traces(), QueryTraces({}, true));
+  ExpectReadStoppedAtTheSwitch(backend(), rsp_, log_);
 }
 
 TEST_F(NodeHandlerTest, SwitchAtTwoGivesEmptyTableWithoutListingRequest) {
@@ -291,10 +217,7 @@ TEST_F(NodeHandlerTest, SwitchAtTwoGivesEmptyTableWithoutListingRequest) {
 
   EXPECT_EQ(Query(handler), 0);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest}));
-  EXPECT_EQ(rsp_.size(), 0u);
-  EXPECT_TRUE(Messages(log_).empty());
-  EXPECT_EQ(log_.traces(), QueryTraces({}, true));
+  ExpectReadStoppedAtTheSwitch(backend(), rsp_, log_);
 }
 
 TEST_F(NodeHandlerTest, SwitchNotOneIsNoFailureGivesZeroAndNoRows) {
@@ -305,10 +228,7 @@ TEST_F(NodeHandlerTest, SwitchNotOneIsNoFailureGivesZeroAndNoRows) {
 
   EXPECT_EQ(Query(handler), 0);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest}));
-  EXPECT_EQ(rsp_.size(), 0u);
-  EXPECT_TRUE(Messages(log_).empty());
-  EXPECT_EQ(log_.traces(), QueryTraces({}, true));
+  ExpectReadStoppedAtTheSwitch(backend(), rsp_, log_);
 }
 
 TEST_F(NodeHandlerTest, EmptyListingAnswerGivesZeroAndEmptyTable) {
@@ -317,9 +237,8 @@ TEST_F(NodeHandlerTest, EmptyListingAnswerGivesZeroAndEmptyTable) {
 
   EXPECT_EQ(Query(handler), 0);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207}));
-  EXPECT_EQ(rsp_.size(), 0u);
-  EXPECT_TRUE(Messages(log_).empty());
+  ExpectNoRowAfterTheListing(backend(), rsp_, kListing207);
+  EXPECT_TRUE(KitMessages(log_).empty());
   EXPECT_EQ(log_.traces(), QueryTraces({}, true));
 }
 
@@ -329,9 +248,8 @@ TEST_F(NodeHandlerTest, FailedListingRequestReturnsItsCodeAndLogsIt) {
 
   EXPECT_EQ(Query(handler), 1077949460);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207}));
-  EXPECT_EQ(rsp_.size(), 0u);
-  EXPECT_EQ(Messages(log_),
+  ExpectNoRowAfterTheListing(backend(), rsp_, kListing207);
+  EXPECT_EQ(KitMessages(log_),
             (std::vector<std::string>{
                 "kit4 ERROR 0x1002E OnQueryTable: faild to query info of controller, err:1077949460."}));
   EXPECT_EQ(log_.traces(), QueryTraces({}, false));
@@ -346,12 +264,13 @@ TEST_F(NodeHandlerTest, FailedStatisticsOfSecondOfThreeControllersLeavesOneRowAn
 
   EXPECT_EQ(Query(handler), 1077949461);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207, Stats9("0A"), Stats9("0B")}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing207, Stats9("0A"), Stats9("0B")}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{Row(0, kValues0A, false)}));
-  EXPECT_EQ(Messages(log_), (std::vector<std::string>{
-                                "kit4 ERROR 0x1002E GetBatchPerfData: faild to query perf data, UUID:207:0B, "
-                                "Item:68,69,78,22,25,28,21,23,26, err:1077949461.",
-                                "kit4 ERROR 0x1002E OnQueryTable: failed to get perf data of 0B, err:1077949461"}));
+  EXPECT_EQ(KitMessages(log_), (std::vector<std::string>{
+                                   "kit4 ERROR 0x1002E GetBatchPerfData: faild to query perf data, UUID:207:0B, "
+                                   "Item:68,69,78,22,25,28,21,23,26, err:1077949461.",
+                                   "kit4 ERROR 0x1002E OnQueryTable: failed to get perf data of 0B, err:1077949461"}));
   EXPECT_EQ(log_.traces(), QueryTraces({true, false}, false));
 }
 
@@ -362,9 +281,10 @@ TEST_F(NodeHandlerTest, FailedStatisticsOfOnlyControllerGivesNoRowAndItsCode) {
 
   EXPECT_EQ(Query(handler), -5);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207, Stats9("3D")}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing207, Stats9("3D")}));
   EXPECT_EQ(rsp_.size(), 0u);
-  EXPECT_EQ(Messages(log_),
+  EXPECT_EQ(KitMessages(log_),
             (std::vector<std::string>{"kit4 ERROR 0x1002E GetBatchPerfData: faild to query perf data, UUID:207:3D, "
                                       "Item:68,69,78,22,25,28,21,23,26, err:-5.",
                                       "kit4 ERROR 0x1002E OnQueryTable: failed to get perf data of 3D, err:-5"}));
@@ -380,9 +300,10 @@ TEST_F(NodeHandlerTest, NonControllerIdEndsQueryWithMinusOneKeepingEarlierRows) 
 
   EXPECT_EQ(Query(handler), -1);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207, Stats9("0A")}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing207, Stats9("0A")}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{Row(0, kValues0A, false)}));
-  EXPECT_EQ(Messages(log_), (std::vector<std::string>{"kit4 ERROR 0x1002E OnQueryTable: faild to parse rsp"}));
+  EXPECT_EQ(KitMessages(log_), (std::vector<std::string>{"kit4 ERROR 0x1002E OnQueryTable: faild to parse rsp"}));
   EXPECT_EQ(log_.traces(), QueryTraces({true}, false));
 }
 
@@ -393,9 +314,8 @@ TEST_F(NodeHandlerTest, BareEngineNumberIsNoControllerIdAndGivesMinusOne) {
 
   EXPECT_EQ(Query(handler), -1);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207}));
-  EXPECT_EQ(rsp_.size(), 0u);
-  EXPECT_EQ(Messages(log_), (std::vector<std::string>{"kit4 ERROR 0x1002E OnQueryTable: faild to parse rsp"}));
+  ExpectNoRowAfterTheListing(backend(), rsp_, kListing207);
+  EXPECT_EQ(KitMessages(log_), (std::vector<std::string>{"kit4 ERROR 0x1002E OnQueryTable: faild to parse rsp"}));
   EXPECT_EQ(log_.traces(), QueryTraces({}, false));
 }
 
@@ -410,7 +330,7 @@ TEST_F(NodeHandlerTest, RecordCheckAcceptsExactlyControllerIds) {
     EXPECT_FALSE(handler.checkRspValid(*r)) << id;
   }
   EXPECT_EQ(backend().callCount(), 0u);
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_TRUE(KitMessages(log_).empty());
 }
 
 TEST_F(NodeHandlerTest, RowHookAppendsNoCellForANonControllerId) {
@@ -422,7 +342,7 @@ TEST_F(NodeHandlerTest, RowHookAppendsNoCellForANonControllerId) {
   handler.fillRspRecord(&row, "0B", values);
   EXPECT_EQ(RecordText(row), Row(1, kValues0A, false).substr(20));
   EXPECT_EQ(backend().callCount(), 0u);
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_TRUE(KitMessages(log_).empty());
 }
 
 // A node table that counts how often its item list is asked for.
@@ -444,16 +364,14 @@ TEST_F(NodeHandlerTest, ItemListIsComputedOnceAndReusedByLaterQueries) {
   CTLVPackage rsp2;
   EXPECT_EQ(handler.OnQueryTable(ctx_, req_, rsp2), 0);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207, Stats9("0A"), kSwitchRequest,
-                                                           kListing207, Stats9("0A")}));
+  EXPECT_EQ(
+      Requests(backend(), ListingLabel::kWord),
+      (std::vector<std::string>{kSwitchQuery, kListing207, Stats9("0A"), kSwitchQuery, kListing207, Stats9("0A")}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{Row(0, kValues0A, false)}));
   EXPECT_EQ(PackageText(rsp2), (std::vector<std::string>{Row(0, kValues0A, false)}));
   EXPECT_EQ(handler.statisticsCalls, 1);
-  EXPECT_TRUE(Messages(log_).empty());
-  std::vector<std::string> traces = QueryTraces({true}, true);
-  const std::vector<std::string> again = QueryTraces({true}, true);
-  traces.insert(traces.end(), again.begin(), again.end());
-  EXPECT_EQ(log_.traces(), traces);
+  EXPECT_TRUE(KitMessages(log_).empty());
+  EXPECT_EQ(log_.traces(), Repeat(QueryTraces({true}, true), 2));
 }
 
 TEST_F(NodeHandlerTest, ItemListFollowsFeature602AsAskedAtConstruction) {
@@ -466,11 +384,12 @@ TEST_F(NodeHandlerTest, ItemListFollowsFeature602AsAskedAtConstruction) {
 
   // The list keeps nine items; the row asks the feature again, finds it and
   // has no tenth value for tag 11.
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207, Stats9("0A")}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing207, Stats9("0A")}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{Row(0, kValues0A, true)}));
   ASSERT_EQ(rsp_.size(), 1u);
   EXPECT_EQ(rsp_[0]->cellCount(), 10u);
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_TRUE(KitMessages(log_).empty());
   EXPECT_EQ(log_.traces(), QueryTraces({true}, true));
 }
 
@@ -483,12 +402,13 @@ TEST_F(NodeHandlerTest, FeatureIsAskedAgainForEveryRow) {
 
   EXPECT_EQ(Query(handler), 0);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207, Stats11("0A")}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing207, Stats11("0A")}));
   // Ten values are used and the two last are replaced by the absent column.
   EXPECT_EQ(PackageText(rsp_),
             (std::vector<std::string>{
                 Row(0, std::vector<unsigned int>(kValues0A11.begin(), kValues0A11.begin() + 9), false)}));
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_TRUE(KitMessages(log_).empty());
   EXPECT_EQ(log_.traces(), QueryTraces({true}, true));
 }
 
@@ -522,7 +442,8 @@ TEST_F(NodeHandlerTest, FeatureIsAskedAtConstructionAndForEachOfTagsElevenAndTwe
   EXPECT_EQ(Query(handler), 0);
 
   EXPECT_EQ(source->asked, (std::vector<int>{602, 602, 602, 602, 602}));
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207, Stats11("0A"), Stats11("1B")}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing207, Stats11("0A"), Stats11("1B")}));
   // A column without the feature does not use up a value.
   EXPECT_EQ(PackageText(rsp_),
             (std::vector<std::string>{
@@ -530,7 +451,7 @@ TEST_F(NodeHandlerTest, FeatureIsAskedAtConstructionAndForEachOfTagsElevenAndTwe
                 "10/3/4/18 11/3/8/18446744073709551615 12/3/4/19",
                 "0xFFFFFFFFFFFFFFFF: 1/3/4/5 2/3/4/20 3/3/4/21 4/3/4/22 5/3/4/23 6/3/4/24 7/3/4/25 8/3/4/26 9/3/4/27 "
                 "10/3/4/28 11/3/4/29 12/3/8/18446744073709551615"}));
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_TRUE(KitMessages(log_).empty());
   EXPECT_EQ(log_.traces(), QueryTraces({true, true}, true));
 }
 
@@ -542,10 +463,11 @@ TEST_F(NodeHandlerTest, ShortValueListWithoutFeature602GivesOnlyColumnsThatHaveV
 
   EXPECT_EQ(Query(handler), 0);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207, Stats9("0A"), Stats9("0B")}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing207, Stats9("0A"), Stats9("0B")}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{"0xFFFFFFFFFFFFFFFF: 1/3/4/0 2/3/4/7 3/3/4/8 4/3/4/9",
                                                          Row(1, kValues1B, false)}));
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_TRUE(KitMessages(log_).empty());
   EXPECT_EQ(log_.traces(), QueryTraces({true, true}, true));
 }
 
@@ -558,13 +480,14 @@ TEST_F(NodeHandlerTest, ShortValueListWithFeature602GivesOnlyColumnsThatHaveValu
 
   EXPECT_EQ(Query(handler), 0);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207, Stats11("0A"), Stats11("0B")}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing207, Stats11("0A"), Stats11("0B")}));
   EXPECT_EQ(PackageText(rsp_),
             (std::vector<std::string>{
                 "0xFFFFFFFFFFFFFFFF: 1/3/4/0 2/3/4/1 3/3/4/2 4/3/4/3 5/3/4/4 6/3/4/5 7/3/4/6 8/3/4/7 9/3/4/8 "
                 "10/3/4/9 11/3/4/10",
                 "0xFFFFFFFFFFFFFFFF: 1/3/4/1 2/3/4/5"}));
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_TRUE(KitMessages(log_).empty());
   EXPECT_EQ(log_.traces(), QueryTraces({true, true}, true));
 }
 
@@ -575,9 +498,10 @@ TEST_F(NodeHandlerTest, LongerValueListUsesOnlyTheLeadingValues) {
 
   EXPECT_EQ(Query(handler), 0);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing207, Stats9("0A")}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing207, Stats9("0A")}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{Row(0, kValues0A, false)}));
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_TRUE(KitMessages(log_).empty());
   EXPECT_EQ(log_.traces(), QueryTraces({true}, true));
 }
 
@@ -595,13 +519,14 @@ TEST_F(NodeHandlerTest, StatisticsTypeFollowsTheListedType) {
 
   EXPECT_EQ(Query(handler), 0);
 
-  EXPECT_EQ(Requests(backend()),
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
             (std::vector<std::string>{
-                kSwitchRequest, "listing 0xD0000C000: 0/6/8/208",
+                kSwitchQuery, "listing 0xD0000C000: 0/6/8/208",
                 R"(query 0xDE0222010: 0/2/7/"208:0A\0" 8/2/27/"68,69,78,22,25,28,21,23,26\0" 2/3/8/4)"}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{Row(0, kValues0A, false)}));
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_TRUE(KitMessages(log_).empty());
   EXPECT_EQ(log_.traces(), QueryTraces({true}, true));
 }
 
 }  // namespace
+}  // namespace zerva_test

@@ -3,53 +3,23 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "tests/support/fake_backend.h"
-#include "tests/support/kit_log_capture.h"
+#include "tests/support/handler_test_support.h"
 
+namespace zerva_test {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using zerva_test::Answer;
-using zerva_test::BackendFixture;
-using zerva_test::Call;
-using zerva_test::FakeBackend;
-using zerva_test::KitLogCapture;
-using zerva_test::PackageText;
-using zerva_test::Rec;
+const TableSigs kSigs("CPerformancePortHandler");
 
-const char kTableSig[] =
-    "virtual int CPerformancePortHandler::OnQueryTable(const CVEM_SnmpContext&, const "
-    "CTLVPackageV3<TLVMsgHeadV3>&, CTLVPackageV3<TLVMsgHeadV3>&)";
-const char kBatchSig[] =
-    "int CSnmpPerformanceCommon::GetBatchPerfData(u_int, const string&, const string&, "
-    "std::vector<unsigned int>&)";
 const char kItems[] = "78,22,25,28,21,23,26,5,307";
 
-const char kSwitchRequest[] = "listing=0 0xDE0222001: ";
 const char kList213[] = "listing=1 0xD0000C000: 0/6/8/213";
 const char kList212[] = "listing=1 0xD0000C000: 0/6/8/212";
 const char kList252[] = "listing=1 0xD0000C000: 0/6/8/252";
 const char kList235[] = "listing=1 0xD0000C000: 0/6/8/235";
-
-// Every request the back end received, in order: "listing=<0|1> " followed by
-// its records as "0x<id>: <cells>", records joined by " | ".
-std::vector<std::string> Requests(const FakeBackend& backend) {
-  std::vector<std::string> out;
-  for (const Call& call : backend.calls()) {
-    std::string text = call.listing ? "listing=1 " : "listing=0 ";
-    std::vector<std::string> records = PackageText(*call.package());
-    for (size_t i = 0; i < records.size(); ++i) text += (i == 0 ? "" : " | ") + records[i];
-    out.push_back(text);
-  }
-  return out;
-}
 
 // The statistics request of the port table for one object key ("212:17").
 std::string StatsRequest(const std::string& key) {
@@ -57,64 +27,10 @@ std::string StatsRequest(const std::string& key) {
          "\\0\" 2/3/8/4";
 }
 
-// Every debug-kit record, in order: "<kit> TRACE <text>" for the enter and
-// leave lines, "<kit> <LEVEL> 0x<code> <function>: <text>" for messages.
-std::vector<std::string> KitLines(const KitLogCapture& log) {
-  std::vector<std::string> out;
-  for (const CVEMLogRecord& r : log.records()) {
-    std::string text = std::to_string(r.kitNo) + " ";
-    if (r.level == VEM_LOG_TRACE) {
-      out.push_back(text + "TRACE " + r.message);
-      continue;
-    }
-    const char* level = r.level == VEM_LOG_ERROR   ? "ERROR"
-                        : r.level == VEM_LOG_WARN  ? "WARN"
-                        : r.level == VEM_LOG_DEBUG ? "DEBUG"
-                                                   : "OTHER";
-    char code[32];
-    snprintf(code, sizeof code, "0x%llX", r.code);
-    out.push_back(text + level + " " + code + " " + r.function + ": " + r.message);
-  }
-  return out;
-}
-
-// Every message line names the source line it was written from.
-void ExpectMessagesCarrySourceLines(const KitLogCapture& log) {
-  for (const CVEMLogRecord& r : log.records()) {
-    if (r.level != VEM_LOG_TRACE) {
-      EXPECT_GT(r.line, 0u) << r.message;
-    }
-  }
-}
-
-std::string Enter(const std::string& sig) { return "4 TRACE enter " + sig + "..."; }
-std::string Leave(const std::string& sig, bool ok) { return "4 TRACE leave " + sig + (ok ? ": OK" : ": NOK"); }
-std::string Error(const std::string& function, const std::string& text) {
-  return "4 ERROR 0x1002E " + function + ": " + text;
-}
-
 // The trace lines of a table read that fetched statistics for n ports
 // without a failure.
 std::vector<std::string> OkTrace(int n) {
-  std::vector<std::string> out = {Enter(kTableSig)};
-  for (int i = 0; i < n; ++i) {
-    out.push_back(Enter(kBatchSig));
-    out.push_back(Leave(kBatchSig, true));
-  }
-  out.push_back(Leave(kTableSig, true));
-  return out;
-}
-
-// what() of the CVEM_Exception that f throws.
-std::string ThrownText(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const CVEM_Exception& e) {
-    return e.what();
-  } catch (...) {
-    return "an exception other than CVEM_Exception";
-  }
-  return "no exception";
+  return CallTraces(kSigs.queryTable, kGetBatchPerfDataSig, std::vector<bool>(n, true), true);
 }
 
 // A listed port of types 213, 212 and 252: object ID, name (tag 6), status.
@@ -137,22 +53,16 @@ std::string Row(unsigned int id, unsigned int first, const std::string& nameCell
   return out + " " + nameCell;
 }
 
-class PerformancePortTest : public ::testing::Test {
+class PerformancePortTest : public HandlerTest<> {
  protected:
   PerformancePortTest() {
-    fixture_.setSwitch(1);
+    env_.setSwitch(1);
     for (unsigned long long type : {213ULL, 212ULL, 252ULL, 235ULL}) backend().onListing(type, Answer{});
   }
 
-  FakeBackend& backend() { return fixture_.backend(); }
   int Query() { return handler_.OnQueryTable(ctx_, req_, rsp_); }
 
-  BackendFixture fixture_;
-  KitLogCapture log_;
   CPerformancePortHandler handler_;
-  CVEM_SnmpContext ctx_;
-  CTLVPackage req_;
-  CTLVPackage rsp_;
 };
 
 TEST_F(PerformancePortTest, ListsPortTypes213Then212Then252Then235AndAnswersOneRowPerPort) {
@@ -174,9 +84,11 @@ TEST_F(PerformancePortTest, ListsPortTypes213Then212Then252Then235AndAnswersOneR
                           "8/3/4/106 9/3/4/107 10/3/4/108 11/2/3/\"A0\\0\"",
                           Row(12, 200, "11/2/3/\"B0\\0\""), Row(13, 300, "11/2/3/\"C0\\0\""),
                           Row(14, 400, "11/2/3/\"D0\\0\"")));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig),
-                                          Leave(kBatchSig, true), Enter(kBatchSig), Leave(kBatchSig, true),
-                                          Enter(kBatchSig), Leave(kBatchSig, true), Leave(kTableSig, true)));
+  EXPECT_THAT(KitLines(log_),
+              ElementsAre(Enter(kSigs.queryTable), Enter(kGetBatchPerfDataSig), Leave(kGetBatchPerfDataSig, true),
+                          Enter(kGetBatchPerfDataSig), Leave(kGetBatchPerfDataSig, true), Enter(kGetBatchPerfDataSig),
+                          Leave(kGetBatchPerfDataSig, true), Enter(kGetBatchPerfDataSig),
+                          Leave(kGetBatchPerfDataSig, true), Leave(kSigs.queryTable, true)));
 }
 
 TEST_F(PerformancePortTest, ListingRequestIsOneRecordWithTheTypeAsAnEightByteType6Cell) {
@@ -206,24 +118,22 @@ TEST_F(PerformancePortTest, ListingRequestIsOneRecordWithTheTypeAsAnEightByteTyp
 }
 
 TEST_F(PerformancePortTest, CollectionSwitchedOffGivesAnEmptyTableAndZeroWithoutAskingForPorts) {
-  fixture_.setSwitch(0);
+  env_.setSwitch(0);
   backend().onListing(212, Answer{Port("12", "B0", 0)});
   backend().onStats("212:12", Values(1));
   EXPECT_EQ(Query(), 0);
-  EXPECT_THAT(rsp_.records(), IsEmpty());
-  EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kTableSig), Leave(kTableSig, true)));
+  ExpectReadStoppedAtTheSwitch(backend(), rsp_, log_, kSigs.queryTable);
 }
 
 TEST_F(PerformancePortTest, SwitchStateOtherThanOneOrAFailedSwitchQueryAlsoReadsAsOff) {
-  fixture_.setSwitch(2);
+  env_.setSwitch(2);
   EXPECT_EQ(Query(), 0);
-  backend().on(zerva_test::kGetSwitchCmd, Answer(7));
+  backend().on(kGetSwitchCmd, Answer(7));
   EXPECT_EQ(Query(), 0);
   EXPECT_THAT(rsp_.records(), IsEmpty());
   EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest, kSwitchRequest));
-  EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kTableSig), Leave(kTableSig, true), Enter(kTableSig), Leave(kTableSig, true)));
+  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kSigs.queryTable), Leave(kSigs.queryTable, true),
+                                          Enter(kSigs.queryTable), Leave(kSigs.queryTable, true)));
 }
 
 TEST_F(PerformancePortTest, Type212PortWithStatus0Or5Or6YieldsARowAndWithStatus1Or7None) {
@@ -236,8 +146,9 @@ TEST_F(PerformancePortTest, Type212PortWithStatus0Or5Or6YieldsARowAndWithStatus1
   EXPECT_THAT(PackageText(rsp_), ElementsAre(Row(1, 10, "11/2/3/\"s0\\0\""), Row(3, 10, "11/2/3/\"s5\\0\""),
                                              Row(4, 10, "11/2/3/\"s6\\0\"")));
   EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig),
-                          Leave(kBatchSig, true), Enter(kBatchSig), Leave(kBatchSig, true), Leave(kTableSig, true)));
+              ElementsAre(Enter(kSigs.queryTable), Enter(kGetBatchPerfDataSig), Leave(kGetBatchPerfDataSig, true),
+                          Enter(kGetBatchPerfDataSig), Leave(kGetBatchPerfDataSig, true), Enter(kGetBatchPerfDataSig),
+                          Leave(kGetBatchPerfDataSig, true), Leave(kSigs.queryTable, true)));
 }
 
 TEST_F(PerformancePortTest, Type235PortYieldsARowWhateverItsTag64AndTakesItsNameFromTag2) {
@@ -253,8 +164,9 @@ TEST_F(PerformancePortTest, Type235PortYieldsARowWhateverItsTag64AndTakesItsName
   EXPECT_THAT(PackageText(rsp_), ElementsAre(Row(31, 1, "11/2/5/\"eth0\\0\""), Row(32, 2, "11/2/5/\"eth1\\0\""),
                                              Row(33, 3, "11/2/5/\"eth2\\0\"")));
   EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig),
-                          Leave(kBatchSig, true), Enter(kBatchSig), Leave(kBatchSig, true), Leave(kTableSig, true)));
+              ElementsAre(Enter(kSigs.queryTable), Enter(kGetBatchPerfDataSig), Leave(kGetBatchPerfDataSig, true),
+                          Enter(kGetBatchPerfDataSig), Leave(kGetBatchPerfDataSig, true), Enter(kGetBatchPerfDataSig),
+                          Leave(kGetBatchPerfDataSig, true), Leave(kSigs.queryTable, true)));
 }
 
 TEST_F(PerformancePortTest, Type213PortWithANonEmptyTag70YieldsNoRow) {
@@ -265,8 +177,8 @@ TEST_F(PerformancePortTest, Type213PortWithANonEmptyTag70YieldsNoRow) {
   EXPECT_THAT(Requests(backend()),
               ElementsAre(kSwitchRequest, kList213, StatsRequest("213:2"), kList212, kList252, kList235));
   EXPECT_THAT(PackageText(rsp_), ElementsAre(Row(2, 20, "11/2/3/\"p2\\0\"")));
-  EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true), Leave(kTableSig, true)));
+  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kSigs.queryTable), Enter(kGetBatchPerfDataSig),
+                                          Leave(kGetBatchPerfDataSig, true), Leave(kSigs.queryTable, true)));
 }
 
 TEST_F(PerformancePortTest, Type213PortWithNonEmptyTag70IsLeftOutBeforeItsStatusIsRead) {
@@ -275,7 +187,7 @@ TEST_F(PerformancePortTest, Type213PortWithNonEmptyTag70IsLeftOutBeforeItsStatus
   EXPECT_EQ(Query(), 0);
   EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest, kList213, kList212, kList252, kList235));
   EXPECT_THAT(rsp_.records(), IsEmpty());
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kTableSig), Leave(kTableSig, true)));
+  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kSigs.queryTable), Leave(kSigs.queryTable, true)));
 }
 
 TEST_F(PerformancePortTest, Type213PortWithAnEmptyOrAbsentTag70IsJudgedByItsStatus) {
@@ -345,11 +257,11 @@ TEST_F(PerformancePortTest, FailedListingOfType252ReturnsItsCodeKeepsRowsOf213An
   EXPECT_THAT(Requests(backend()),
               ElementsAre(kSwitchRequest, kList213, StatsRequest("213:1"), kList212, StatsRequest("212:2"), kList252));
   EXPECT_THAT(PackageText(rsp_), ElementsAre(Row(1, 10, "11/2/2/\"a\\0\""), Row(2, 20, "11/2/2/\"b\\0\"")));
-  EXPECT_THAT(
-      KitLines(log_),
-      ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig), Leave(kBatchSig, true),
-                  Error("OnQueryTable", "failed to query port info, port type:252, err:1077949460."),
-                  Leave(kTableSig, false)));
+  EXPECT_THAT(KitLines(log_),
+              ElementsAre(Enter(kSigs.queryTable), Enter(kGetBatchPerfDataSig), Leave(kGetBatchPerfDataSig, true),
+                          Enter(kGetBatchPerfDataSig), Leave(kGetBatchPerfDataSig, true),
+                          Error("OnQueryTable", "failed to query port info, port type:252, err:1077949460."),
+                          Leave(kSigs.queryTable, false)));
   ExpectMessagesCarrySourceLines(log_);
 }
 
@@ -360,9 +272,9 @@ TEST_F(PerformancePortTest, FailedListingOfTheFirstTypeEndsTheReadWithItsCodeAnd
   EXPECT_EQ(Query(), -5);
   EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest, kList213));
   EXPECT_THAT(rsp_.records(), IsEmpty());
-  EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kTableSig), Error("OnQueryTable", "failed to query port info, port type:213, err:-5."),
-                          Leave(kTableSig, false)));
+  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kSigs.queryTable),
+                                          Error("OnQueryTable", "failed to query port info, port type:213, err:-5."),
+                                          Leave(kSigs.queryTable, false)));
   ExpectMessagesCarrySourceLines(log_);
 }
 
@@ -378,15 +290,17 @@ TEST_F(PerformancePortTest, FailedStatisticsFetchForOnePortDropsOnlyThatPort) {
                           StatsRequest("212:3"), StatsRequest("212:4"), kList252, kList235));
   EXPECT_THAT(PackageText(rsp_), ElementsAre(Row(1, 10, "11/2/2/\"a\\0\""), Row(4, 40, "11/2/2/\"d\\0\"")));
   EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig),
+              ElementsAre(Enter(kSigs.queryTable), Enter(kGetBatchPerfDataSig), Leave(kGetBatchPerfDataSig, true),
+                          Enter(kGetBatchPerfDataSig),
                           Error("GetBatchPerfData",
                                 "faild to query perf data, UUID:212:2, Item:78,22,25,28,21,23,26,5,307, "
                                 "err:9."),
-                          Leave(kBatchSig, false), Enter(kBatchSig),
+                          Leave(kGetBatchPerfDataSig, false), Enter(kGetBatchPerfDataSig),
                           Error("GetBatchPerfData",
                                 "faild to parse perf data, UUID:212:3, Item:78,22,25,28,21,23,26,5,307, "
                                 "Value:1,x."),
-                          Leave(kBatchSig, false), Enter(kBatchSig), Leave(kBatchSig, true), Leave(kTableSig, true)));
+                          Leave(kGetBatchPerfDataSig, false), Enter(kGetBatchPerfDataSig),
+                          Leave(kGetBatchPerfDataSig, true), Leave(kSigs.queryTable, true)));
   ExpectMessagesCarrySourceLines(log_);
 }
 
@@ -400,8 +314,9 @@ TEST_F(PerformancePortTest, StatusCellOfStringTypeThrowsNotNumericalTag64AndKeep
   EXPECT_THAT(Requests(backend()),
               ElementsAre(kSwitchRequest, kList213, StatsRequest("213:1"), kList212, StatsRequest("212:2")));
   EXPECT_THAT(PackageText(rsp_), ElementsAre(Row(1, 10, "11/2/2/\"a\\0\""), Row(2, 20, "11/2/2/\"b\\0\"")));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig),
-                                          Leave(kBatchSig, true), Leave(kTableSig, true)));
+  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kSigs.queryTable), Enter(kGetBatchPerfDataSig),
+                                          Leave(kGetBatchPerfDataSig, true), Enter(kGetBatchPerfDataSig),
+                                          Leave(kGetBatchPerfDataSig, true), Leave(kSigs.queryTable, true)));
 }
 
 TEST_F(PerformancePortTest, PortWithoutAStatusCellThrowsCellDontExistForTag64) {
@@ -421,8 +336,9 @@ TEST_F(PerformancePortTest, ShortValueListGivesARowOfOnlyTheColumnsItHasValuesFo
                                              "0xFFFFFFFFFFFFFFFF: 1/3/4/7 2/3/4/9 11/2/4/\"one\\0\""));
   EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest, kList213, kList212, StatsRequest("212:6"),
                                                StatsRequest("212:7"), kList252, kList235));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kTableSig), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig),
-                                          Leave(kBatchSig, true), Leave(kTableSig, true)));
+  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kSigs.queryTable), Enter(kGetBatchPerfDataSig),
+                                          Leave(kGetBatchPerfDataSig, true), Enter(kGetBatchPerfDataSig),
+                                          Leave(kGetBatchPerfDataSig, true), Leave(kSigs.queryTable, true)));
 }
 
 TEST_F(PerformancePortTest, ValuesBeyondTheNinthAreNotAnswered) {
@@ -475,3 +391,4 @@ TEST_F(PerformancePortTest, EveryReadProducesTheWholeTableAgain) {
 }
 
 }  // namespace
+}  // namespace zerva_test

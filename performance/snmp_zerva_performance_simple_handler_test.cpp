@@ -2,84 +2,25 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "diag/vem_exception.h"
-#include "tests/support/fake_backend.h"
-#include "tests/support/kit_log_capture.h"
+#include "tests/support/handler_test_support.h"
 
+namespace zerva_test {
 namespace {
 
-using zerva_test::Answer;
-using zerva_test::BackendFixture;
-using zerva_test::FakeBackend;
-using zerva_test::KitLogCapture;
-using zerva_test::PackageText;
-using zerva_test::Rec;
-using zerva_test::RecordText;
-
-const char kQuerySig[] =
-    "virtual int CPerformanceSimpleHandler::OnQueryTable(const CVEM_SnmpContext&, const "
-    "CTLVPackageV3<TLVMsgHeadV3>&, CTLVPackageV3<TLVMsgHeadV3>&)";
-const char kBatchSig[] =
-    "int CSnmpPerformanceCommon::GetBatchPerfData(u_int, const string&, const string&, std::vector<unsigned int>&)";
-
 // Requests as the back end saw them.
-const char kSwitchRequest[] = "query 0xDE0222001: ";
 const char kListing213[] = "listing 0xD0000C000: 0/6/8/213";
-
-std::string Enter(const std::string& sig) { return "enter " + sig + "..."; }
-std::string Leave(const std::string& sig, bool ok) { return "leave " + sig + (ok ? ": OK" : ": NOK"); }
 
 // A statistics request of object type 214 for the items "7,8".
 std::string Stats214(const std::string& objectId) {
   return "query 0xDE0222010: 0/2/" + std::to_string(objectId.size() + 5) + "/\"214:" + objectId +
          "\\0\" 8/2/4/\"7,8\\0\" 2/3/8/4";
-}
-
-// Every request, in order: "listing " or "query " (the third configure
-// argument) followed by the records of the package.
-std::vector<std::string> Requests(const FakeBackend& backend) {
-  std::vector<std::string> out;
-  for (const zerva_test::Call& call : backend.calls()) {
-    std::string text = call.listing ? "listing " : "query ";
-    std::vector<std::string> records = PackageText(*call.package());
-    for (size_t i = 0; i < records.size(); ++i) text += (i == 0 ? "" : " | ") + records[i];
-    out.push_back(text);
-  }
-  return out;
-}
-
-std::string LevelName(EVEMLogLevel level) {
-  switch (level) {
-    case VEM_LOG_TRACE:
-      return "TRACE";
-    case VEM_LOG_DEBUG:
-      return "DEBUG";
-    case VEM_LOG_WARN:
-      return "WARN";
-    case VEM_LOG_ERROR:
-      return "ERROR";
-    default:
-      return "?";
-  }
-}
-
-// Every message but the trace lines: "kitN LEVEL 0xCODE function: message".
-std::vector<std::string> Messages(const KitLogCapture& log) {
-  std::vector<std::string> out;
-  for (const CVEMLogRecord& r : log.records()) {
-    if (r.level == VEM_LOG_TRACE) continue;
-    char code[32];
-    snprintf(code, sizeof code, "0x%llX", r.code);
-    out.push_back("kit" + std::to_string(r.kitNo) + " " + LevelName(r.level) + " " + code + " " + r.function + ": " +
-                  r.message);
-  }
-  return out;
 }
 
 // A table whose hooks are scripted: it lists object type 213, asks
@@ -122,30 +63,18 @@ class ScriptedTable : public CPerformanceSimpleHandler {
 // OnQueryTable's trace lines with one statistics query per entry (true: it
 // succeeded).
 std::vector<std::string> QueryTraces(const std::vector<bool>& batches, bool ok) {
-  std::vector<std::string> out{Enter(kQuerySig)};
-  for (bool b : batches) {
-    out.push_back(Enter(kBatchSig));
-    out.push_back(Leave(kBatchSig, b));
-  }
-  out.push_back(Leave(kQuerySig, ok));
-  return out;
+  return CallTraces(kSimpleQueryTableSig, kGetBatchPerfDataSig, batches, ok, kBareTrace);
 }
 
 // A listing answer record: tag 0 an unrelated number, tag 1 the object ID.
 Rec Listed(const std::string& objectId) { return Rec(0x77).u32(0, 9).str(1, objectId); }
 
-class SimpleHandlerTest : public ::testing::Test {
+class SimpleHandlerTest : public HandlerTest<> {
  protected:
   void SetUp() override { env_.setSwitch(1); }
-  FakeBackend& backend() { return env_.backend(); }
   int Query() { return table_.OnQueryTable(ctx_, req_, rsp_); }
 
-  BackendFixture env_;
-  KitLogCapture log_;
   ScriptedTable table_;
-  CVEM_SnmpContext ctx_;
-  CTLVPackage req_;
-  CTLVPackage rsp_;
 };
 
 TEST_F(SimpleHandlerTest, TwoObjectsGiveTwoRowsInListingOrder) {
@@ -155,8 +84,8 @@ TEST_F(SimpleHandlerTest, TwoObjectsGiveTwoRowsInListingOrder) {
 
   EXPECT_EQ(Query(), 0);
 
-  EXPECT_EQ(Requests(backend()),
-            (std::vector<std::string>{kSwitchRequest, kListing213,
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing213,
                                       R"(query 0xDE0222010: 0/2/9/"214:obj1\0" 8/2/4/"7,8\0" 2/3/8/4)",
                                       R"(query 0xDE0222010: 0/2/9/"214:obj2\0" 8/2/4/"7,8\0" 2/3/8/4)"}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{
@@ -167,10 +96,12 @@ TEST_F(SimpleHandlerTest, TwoObjectsGiveTwoRowsInListingOrder) {
   EXPECT_EQ(rsp_[0]->bucketCount(), 32u);
   EXPECT_EQ(rsp_[1]->bucketCount(), 32u);
   EXPECT_EQ(table_.seenIds, (std::vector<std::string>{"obj1", "obj2"}));
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_TRUE(KitMessages(log_).empty());
   EXPECT_EQ(log_.traces(),
-            (std::vector<std::string>{Enter(kQuerySig), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig),
-                                      Leave(kBatchSig, true), Leave(kQuerySig, true)}));
+            (std::vector<std::string>{
+                Enter(kSimpleQueryTableSig, kBareTrace), Enter(kGetBatchPerfDataSig, kBareTrace),
+                Leave(kGetBatchPerfDataSig, true, kBareTrace), Enter(kGetBatchPerfDataSig, kBareTrace),
+                Leave(kGetBatchPerfDataSig, true, kBareTrace), Leave(kSimpleQueryTableSig, true, kBareTrace)}));
 }
 
 TEST_F(SimpleHandlerTest, ListingUsesTheKeyTypeAndStatisticsUseThePerfType) {
@@ -181,41 +112,33 @@ TEST_F(SimpleHandlerTest, ListingUsesTheKeyTypeAndStatisticsUseThePerfType) {
 
   EXPECT_EQ(Query(), 0);
 
-  EXPECT_EQ(Requests(backend()),
-            (std::vector<std::string>{kSwitchRequest, "listing 0xD0000C000: 0/6/8/4000000000",
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, "listing 0xD0000C000: 0/6/8/4000000000",
                                       R"(query 0xDE0222010: 0/2/9/"57636:0A\0" 8/2/4/"7,8\0" 2/3/8/4)"}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"0A\0" 2/3/4/1 3/3/4/2)"}));
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_TRUE(KitMessages(log_).empty());
   EXPECT_EQ(log_.traces(), QueryTraces({true}, true));
 }
 
-TEST_F(SimpleHandlerTest, SwitchAtZeroGivesEmptyTableWithoutListingRequest) {
-  env_.setSwitch(0);
-  backend().onListing(213, Answer{Listed("obj1")});
-  backend().onStats("214:obj1", "5,6");
+TEST_F(SimpleHandlerTest, SwitchAtZeroOrTwoOrAFailedSwitchQueryGivesEmptyTableWithoutListingRequest) {
+  const std::vector<std::pair<std::string, Answer>> switches = {
+      {"state 0", Answer{Rec().u32(0, 0)}}, {"state 2", Answer{Rec().u32(0, 2)}}, {"refused", Answer(3)}};
+  for (const auto& sw : switches) {
+    SCOPED_TRACE(sw.first);
+    backend().reset();
+    log_.clear();
+    backend().on(kGetSwitchCmd, sw.second);
+    backend().onListing(213, Answer{Listed("obj1")});
+    backend().onStats("214:obj1", "5,6");
+    ScriptedTable table;
+    CTLVPackage rsp;
 
-  EXPECT_EQ(Query(), 0);
+    EXPECT_EQ(table.OnQueryTable(ctx_, req_, rsp), 0);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest}));
-  EXPECT_EQ(rsp_.size(), 0u);
-  EXPECT_EQ(table_.statisticsCalls, 0);
-  EXPECT_EQ(table_.statistics(), "");
-  EXPECT_TRUE(Messages(log_).empty());
-  EXPECT_EQ(log_.traces(), (std::vector<std::string>{Enter(kQuerySig), Leave(kQuerySig, true)}));
-}
-
-TEST_F(SimpleHandlerTest, SwitchAtTwoGivesEmptyTableWithoutListingRequest) {
-  env_.setSwitch(2);
-  backend().onListing(213, Answer{Listed("obj1")});
-  backend().onStats("214:obj1", "5,6");
-
-  EXPECT_EQ(Query(), 0);
-
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest}));
-  EXPECT_EQ(rsp_.size(), 0u);
-  EXPECT_EQ(table_.statisticsCalls, 0);
-  EXPECT_TRUE(Messages(log_).empty());
-  EXPECT_EQ(log_.traces(), (std::vector<std::string>{Enter(kQuerySig), Leave(kQuerySig, true)}));
+    EXPECT_EQ(table.statisticsCalls, 0);
+    EXPECT_EQ(table.statistics(), "");
+    ExpectReadStoppedAtTheSwitch(backend(), rsp, log_);
+  }
 }
 
 TEST_F(SimpleHandlerTest, SwitchNotOneIsNoFailureGivesZeroAndNoRows) {
@@ -226,23 +149,11 @@ TEST_F(SimpleHandlerTest, SwitchNotOneIsNoFailureGivesZeroAndNoRows) {
 
   EXPECT_EQ(Query(), 0);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord), (std::vector<std::string>{kSwitchQuery}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{"0x5: "}));
   EXPECT_EQ(table_.statisticsCalls, 0);
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_TRUE(KitMessages(log_).empty());
   EXPECT_EQ(log_.traces(), QueryTraces({}, true));
-}
-
-TEST_F(SimpleHandlerTest, FailedSwitchQueryReadsAsOffAndGivesEmptyTable) {
-  backend().on(zerva_test::kGetSwitchCmd, Answer(3));
-  backend().onListing(213, Answer{Listed("obj1")});
-
-  EXPECT_EQ(Query(), 0);
-
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest}));
-  EXPECT_EQ(rsp_.size(), 0u);
-  EXPECT_TRUE(Messages(log_).empty());
-  EXPECT_EQ(log_.traces(), (std::vector<std::string>{Enter(kQuerySig), Leave(kQuerySig, true)}));
 }
 
 TEST_F(SimpleHandlerTest, EmptyListingAnswerGivesZeroAndEmptyTable) {
@@ -250,11 +161,10 @@ TEST_F(SimpleHandlerTest, EmptyListingAnswerGivesZeroAndEmptyTable) {
 
   EXPECT_EQ(Query(), 0);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing213}));
-  EXPECT_EQ(rsp_.size(), 0u);
+  ExpectNoRowAfterTheListing(backend(), rsp_, kListing213);
   EXPECT_TRUE(table_.checkedRecords.empty());
-  EXPECT_TRUE(Messages(log_).empty());
-  EXPECT_EQ(log_.traces(), (std::vector<std::string>{Enter(kQuerySig), Leave(kQuerySig, true)}));
+  EXPECT_TRUE(KitMessages(log_).empty());
+  EXPECT_EQ(log_.traces(), QueryTraces({}, true));
 }
 
 TEST_F(SimpleHandlerTest, FailedListingRequestReturnsItsCodeAndLogsIt) {
@@ -262,14 +172,13 @@ TEST_F(SimpleHandlerTest, FailedListingRequestReturnsItsCodeAndLogsIt) {
 
   EXPECT_EQ(Query(), 1077949460);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing213}));
-  EXPECT_EQ(rsp_.size(), 0u);
+  ExpectNoRowAfterTheListing(backend(), rsp_, kListing213);
   // The item list is taken before the listing is sent.
   EXPECT_EQ(table_.statisticsCalls, 1);
-  EXPECT_EQ(Messages(log_),
+  EXPECT_EQ(KitMessages(log_),
             (std::vector<std::string>{
                 "kit4 ERROR 0x1002E OnQueryTable: faild to query info of controller, err:1077949460."}));
-  EXPECT_EQ(log_.traces(), (std::vector<std::string>{Enter(kQuerySig), Leave(kQuerySig, false)}));
+  EXPECT_EQ(log_.traces(), QueryTraces({}, false));
 }
 
 TEST_F(SimpleHandlerTest, RecordFailingTheCheckEndsQueryWithMinusOneKeepingEarlierRows) {
@@ -281,13 +190,16 @@ TEST_F(SimpleHandlerTest, RecordFailingTheCheckEndsQueryWithMinusOneKeepingEarli
 
   EXPECT_EQ(Query(), -1);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing213, Stats214("obj1")}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing213, Stats214("obj1")}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/5/"obj1\0" 2/3/4/1 3/3/4/2)"}));
   // The check saw the listing records as they came, and none after the bad one.
   EXPECT_EQ(table_.checkedRecords, (std::vector<std::string>{R"(0/3/4/9 1/2/5/"obj1\0")", R"(0/3/4/9 1/2/4/"bad\0")"}));
-  EXPECT_EQ(Messages(log_), (std::vector<std::string>{"kit4 ERROR 0x1002E OnQueryTable: faild to parse rsp"}));
-  EXPECT_EQ(log_.traces(), (std::vector<std::string>{Enter(kQuerySig), Enter(kBatchSig), Leave(kBatchSig, true),
-                                                     Leave(kQuerySig, false)}));
+  EXPECT_EQ(KitMessages(log_), (std::vector<std::string>{"kit4 ERROR 0x1002E OnQueryTable: faild to parse rsp"}));
+  EXPECT_EQ(log_.traces(),
+            (std::vector<std::string>{Enter(kSimpleQueryTableSig, kBareTrace), Enter(kGetBatchPerfDataSig, kBareTrace),
+                                      Leave(kGetBatchPerfDataSig, true, kBareTrace),
+                                      Leave(kSimpleQueryTableSig, false, kBareTrace)}));
 }
 
 TEST_F(SimpleHandlerTest, FirstRecordFailingTheCheckGivesMinusOneAndNoStatisticsRequest) {
@@ -297,10 +209,9 @@ TEST_F(SimpleHandlerTest, FirstRecordFailingTheCheckGivesMinusOneAndNoStatistics
 
   EXPECT_EQ(Query(), -1);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing213}));
-  EXPECT_EQ(rsp_.size(), 0u);
-  EXPECT_EQ(Messages(log_), (std::vector<std::string>{"kit4 ERROR 0x1002E OnQueryTable: faild to parse rsp"}));
-  EXPECT_EQ(log_.traces(), (std::vector<std::string>{Enter(kQuerySig), Leave(kQuerySig, false)}));
+  ExpectNoRowAfterTheListing(backend(), rsp_, kListing213);
+  EXPECT_EQ(KitMessages(log_), (std::vector<std::string>{"kit4 ERROR 0x1002E OnQueryTable: faild to parse rsp"}));
+  EXPECT_EQ(log_.traces(), QueryTraces({}, false));
 }
 
 TEST_F(SimpleHandlerTest, FailedStatisticsOfSecondOfThreeObjectsLeavesOneRowAndReturnsItsCode) {
@@ -311,17 +222,19 @@ TEST_F(SimpleHandlerTest, FailedStatisticsOfSecondOfThreeObjectsLeavesOneRowAndR
 
   EXPECT_EQ(Query(), 7);
 
-  EXPECT_EQ(Requests(backend()),
-            (std::vector<std::string>{kSwitchRequest, kListing213, Stats214("obj1"), Stats214("obj2")}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing213, Stats214("obj1"), Stats214("obj2")}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/5/"obj1\0" 2/3/4/1 3/3/4/2)"}));
   EXPECT_EQ(table_.seenIds, (std::vector<std::string>{"obj1"}));
-  EXPECT_EQ(Messages(log_),
+  EXPECT_EQ(KitMessages(log_),
             (std::vector<std::string>{
                 "kit4 ERROR 0x1002E GetBatchPerfData: faild to query perf data, UUID:214:obj2, Item:7,8, err:7.",
                 "kit4 ERROR 0x1002E OnQueryTable: failed to get perf data of obj2, err:7"}));
   EXPECT_EQ(log_.traces(),
-            (std::vector<std::string>{Enter(kQuerySig), Enter(kBatchSig), Leave(kBatchSig, true), Enter(kBatchSig),
-                                      Leave(kBatchSig, false), Leave(kQuerySig, false)}));
+            (std::vector<std::string>{
+                Enter(kSimpleQueryTableSig, kBareTrace), Enter(kGetBatchPerfDataSig, kBareTrace),
+                Leave(kGetBatchPerfDataSig, true, kBareTrace), Enter(kGetBatchPerfDataSig, kBareTrace),
+                Leave(kGetBatchPerfDataSig, false, kBareTrace), Leave(kSimpleQueryTableSig, false, kBareTrace)}));
 }
 
 TEST_F(SimpleHandlerTest, UnparsableStatisticsEndQueryWithMinusOne) {
@@ -330,15 +243,18 @@ TEST_F(SimpleHandlerTest, UnparsableStatisticsEndQueryWithMinusOne) {
 
   EXPECT_EQ(Query(), -1);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing213, Stats214("obj1")}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing213, Stats214("obj1")}));
   EXPECT_EQ(rsp_.size(), 0u);
   EXPECT_TRUE(table_.seenIds.empty());
-  EXPECT_EQ(Messages(log_),
+  EXPECT_EQ(KitMessages(log_),
             (std::vector<std::string>{
                 "kit4 ERROR 0x1002E GetBatchPerfData: faild to parse perf data, UUID:214:obj1, Item:7,8, Value:1,x.",
                 "kit4 ERROR 0x1002E OnQueryTable: failed to get perf data of obj1, err:-1"}));
-  EXPECT_EQ(log_.traces(), (std::vector<std::string>{Enter(kQuerySig), Enter(kBatchSig), Leave(kBatchSig, false),
-                                                     Leave(kQuerySig, false)}));
+  EXPECT_EQ(log_.traces(),
+            (std::vector<std::string>{Enter(kSimpleQueryTableSig, kBareTrace), Enter(kGetBatchPerfDataSig, kBareTrace),
+                                      Leave(kGetBatchPerfDataSig, false, kBareTrace),
+                                      Leave(kSimpleQueryTableSig, false, kBareTrace)}));
 }
 
 TEST_F(SimpleHandlerTest, ItemListIsComputedOnceAndReusedByLaterQueries) {
@@ -352,15 +268,13 @@ TEST_F(SimpleHandlerTest, ItemListIsComputedOnceAndReusedByLaterQueries) {
 
   EXPECT_EQ(table_.statisticsCalls, 1);
   EXPECT_EQ(table_.statistics(), "7,8");
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing213, Stats214("obj1"),
-                                                           kSwitchRequest, kListing213, Stats214("obj1")}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing213, Stats214("obj1"), kSwitchQuery, kListing213,
+                                      Stats214("obj1")}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/5/"obj1\0" 2/3/4/1 3/3/4/2)"}));
   EXPECT_EQ(PackageText(rsp2), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/5/"obj1\0" 2/3/4/1 3/3/4/2)"}));
-  EXPECT_TRUE(Messages(log_).empty());
-  std::vector<std::string> traces = QueryTraces({true}, true);
-  const std::vector<std::string> again = QueryTraces({true}, true);
-  traces.insert(traces.end(), again.begin(), again.end());
-  EXPECT_EQ(log_.traces(), traces);
+  EXPECT_TRUE(KitMessages(log_).empty());
+  EXPECT_EQ(log_.traces(), Repeat(QueryTraces({true}, true), 2));
 }
 
 TEST_F(SimpleHandlerTest, ItemListIsTakenAtFirstQueryWithSwitchOn) {
@@ -374,10 +288,10 @@ TEST_F(SimpleHandlerTest, ItemListIsTakenAtFirstQueryWithSwitchOn) {
   EXPECT_EQ(Query(), 0);
 
   EXPECT_EQ(table_.statisticsCalls, 1);
-  EXPECT_EQ(Requests(backend()),
-            (std::vector<std::string>{kSwitchRequest, kSwitchRequest, kListing213, Stats214("obj1")}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kSwitchQuery, kListing213, Stats214("obj1")}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/5/"obj1\0" 2/3/4/1 3/3/4/2)"}));
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_TRUE(KitMessages(log_).empty());
   std::vector<std::string> traces = QueryTraces({}, true);
   const std::vector<std::string> on = QueryTraces({true}, true);
   traces.insert(traces.end(), on.begin(), on.end());
@@ -392,13 +306,13 @@ TEST_F(SimpleHandlerTest, ValueListIsEmptiedBeforeEachObject) {
   EXPECT_EQ(Query(), 0);
 
   EXPECT_EQ(table_.seenValues, (std::vector<std::vector<unsigned int>>{{1, 2}, {3, 4}}));
-  EXPECT_EQ(Requests(backend()),
-            (std::vector<std::string>{kSwitchRequest, kListing213,
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing213,
                                       R"(query 0xDE0222010: 0/2/7/"214:a1\0" 8/2/4/"7,8\0" 2/3/8/4)",
                                       R"(query 0xDE0222010: 0/2/7/"214:a2\0" 8/2/4/"7,8\0" 2/3/8/4)"}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"a1\0" 2/3/4/1 3/3/4/2)",
                                                          R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"a2\0" 2/3/4/3 3/3/4/4)"}));
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_TRUE(KitMessages(log_).empty());
   EXPECT_EQ(log_.traces(), QueryTraces({true, true}, true));
 }
 
@@ -417,9 +331,9 @@ TEST_F(SimpleHandlerTest, RowIsAppendedWhateverNumberOfCellsTheHookAppended) {
   EXPECT_EQ(rsp_[1]->cellCount(), 0u);
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{"0xFFFFFFFFFFFFFFFF: ", "0xFFFFFFFFFFFFFFFF: "}));
   EXPECT_EQ(table_.seenIds, (std::vector<std::string>{"obj1", "obj2"}));
-  EXPECT_EQ(Requests(backend()),
-            (std::vector<std::string>{kSwitchRequest, kListing213, Stats214("obj1"), Stats214("obj2")}));
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing213, Stats214("obj1"), Stats214("obj2")}));
+  EXPECT_TRUE(KitMessages(log_).empty());
   EXPECT_EQ(log_.traces(), QueryTraces({true, true}, true));
 }
 
@@ -432,22 +346,24 @@ TEST_F(SimpleHandlerTest, RowsAreAppendedAfterWhatTheResponseHeld) {
 
   EXPECT_EQ(PackageText(rsp_),
             (std::vector<std::string>{"0x5: 3/3/4/33", R"(0xFFFFFFFFFFFFFFFF: 1/2/5/"obj1\0" 2/3/4/1 3/3/4/2)"}));
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing213, Stats214("obj1")}));
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing213, Stats214("obj1")}));
+  EXPECT_TRUE(KitMessages(log_).empty());
   EXPECT_EQ(log_.traces(), QueryTraces({true}, true));
 }
 
 TEST_F(SimpleHandlerTest, RequestPackageAndContextAreNotConsulted) {
-  req_.push_back(Rec(zerva_test::kListingCmd).t6(0, 207).str(1, "0A").build());
+  req_.push_back(Rec(kListingCmd).t6(0, 207).str(1, "0A").build());
   backend().onListing(213, Answer{Listed("obj1")});
   backend().onStats("214:obj1", "1,2");
 
   EXPECT_EQ(Query(), 0);
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing213, Stats214("obj1")}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing213, Stats214("obj1")}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/5/"obj1\0" 2/3/4/1 3/3/4/2)"}));
   EXPECT_EQ(PackageText(req_), (std::vector<std::string>{R"(0xD0000C000: 0/6/8/207 1/2/3/"0A\0")"}));
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_TRUE(KitMessages(log_).empty());
   EXPECT_EQ(log_.traces(), QueryTraces({true}, true));
 }
 
@@ -461,7 +377,7 @@ TEST_F(SimpleHandlerTest, DefaultRecordCheckAcceptsAnyRecord) {
   EXPECT_TRUE(plain.CPerformanceSimpleHandler::checkRspValid(*numeric));
   EXPECT_TRUE(plain.checkedRecords.empty());
   EXPECT_EQ(backend().callCount(), 0u);
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_TRUE(KitMessages(log_).empty());
   EXPECT_TRUE(log_.traces().empty());
 }
 
@@ -472,11 +388,11 @@ TEST_F(SimpleHandlerTest, DefaultRecordCheckLetsObjectIdsThatAreNoControllerIdsT
 
   EXPECT_EQ(Query(), 0);
 
-  EXPECT_EQ(Requests(backend()),
-            (std::vector<std::string>{kSwitchRequest, kListing213, Stats214("X9"), Stats214("7")}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing213, Stats214("X9"), Stats214("7")}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"X9\0" 2/3/4/1 3/3/4/2)",
                                                          R"(0xFFFFFFFFFFFFFFFF: 1/2/2/"7\0" 2/3/4/3 3/3/4/4)"}));
-  EXPECT_TRUE(Messages(log_).empty());
+  EXPECT_TRUE(KitMessages(log_).empty());
   EXPECT_EQ(log_.traces(), QueryTraces({true, true}, true));
 }
 
@@ -491,11 +407,15 @@ TEST_F(SimpleHandlerTest, ListingRecordWithoutObjectIdThrowsAndKeepsEarlierRows)
     EXPECT_EQ(std::string(e.what()), "CVEM_Exception: cell don't exist, tag is 1");
   }
 
-  EXPECT_EQ(Requests(backend()), (std::vector<std::string>{kSwitchRequest, kListing213, Stats214("obj1")}));
+  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
+            (std::vector<std::string>{kSwitchQuery, kListing213, Stats214("obj1")}));
   EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/5/"obj1\0" 2/3/4/1 3/3/4/2)"}));
-  EXPECT_TRUE(Messages(log_).empty());
-  EXPECT_EQ(log_.traces(), (std::vector<std::string>{Enter(kQuerySig), Enter(kBatchSig), Leave(kBatchSig, true),
-                                                     Leave(kQuerySig, true)}));
+  EXPECT_TRUE(KitMessages(log_).empty());
+  EXPECT_EQ(log_.traces(),
+            (std::vector<std::string>{Enter(kSimpleQueryTableSig, kBareTrace), Enter(kGetBatchPerfDataSig, kBareTrace),
+                                      Leave(kGetBatchPerfDataSig, true, kBareTrace),
+                                      Leave(kSimpleQueryTableSig, true, kBareTrace)}));
 }
 
 }  // namespace
+}  // namespace zerva_test

@@ -8,6 +8,7 @@
 #include <cstdlib>
 
 #include "sim/sim_test_util.h"
+#include "tests/support/fake_backend.h"
 #include "tests/support/temp_dir.h"
 
 namespace zerva_sim {
@@ -16,8 +17,8 @@ namespace {
 using testing::DecodeAnswer;
 using testing::Decoded;
 using testing::Num;
-using testing::Req;
 using testing::Text;
+using zerva_test::Rec;
 
 const char kLunItems[] = "303,22,25,28,21,23,26,5,307,370,371,384,385";
 
@@ -25,12 +26,12 @@ class ArraySimulatorTest : public ::testing::Test {
  protected:
   ArraySimulatorTest() : sim_(DefaultTopology(), 17, CommandCodes()) { sim_.freezeClock(kT); }
 
-  std::unique_ptr<Decoded> Ask(Req&& req) {
+  std::unique_ptr<Decoded> Ask(const Rec& req) {
     const std::vector<unsigned char> frame = req.frame();
     return DecodeAnswer(sim_.handle(frame.data(), frame.size()).bytes);
   }
   std::unique_ptr<Decoded> Stats(const std::string& key, const std::string& items) {
-    return Ask(std::move(Req(codes_.getStats).str(0, key).str(8, items).u32(2, 4)));
+    return Ask(Rec(codes_.getStats).str(0, key).str(8, items).u32(2, 4));
   }
 
   static const uint64_t kT = 2000000000ULL;
@@ -39,15 +40,15 @@ class ArraySimulatorTest : public ::testing::Test {
 };
 
 TEST_F(ArraySimulatorTest, SwitchReadsAndWrites) {
-  auto a = Ask(Req(codes_.getSwitch));
+  auto a = Ask(Rec(codes_.getSwitch));
   ASSERT_EQ(a->code, 0u);
   EXPECT_EQ(Num(*a->pkg[0], 0), 1u);
   EXPECT_EQ((*a->pkg[0])[0]->length(), 4u);
-  EXPECT_EQ(Ask(std::move(Req(codes_.setSwitch).u32(0, 0)))->code, 0u);
+  EXPECT_EQ(Ask(Rec(codes_.setSwitch).u32(0, 0))->code, 0u);
   EXPECT_EQ(sim_.switchState(), 0u);
-  EXPECT_EQ(Num(*Ask(Req(codes_.getSwitch))->pkg[0], 0), 0u);
-  EXPECT_EQ(Ask(std::move(Req(codes_.setSwitch).u32(0, 7)))->code, kSimErrBadValue);
-  EXPECT_EQ(Ask(std::move(Req(codes_.setSwitch).str(0, "1")))->code, kSimErrMalformed);
+  EXPECT_EQ(Num(*Ask(Rec(codes_.getSwitch))->pkg[0], 0), 0u);
+  EXPECT_EQ(Ask(Rec(codes_.setSwitch).u32(0, 7))->code, kSimErrBadValue);
+  EXPECT_EQ(Ask(Rec(codes_.setSwitch).str(0, "1"))->code, kSimErrMalformed);
   EXPECT_EQ(sim_.switchState(), 0u);
 }
 
@@ -73,7 +74,7 @@ TEST_F(ArraySimulatorTest, StatisticsRefusals) {
   EXPECT_EQ(Stats("11:1", "22,,25")->code, kSimErrMalformed);
   EXPECT_EQ(Stats("11-1", "22")->code, kSimErrMalformed);
   EXPECT_EQ(Stats("77:1", "22")->code, kSimErrBadObjectType);
-  EXPECT_EQ(Ask(std::move(Req(codes_.getStats).str(0, "11:1")))->code, kSimErrMalformed);
+  EXPECT_EQ(Ask(Rec(codes_.getStats).str(0, "11:1"))->code, kSimErrMalformed);
   sim_.setSwitch(false);
   EXPECT_EQ(Stats("11:1", "22")->code, kSimErrSwitchOff);
 }
@@ -83,7 +84,7 @@ TEST_F(ArraySimulatorTest, FeatureGatedObjectsNeedTheirFeature) {
   t.features = {49};
   ArraySimulator sim(t, 1, CommandCodes());
   auto ask = [&](const std::string& key, const std::string& items) {
-    std::vector<unsigned char> f = Req(codes_.getStats).str(0, key).str(8, items).frame();
+    std::vector<unsigned char> f = Rec(codes_.getStats).str(0, key).str(8, items).frame();
     return DecodeAnswer(sim.handle(f.data(), f.size()).bytes)->code;
   };
   EXPECT_EQ(ask("1000:0A", "182"), kSimErrNotSupported);
@@ -93,7 +94,7 @@ TEST_F(ArraySimulatorTest, FeatureGatedObjectsNeedTheirFeature) {
 }
 
 TEST_F(ArraySimulatorTest, CapabilitiesListEveryFeature) {
-  auto a = Ask(Req(codes_.getFeatures));
+  auto a = Ask(Rec(codes_.getFeatures));
   ASSERT_EQ(a->code, 0u);
   ASSERT_EQ(a->pkg.size(), 3u);
   EXPECT_EQ(Num(*a->pkg[0], 0), 48u);
@@ -103,54 +104,54 @@ TEST_F(ArraySimulatorTest, CapabilitiesListEveryFeature) {
 }
 
 TEST_F(ArraySimulatorTest, PortListingCarriesNamesStatusesAndBonds) {
-  auto a = Ask(std::move(Req(kListingCmd).t6(0, 213)));
+  auto a = Ask(Rec(kListingCmd).t6(0, 213));
   ASSERT_EQ(a->code, 0u);
   ASSERT_EQ(a->pkg.size(), 16u);
   EXPECT_EQ(Text(*a->pkg[0], 1), "1");
   EXPECT_EQ(Text(*a->pkg[0], 6), "eth0");
   EXPECT_EQ(Num(*a->pkg[0], 64), 5u);
   EXPECT_EQ(Text(*a->pkg[15], 70), "bond1");
-  auto b = Ask(std::move(Req(kListingCmd).t6(0, 235)));
+  auto b = Ask(Rec(kListingCmd).t6(0, 235));
   ASSERT_EQ(b->pkg.size(), 2u);
   EXPECT_EQ(Text(*b->pkg[0], 2), "bond0");
-  auto c = Ask(std::move(Req(kListingCmd).t6(0, 207)));
+  auto c = Ask(Rec(kListingCmd).t6(0, 207));
   ASSERT_EQ(c->pkg.size(), 4u);
   EXPECT_EQ(Text(*c->pkg[3], 1), "1B");
-  EXPECT_EQ(Ask(std::move(Req(kListingCmd).t6(0, 999)))->code, kSimErrBadObjectType);
-  EXPECT_EQ(Ask(Req(kListingCmd))->code, kSimErrMalformed);
+  EXPECT_EQ(Ask(Rec(kListingCmd).t6(0, 999))->code, kSimErrBadObjectType);
+  EXPECT_EQ(Ask(Rec(kListingCmd))->code, kSimErrMalformed);
 }
 
 TEST_F(ArraySimulatorTest, LunListingPagesAfterTheKey) {
-  auto a = Ask(std::move(Req(kListingCmd).t6(0, 11)));
+  auto a = Ask(Rec(kListingCmd).t6(0, 11));
   ASSERT_EQ(a->pkg.size(), 257u);
   EXPECT_EQ(Text(*a->pkg[0], 1), "0");
   EXPECT_EQ(Text(*a->pkg[255], 1), "255");
   EXPECT_EQ(Num(*a->pkg[256], 4095), 0u);
-  auto b = Ask(std::move(Req(kListingCmd).t6(0, 11).str(1, "255")));
+  auto b = Ask(Rec(kListingCmd).t6(0, 11).str(1, "255"));
   ASSERT_EQ(b->pkg.size(), 145u);
   EXPECT_EQ(Text(*b->pkg[0], 1), "256");
   EXPECT_EQ(Num(*b->pkg[144], 4095), 1u);
-  auto c = Ask(std::move(Req(kListingCmd).t6(0, 11).str(1, "399")));
+  auto c = Ask(Rec(kListingCmd).t6(0, 11).str(1, "399"));
   ASSERT_EQ(c->pkg.size(), 1u);
   EXPECT_EQ(Num(*c->pkg[0], 4095), 1u);
-  EXPECT_EQ(Ask(std::move(Req(kListingCmd).t6(0, 11).str(1, "x")))->code, kSimErrMalformed);
+  EXPECT_EQ(Ask(Rec(kListingCmd).t6(0, 11).str(1, "x"))->code, kSimErrMalformed);
 }
 
 TEST_F(ArraySimulatorTest, SortedFileSystemListingHonoursTheOrder) {
-  auto asc = Ask(std::move(Req(kSortedListingCmd).t6(0, 40).str(1, "10").str(15, "{\"sortby\":\"1 ASC\"}")));
+  auto asc = Ask(Rec(kSortedListingCmd).t6(0, 40).str(1, "10").str(15, "{\"sortby\":\"1 ASC\"}"));
   ASSERT_EQ(asc->code, 0u);
   EXPECT_EQ(Text(*asc->pkg[0], 1), "11");
   EXPECT_EQ(asc->pkg.size(), 39u);  // 11..48 and the control record
-  auto desc = Ask(std::move(Req(kSortedListingCmd).t6(0, 40).str(1, "10").str(15, "{\"sortby\":\"1 DESC\"}")));
+  auto desc = Ask(Rec(kSortedListingCmd).t6(0, 40).str(1, "10").str(15, "{\"sortby\":\"1 DESC\"}"));
   ASSERT_EQ(desc->pkg.size(), 10u);
   EXPECT_EQ(Text(*desc->pkg[0], 1), "9");
   EXPECT_EQ(Text(*desc->pkg[8], 1), "1");
-  EXPECT_EQ(Ask(std::move(Req(kSortedListingCmd).t6(0, 40).str(15, "{\"sortby\":\"2 ASC\"}")))->code, kSimErrMalformed);
-  EXPECT_EQ(Ask(std::move(Req(kSortedListingCmd).t6(0, 40).str(15, "not json")))->code, kSimErrMalformed);
+  EXPECT_EQ(Ask(Rec(kSortedListingCmd).t6(0, 40).str(15, "{\"sortby\":\"2 ASC\"}"))->code, kSimErrMalformed);
+  EXPECT_EQ(Ask(Rec(kSortedListingCmd).t6(0, 40).str(15, "not json"))->code, kSimErrMalformed);
 }
 
 TEST_F(ArraySimulatorTest, LunBatchAnswersEveryKnownLunInOrder) {
-  auto a = Ask(std::move(Req(kLunBatchStatsCmd).u32(11, 11).str(12, ",5,3,999,4").str(8, kLunItems).t6(2, 4)));
+  auto a = Ask(Rec(kLunBatchStatsCmd).u32(11, 11).str(12, ",5,3,999,4").str(8, kLunItems).t6(2, 4));
   ASSERT_EQ(a->code, 0u);
   ASSERT_EQ(a->pkg.size(), 3u);
   EXPECT_EQ(Text(*a->pkg[0], 13), "5");
@@ -158,13 +159,13 @@ TEST_F(ArraySimulatorTest, LunBatchAnswersEveryKnownLunInOrder) {
   std::vector<uint32_t> truth;
   sim_.statistics(11, "3", {303, 22, 25, 28, 21, 23, 26, 5, 307, 370, 371, 384, 385}, &truth);
   EXPECT_EQ(Text(*a->pkg[1], 9).substr(0, std::to_string(truth[0]).size() + 1), std::to_string(truth[0]) + ",");
-  EXPECT_EQ(Ask(std::move(Req(kLunBatchStatsCmd).u32(11, 40).str(12, "1").str(8, "22")))->code, kSimErrBadObjectType);
-  EXPECT_EQ(Ask(std::move(Req(kLunBatchStatsCmd).u32(11, 11).str(12, "1,x").str(8, "22")))->code, kSimErrMalformed);
-  EXPECT_EQ(Ask(std::move(Req(kLunBatchStatsCmd).u32(11, 11).str(12, "1").str(8, "182")))->code, kSimErrUnknownItem);
+  EXPECT_EQ(Ask(Rec(kLunBatchStatsCmd).u32(11, 40).str(12, "1").str(8, "22"))->code, kSimErrBadObjectType);
+  EXPECT_EQ(Ask(Rec(kLunBatchStatsCmd).u32(11, 11).str(12, "1,x").str(8, "22"))->code, kSimErrMalformed);
+  EXPECT_EQ(Ask(Rec(kLunBatchStatsCmd).u32(11, 11).str(12, "1").str(8, "182"))->code, kSimErrUnknownItem);
 }
 
 TEST_F(ArraySimulatorTest, UnknownCommandsAndBadFramesGetClearCodes) {
-  EXPECT_EQ(Ask(Req(12345))->code, kSimErrUnknownCommand);
+  EXPECT_EQ(Ask(Rec(12345))->code, kSimErrUnknownCommand);
   const unsigned char junk[40] = {0x55, 0x55, 0x55, 0x55, 3, 0, 0, 0};
   EXPECT_EQ(DecodeAnswer(sim_.handle(junk, sizeof junk).bytes)->code, kSimErrMalformed);
   for (uint32_t code : {kSimErrUnknownCommand, kSimErrMalformed, kSimErrTooMany}) {
@@ -173,9 +174,9 @@ TEST_F(ArraySimulatorTest, UnknownCommandsAndBadFramesGetClearCodes) {
 }
 
 TEST_F(ArraySimulatorTest, CountsRequestsByCommand) {
-  Ask(Req(codes_.getSwitch));
-  Ask(Req(codes_.getSwitch));
-  Ask(Req(777));
+  Ask(Rec(codes_.getSwitch));
+  Ask(Rec(codes_.getSwitch));
+  Ask(Rec(777));
   const auto counts = sim_.commandCounts();
   EXPECT_EQ(counts.at(codes_.getSwitch), 2u);
   EXPECT_EQ(counts.at(777), 1u);
@@ -186,30 +187,30 @@ TEST_F(ArraySimulatorTest, FaultsShapeTheReply) {
   std::string error;
   ASSERT_TRUE(sim_.parseFault("refuse=0x1234,cmd=GET_PERFORMANCE_SWITCH,count=1", &f, &error)) << error;
   sim_.addFault(f);
-  EXPECT_EQ(Ask(Req(codes_.getSwitch))->code, 0x1234u);
-  EXPECT_EQ(Ask(Req(codes_.getSwitch))->code, 0u);
+  EXPECT_EQ(Ask(Rec(codes_.getSwitch))->code, 0x1234u);
+  EXPECT_EQ(Ask(Rec(codes_.getSwitch))->code, 0u);
   ASSERT_TRUE(sim_.parseFault("huge-len", &f, &error));
   sim_.addFault(f);
-  std::vector<unsigned char> frame = Req(codes_.getSwitch).frame();
+  std::vector<unsigned char> frame = Rec(codes_.getSwitch).frame();
   Reply r = sim_.handle(frame.data(), frame.size());
   EXPECT_TRUE(r.closeAfter);
   ASSERT_EQ(r.bytes.size(), 28u);
   EXPECT_EQ(tlv::DecodeFixed32(r.bytes.data() + 24), 0xFFFFFFF0u);
   // The control command is never faulted and clears the faults.
-  auto c = Ask(std::move(Req(kSimControlCmd).str(0, "clear-faults")));
+  auto c = Ask(Rec(kSimControlCmd).str(0, "clear-faults"));
   EXPECT_EQ(c->code, 0u);
   EXPECT_TRUE(sim_.faults().empty());
 }
 
 TEST_F(ArraySimulatorTest, ControlCommandAddsListsAndCounts) {
-  EXPECT_EQ(Ask(std::move(Req(kSimControlCmd).str(0, "fault").str(1, "delay=5,cmd=LISTING")))->code, 0u);
-  auto l = Ask(std::move(Req(kSimControlCmd).str(0, "list-faults")));
+  EXPECT_EQ(Ask(Rec(kSimControlCmd).str(0, "fault").str(1, "delay=5,cmd=LISTING"))->code, 0u);
+  auto l = Ask(Rec(kSimControlCmd).str(0, "list-faults"));
   ASSERT_EQ(l->pkg.size(), 1u);
   EXPECT_EQ(Text(*l->pkg[0], 1), "delay=5,cmd=0xD0000C000");
-  EXPECT_EQ(Ask(std::move(Req(kSimControlCmd).str(0, "fault").str(1, "boom")))->code, kSimErrMalformed);
-  EXPECT_EQ(Ask(std::move(Req(kSimControlCmd).str(0, "freeze-clock").t6(1, 123456789)))->code, 0u);
+  EXPECT_EQ(Ask(Rec(kSimControlCmd).str(0, "fault").str(1, "boom"))->code, kSimErrMalformed);
+  EXPECT_EQ(Ask(Rec(kSimControlCmd).str(0, "freeze-clock").t6(1, 123456789))->code, 0u);
   EXPECT_EQ(sim_.nowMs(), 123456789u);
-  auto counts = Ask(std::move(Req(kSimControlCmd).str(0, "counts")));
+  auto counts = Ask(Rec(kSimControlCmd).str(0, "counts"));
   ASSERT_EQ(counts->pkg.size(), 1u);
   EXPECT_EQ(counts->pkg[0]->cells().front()->length(), 8u);
   EXPECT_EQ(Num(*counts->pkg[0], 1), 5u);
@@ -229,11 +230,11 @@ TEST_F(ArraySimulatorTest, LargestTopologyListsAndAnswers) {
   SetLunCount(&t, 65536);
   SetFileSystemCount(&t, 4096);
   ArraySimulator sim(t, 1, CommandCodes());
-  std::vector<unsigned char> f = Req(kListingCmd).t6(0, 11).str(1, "65400").frame();
+  std::vector<unsigned char> f = Rec(kListingCmd).t6(0, 11).str(1, "65400").frame();
   auto a = DecodeAnswer(sim.handle(f.data(), f.size()).bytes);
   ASSERT_EQ(a->pkg.size(), 136u);
   EXPECT_EQ(Text(*a->pkg[134], 1), "65535");
-  std::vector<unsigned char> g = Req(kSortedListingCmd).t6(0, 40).str(1, "4000").frame();
+  std::vector<unsigned char> g = Rec(kSortedListingCmd).t6(0, 40).str(1, "4000").frame();
   EXPECT_EQ(DecodeAnswer(sim.handle(g.data(), g.size()).bytes)->pkg.size(), 97u);
 }
 

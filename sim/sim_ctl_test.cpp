@@ -19,6 +19,7 @@
 #include "sim/sim_server.h"
 #include "sim/array_simulator.h"
 #include "sim/sim_test_util.h"
+#include "tests/support/fake_backend.h"
 #include "snmpcommon/snmp_backend_frame.h"
 #include "snmpcommon/snmp_configuration.h"
 #include "snmpcommon/snmp_socket_transport.h"
@@ -28,7 +29,7 @@
 namespace zerva_sim {
 namespace {
 
-using testing::Req;
+using zerva_test::Rec;
 
 struct CtlRun {
   int rc = -1;
@@ -68,8 +69,7 @@ class SimCtlTest : public ::testing::Test {
   }
 
   // One request to the simulator through the host's transport.
-  int Call(Req&& req) { return Call(req); }
-  int Call(Req& req) {
+  int Call(const Rec& req) {
     CSnmpSocketTransportOptions t;
     std::string error;
     EXPECT_TRUE(CSnmpBackendAddress::parse(address_, t.address, &error)) << error;
@@ -86,9 +86,9 @@ class SimCtlTest : public ::testing::Test {
 
 TEST_F(SimCtlTest, CountsPrintIdentifierNameAndCountPerCommand) {
   const CommandCodes codes;
-  for (int i = 0; i < 3; ++i) ASSERT_EQ(Call(Req(codes.getSwitch)), 0);
-  ASSERT_EQ(Call(Req(kLunBatchStatsCmd).u32(11, 11).str(12, "1,2").str(8, "22").u32(2, 4)), 0);
-  ASSERT_EQ(Call(Req(0x1234)), static_cast<int>(kSimErrUnknownCommand));
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(Call(Rec(codes.getSwitch)), 0);
+  ASSERT_EQ(Call(Rec(kLunBatchStatsCmd).u32(11, 11).str(12, "1,2").str(8, "22").u32(2, 4)), 0);
+  ASSERT_EQ(Call(Rec(0x1234)), static_cast<int>(kSimErrUnknownCommand));
 
   const CtlRun r = Ctl(address_ + " counts");
   EXPECT_EQ(r.rc, 0) << r.output;
@@ -135,13 +135,13 @@ TEST_F(SimCtlTest, FaultIsAddedListedAppliedAndCleared) {
   EXPECT_EQ(r.output, FaultText(faults[0]) + "\n" + FaultText(faults[1]) + "\n");
   EXPECT_NE(r.output.find("close"), std::string::npos);
 
-  EXPECT_EQ(Call(Req(codes.getSwitch)), SNMP_TRANSPORT_E_CLOSED);
+  EXPECT_EQ(Call(Rec(codes.getSwitch)), SNMP_TRANSPORT_E_CLOSED);
 
   r = Ctl(address_ + " clear-faults");
   EXPECT_EQ(r.rc, 0) << r.output;
   EXPECT_EQ(r.output, "faults cleared\n");
   EXPECT_TRUE(server_->array().faults().empty());
-  EXPECT_EQ(Call(Req(codes.getSwitch)), 0);
+  EXPECT_EQ(Call(Rec(codes.getSwitch)), 0);
   r = Ctl(address_ + " list-faults");
   EXPECT_EQ(r.rc, 0) << r.output;
   EXPECT_EQ(r.output, "");

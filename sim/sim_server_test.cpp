@@ -10,6 +10,7 @@
 
 #include "sim/array_simulator.h"
 #include "sim/sim_test_util.h"
+#include "tests/support/fake_backend.h"
 #include "snmpcommon/snmp_socket_transport.h"
 #include "tests/support/temp_dir.h"
 
@@ -17,8 +18,8 @@ namespace zerva_sim {
 namespace {
 
 using testing::Num;
-using testing::Req;
 using testing::Text;
+using zerva_test::Rec;
 
 using zerva_test::TempDir;
 
@@ -48,7 +49,7 @@ class SimServerTest : public ::testing::Test {
   }
 
   // One exchange: the result code; rsp receives the answer.
-  int Call(CSnmpSocketTransport& t, Req&& req, CTLVPackage* rsp, bool listing = false) {
+  int Call(CSnmpSocketTransport& t, const Rec& req, CTLVPackage* rsp, bool listing = false) {
     std::unique_ptr<CTLVPackage> pkg = req.package();
     return t.exchange(*pkg, *rsp, listing);
   }
@@ -70,18 +71,18 @@ TEST_F(SimServerTest, ServesEveryCommandOverTheSocket) {
   auto t = Transport();
   {
     CTLVPackage rsp;
-    ASSERT_EQ(Call(*t, Req(codes_.getSwitch), &rsp), 0);
+    ASSERT_EQ(Call(*t, Rec(codes_.getSwitch), &rsp), 0);
     EXPECT_EQ(Num(*rsp[0], 0), 1u);
   }
   {
     CTLVPackage rsp;
-    ASSERT_EQ(Call(*t, std::move(Req(codes_.setSwitch).u32(0, 0)), &rsp), 0);
+    ASSERT_EQ(Call(*t, Rec(codes_.setSwitch).u32(0, 0), &rsp), 0);
     EXPECT_EQ(server_->array().switchState(), 0u);
     server_->array().setSwitch(true);
   }
   {
     CTLVPackage rsp;
-    ASSERT_EQ(Call(*t, std::move(Req(codes_.getStats).str(0, "207:0A").str(8, "110,120,303").u32(2, 4)), &rsp), 0);
+    ASSERT_EQ(Call(*t, Rec(codes_.getStats).str(0, "207:0A").str(8, "110,120,303").u32(2, 4), &rsp), 0);
     std::vector<uint32_t> truth;
     server_->array().statistics(207, "0A", {110, 120, 303}, &truth);
     EXPECT_EQ(Text(*rsp[0], 9),
@@ -89,33 +90,33 @@ TEST_F(SimServerTest, ServesEveryCommandOverTheSocket) {
   }
   {
     CTLVPackage rsp;
-    ASSERT_EQ(Call(*t, Req(codes_.getFeatures), &rsp), 0);
+    ASSERT_EQ(Call(*t, Rec(codes_.getFeatures), &rsp), 0);
     EXPECT_EQ(rsp.size(), 3u);
   }
   {
     CTLVPackage rsp;
-    ASSERT_EQ(Call(*t, std::move(Req(kListingCmd).t6(0, 212)), &rsp, true), 0);
+    ASSERT_EQ(Call(*t, Rec(kListingCmd).t6(0, 212), &rsp, true), 0);
     EXPECT_EQ(rsp.size(), 8u);
   }
   {
     CTLVPackage rsp;
-    ASSERT_EQ(Call(*t, std::move(Req(kListingCmd).t6(0, 11).str(1, "300")), &rsp, true), 0);
+    ASSERT_EQ(Call(*t, Rec(kListingCmd).t6(0, 11).str(1, "300"), &rsp, true), 0);
     EXPECT_EQ(rsp.size(), 100u);
   }
   {
     CTLVPackage rsp;
-    ASSERT_EQ(Call(*t, std::move(Req(kSortedListingCmd).t6(0, 40).str(15, "{\"sortby\":\"1 ASC\"}")), &rsp, true), 0);
+    ASSERT_EQ(Call(*t, Rec(kSortedListingCmd).t6(0, 40).str(15, "{\"sortby\":\"1 ASC\"}"), &rsp, true), 0);
     EXPECT_EQ(rsp.size(), 49u);
   }
   {
     CTLVPackage rsp;
-    ASSERT_EQ(Call(*t, std::move(Req(kLunBatchStatsCmd).u32(11, 11).str(12, "1,2").str(8, "22").t6(2, 4)), &rsp), 0);
+    ASSERT_EQ(Call(*t, Rec(kLunBatchStatsCmd).u32(11, 11).str(12, "1,2").str(8, "22").t6(2, 4), &rsp), 0);
     ASSERT_EQ(rsp.size(), 2u);
     EXPECT_EQ(Text(*rsp[1], 13), "2");
   }
   {
     CTLVPackage rsp;
-    EXPECT_EQ(Call(*t, Req(4242), &rsp), static_cast<int>(kSimErrUnknownCommand));
+    EXPECT_EQ(Call(*t, Rec(4242), &rsp), static_cast<int>(kSimErrUnknownCommand));
   }
   const auto counts = server_->commandCounts();
   EXPECT_EQ(counts.at(codes_.getSwitch), 1u);
@@ -139,13 +140,13 @@ TEST_F(SimServerTest, EachFaultGivesItsTransportCodeAndClearsAway) {
   for (const auto& c : cases) {
     AddFault(std::string(c.first) + ",cmd=GET_PERFORMANCE_SWITCH");
     CTLVPackage rsp;
-    EXPECT_EQ(Call(*t, Req(codes_.getSwitch), &rsp), c.second) << c.first;
+    EXPECT_EQ(Call(*t, Rec(codes_.getSwitch), &rsp), c.second) << c.first;
     server_->array().clearFaults();
     // After a timeout the transport answers at once for its retry interval
     // (50 ms here) before it asks the back end again.
     if (c.second == SNMP_TRANSPORT_E_TIMEOUT) std::this_thread::sleep_for(std::chrono::milliseconds(100));
     CTLVPackage again;
-    EXPECT_EQ(Call(*t, Req(codes_.getSwitch), &again), 0) << "after " << c.first;
+    EXPECT_EQ(Call(*t, Rec(codes_.getSwitch), &again), 0) << "after " << c.first;
   }
 }
 
@@ -153,17 +154,17 @@ TEST_F(SimServerTest, FaultForOneCommandLeavesOthersAlone) {
   AddFault("close,cmd=LISTING");
   auto t = Transport();
   CTLVPackage a, b;
-  EXPECT_EQ(Call(*t, Req(codes_.getSwitch), &a), 0);
-  EXPECT_EQ(Call(*t, std::move(Req(kListingCmd).t6(0, 207)), &b, true), SNMP_TRANSPORT_E_CLOSED);
+  EXPECT_EQ(Call(*t, Rec(codes_.getSwitch), &a), 0);
+  EXPECT_EQ(Call(*t, Rec(kListingCmd).t6(0, 207), &b, true), SNMP_TRANSPORT_E_CLOSED);
 }
 
 TEST_F(SimServerTest, ControlCommandOverTheSocketSetsAndClearsFaults) {
   auto t = Transport();
   CTLVPackage r1, r2, r3, r4;
-  ASSERT_EQ(Call(*t, std::move(Req(kSimControlCmd).str(0, "fault").str(1, "refuse=77,cmd=GET_SNMP_FEATURES")), &r1), 0);
-  EXPECT_EQ(Call(*t, Req(codes_.getFeatures), &r2), 77);
-  ASSERT_EQ(Call(*t, std::move(Req(kSimControlCmd).str(0, "clear-faults")), &r3), 0);
-  EXPECT_EQ(Call(*t, Req(codes_.getFeatures), &r4), 0);
+  ASSERT_EQ(Call(*t, Rec(kSimControlCmd).str(0, "fault").str(1, "refuse=77,cmd=GET_SNMP_FEATURES"), &r1), 0);
+  EXPECT_EQ(Call(*t, Rec(codes_.getFeatures), &r2), 77);
+  ASSERT_EQ(Call(*t, Rec(kSimControlCmd).str(0, "clear-faults"), &r3), 0);
+  EXPECT_EQ(Call(*t, Rec(codes_.getFeatures), &r4), 0);
 }
 
 TEST_F(SimServerTest, HugeDataLenIsRefusedBeforeAllocation) {
@@ -176,24 +177,24 @@ TEST_F(SimServerTest, HugeDataLenIsRefusedBeforeAllocation) {
   CSnmpSocketTransport t(o);
   AddFault("huge-len,count=1");
   CTLVPackage rsp;
-  EXPECT_EQ(Call(t, Req(codes_.getSwitch), &rsp), SNMP_TRANSPORT_E_TOO_LARGE);
+  EXPECT_EQ(Call(t, Rec(codes_.getSwitch), &rsp), SNMP_TRANSPORT_E_TOO_LARGE);
   EXPECT_TRUE(rsp.empty());
   CTLVPackage again;
-  EXPECT_EQ(Call(t, Req(codes_.getSwitch), &again), 0);
+  EXPECT_EQ(Call(t, Rec(codes_.getSwitch), &again), 0);
 }
 
 TEST_F(SimServerTest, RestartOnTheSameAddressIsSurvived) {
   auto t = Transport();
   CTLVPackage a;
-  ASSERT_EQ(Call(*t, Req(codes_.getSwitch), &a), 0);
+  ASSERT_EQ(Call(*t, Rec(codes_.getSwitch), &a), 0);
   server_->stop();
   CTLVPackage b;
-  const int down = Call(*t, Req(codes_.getSwitch), &b);
+  const int down = Call(*t, Rec(codes_.getSwitch), &b);
   EXPECT_TRUE(down == SNMP_TRANSPORT_E_CLOSED || down == SNMP_TRANSPORT_E_CONNECT) << down;
   StartServer();
   std::this_thread::sleep_for(std::chrono::milliseconds(60));  // past the transport's retry interval
   CTLVPackage c;
-  EXPECT_EQ(Call(*t, Req(codes_.getSwitch), &c), 0);
+  EXPECT_EQ(Call(*t, Rec(codes_.getSwitch), &c), 0);
   EXPECT_GE(t->connectCount(), 2u);
 }
 
@@ -205,11 +206,11 @@ TEST_F(SimServerTest, ServesSeveralConnectionsAtOnce) {
   int slowResult = -1;
   std::thread th([&] {
     CTLVPackage rsp;
-    slowResult = Call(*slow, Req(codes_.getFeatures), &rsp);
+    slowResult = Call(*slow, Rec(codes_.getFeatures), &rsp);
   });
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
   CTLVPackage rsp;
-  EXPECT_EQ(Call(*fast, Req(codes_.getSwitch), &rsp), 0);
+  EXPECT_EQ(Call(*fast, Rec(codes_.getSwitch), &rsp), 0);
   th.join();
   EXPECT_EQ(slowResult, 0);
 }
@@ -252,7 +253,7 @@ TEST(SimServerStartTest, TcpPortZeroReportsTheBoundPort) {
   CSnmpSocketTransportOptions t;
   ASSERT_TRUE(CSnmpBackendAddress::parse(s.address(), t.address, &error));
   CSnmpSocketTransport transport(t);
-  std::unique_ptr<CTLVPackage> req = Req(CommandCodes().getSwitch).package();
+  std::unique_ptr<CTLVPackage> req = Rec(CommandCodes().getSwitch).package();
   CTLVPackage rsp;
   EXPECT_EQ(transport.exchange(*req, rsp, false), 0);
   EXPECT_EQ(Num(*rsp[0], 0), 0u);

@@ -1,4 +1,5 @@
-// Request building and answer reading shared by the simulator's tests.
+// Answer reading shared by the simulator's tests (requests are built with
+// zerva_test::Rec, tests/support/fake_backend.h).
 #ifndef ZERVA_SIM_SIM_TEST_UTIL_H_
 #define ZERVA_SIM_SIM_TEST_UTIL_H_
 
@@ -11,40 +12,6 @@
 
 namespace zerva_sim {
 namespace testing {
-
-// One request record, built cell by cell.
-class Req {
- public:
-  explicit Req(unsigned long long id) : record_(new CTLVRecordV3(id, 32)) {}
-  Req& str(unsigned short tag, const std::string& text) {
-    record_->append(tlv::NewStringCell(tag, text));
-    return *this;
-  }
-  Req& u32(unsigned short tag, unsigned int v) {
-    record_->append(tlv::NewUintCell(tag, CTLVCell::TLV_TYPE_UINT, v, 4));
-    return *this;
-  }
-  Req& t6(unsigned short tag, unsigned long long v) {
-    record_->append(tlv::NewUintCell(tag, CTLVCell::TLV_TYPE_UINT64, v, 8));
-    return *this;
-  }
-  // A package holding this record (the record moves into it).
-  std::unique_ptr<CTLVPackage> package() {
-    std::unique_ptr<CTLVPackage> pkg(new CTLVPackage());
-    pkg->push_back(record_.release());
-    return pkg;
-  }
-  // The encoded frame.
-  std::vector<unsigned char> frame() {
-    std::unique_ptr<CTLVPackage> pkg = package();
-    std::vector<unsigned char> out(TLVMsgHeadV3::SIZE + pkg->bodyLength());
-    pkg->encode(out.data(), static_cast<unsigned>(out.size()));
-    return out;
-  }
-
- private:
-  std::unique_ptr<CTLVRecordV3> record_;
-};
 
 // A decoded answer frame.
 struct Decoded {

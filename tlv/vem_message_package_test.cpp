@@ -5,12 +5,14 @@
 #include <json/value.h>
 
 #include <cstring>
+#include <ostream>
 #include <regex>
 
 #include "tests/support/ace_log_capture.h"
 #include "tlv/coding.h"
 
 using ::testing::ElementsAre;
+using zerva_test::AceError;
 using zerva_test::AceLogCapture;
 
 namespace {
@@ -78,6 +80,26 @@ const char kGetRecordFn[] =
     ",Function=unsigned int CTLVPackageV3<HEAD>::getRecord(unsigned char*, unsigned int, CTLVRecordV3*&) "
     "[with HEAD = TLVMsgHeadV3]";
 
+// An LM_ERROR line of getRecord: "at File=...,Line=n" + kGetRecordFn + text.
+::testing::Matcher<const zerva_test::AceLine&> GetRecordError(const std::string& text) {
+  return AceError(AtFileLine(Escape(std::string(kGetRecordFn) + text)));
+}
+
+// The LM_ERROR line of decode for a record it failed to parse.
+::testing::Matcher<const zerva_test::AceLine&> ParseFailure(size_t bufSize, unsigned int pos) {
+  return AceError(AtFileLine(Escape(" : it failed to parse record, buf size=" + std::to_string(bufSize) +
+                                    ", parsing pos=" + std::to_string(pos))));
+}
+
+// The two LM_ERROR lines of a decode refused before the header is read.
+void ExpectNullOrShortBufferLines(const AceLogCapture& log) {
+  EXPECT_THAT(
+      log.lines(),
+      ElementsAre(
+          AceError(AtFileLine(Escape(",Function=CTLVPackageV3::verifyMsgHead: pBuf is null or uiBufSize equal zero!"))),
+          AceError("invalid MSG header!")));
+}
+
 CTLVRecordV3* NewRecord(unsigned long long id) { return new CTLVRecordV3(id, 32); }
 
 unsigned int Cast(const CTLVCell& cell) { return CTLVCell::ValueCast<unsigned int>()(&cell); }
@@ -122,57 +144,42 @@ TEST(DecodeTest, TwentySevenByteBufferIsRejectedWithVerifyMsgHeadText) {
   Bytes msg = Wire().head(0).bytes();
   CTLVPackage pkg;
   EXPECT_EQ(pkg.decode(msg.data(), 27), 0xFFFFFFFFu);
-  auto lines = log.lines();
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[0].priority, "LM_ERROR");
-  EXPECT_THAT(lines[0].text,
-              AtFileLine(Escape(",Function=CTLVPackageV3::verifyMsgHead: pBuf is null or uiBufSize equal zero!")));
-  EXPECT_EQ(lines[1].priority, "LM_ERROR");
-  EXPECT_EQ(lines[1].text, "invalid MSG header!");
+  ExpectNullOrShortBufferLines(log);
 }
 
 TEST(DecodeTest, NullBufferIsRejectedWithVerifyMsgHeadText) {
   AceLogCapture log;
   CTLVPackage pkg;
   EXPECT_EQ(pkg.decode(nullptr, 100), 0xFFFFFFFFu);
-  auto texts = log.texts();
-  ASSERT_EQ(texts.size(), 2u);
-  EXPECT_THAT(texts[0],
-              AtFileLine(Escape(",Function=CTLVPackageV3::verifyMsgHead: pBuf is null or uiBufSize equal zero!")));
-  EXPECT_EQ(texts[1], "invalid MSG header!");
+  ExpectNullOrShortBufferLines(log);
 }
 
-TEST(DecodeTest, VersionTwoIsAnInvalidHeader) {
+// A message whose header decode refuses with the one line "invalid MSG header!".
+struct BadHeader {
+  const char* name;
+  Bytes msg;
+};
+
+void PrintTo(const BadHeader& header, std::ostream* os) { *os << header.name; }
+
+class InvalidHeaderTest : public ::testing::TestWithParam<BadHeader> {};
+
+TEST_P(InvalidHeaderTest, IsRejectedWithTheInvalidHeaderLine) {
   AceLogCapture log;
-  Bytes msg = Wire().head(0, 0x55555555, 2).bytes();
+  Bytes msg = GetParam().msg;
   CTLVPackage pkg;
   EXPECT_EQ(pkg.decode(msg.data(), msg.size()), 0xFFFFFFFFu);
-  EXPECT_THAT(log.texts(), ElementsAre("invalid MSG header!"));
+  EXPECT_THAT(log.lines(), ElementsAre(AceError("invalid MSG header!")));
 }
 
-TEST(DecodeTest, WrongMagicIsAnInvalidHeader) {
-  AceLogCapture log;
-  Bytes msg = Wire().head(0, 0x55555554, 3).bytes();
-  CTLVPackage pkg;
-  EXPECT_EQ(pkg.decode(msg.data(), msg.size()), 0xFFFFFFFFu);
-  EXPECT_THAT(log.texts(), ElementsAre("invalid MSG header!"));
-}
-
-TEST(DecodeTest, DataLenBeyondTheBufferIsAnInvalidHeader) {
-  AceLogCapture log;
-  Bytes msg = Wire().head(11).u64(1).u16(0).bytes();  // 10 body bytes, dataLen says 11
-  CTLVPackage pkg;
-  EXPECT_EQ(pkg.decode(msg.data(), msg.size()), 0xFFFFFFFFu);
-  EXPECT_THAT(log.texts(), ElementsAre("invalid MSG header!"));
-}
-
-TEST(DecodeTest, HugeDataLenDoesNotWrapAround) {
-  AceLogCapture log;
-  Bytes msg = Wire().head(0xFFFFFFF0u).zeros(40).bytes();
-  CTLVPackage pkg;
-  EXPECT_EQ(pkg.decode(msg.data(), msg.size()), 0xFFFFFFFFu);
-  EXPECT_THAT(log.texts(), ElementsAre("invalid MSG header!"));
-}
+INSTANTIATE_TEST_SUITE_P(DecodeTest, InvalidHeaderTest,
+                         ::testing::Values(BadHeader{"VersionTwo", Wire().head(0, 0x55555555, 2).bytes()},
+                                           BadHeader{"WrongMagic", Wire().head(0, 0x55555554, 3).bytes()},
+                                           // 10 body bytes, dataLen says 11
+                                           BadHeader{"DataLenBeyondTheBuffer", Wire().head(11).u64(1).u16(0).bytes()},
+                                           // dataLen + 28 must not wrap around
+                                           BadHeader{"HugeDataLen", Wire().head(0xFFFFFFF0u).zeros(40).bytes()}),
+                         [](const ::testing::TestParamInfo<BadHeader>& info) { return std::string(info.param.name); });
 
 TEST(DecodeTest, BodyOfOneToNineBytesIsRejectedAtParsingPos28) {
   for (unsigned n = 1; n <= 9; ++n) {
@@ -180,10 +187,10 @@ TEST(DecodeTest, BodyOfOneToNineBytesIsRejectedAtParsingPos28) {
     Bytes msg = Wire().head(n).zeros(n).bytes();
     CTLVPackage pkg;
     EXPECT_EQ(pkg.decode(msg.data(), msg.size()), 0xFFFFFFFFu) << n;
-    auto texts = log.texts();
-    ASSERT_EQ(texts.size(), 1u) << n;
-    EXPECT_THAT(texts[0], AtFileLine(Escape(": MIN_RECORD_SIZE(10) > uiRemainLen, buf size=" + std::to_string(28 + n) +
-                                            ", parsing pos=28")));
+    auto lines = log.lines();
+    ASSERT_EQ(lines.size(), 1u) << n;
+    EXPECT_THAT(lines[0], AceError(AtFileLine(Escape(": MIN_RECORD_SIZE(10) > uiRemainLen, buf size=" +
+                                                     std::to_string(28 + n) + ", parsing pos=28"))));
   }
 }
 
@@ -193,8 +200,9 @@ TEST(DecodeTest, ShortRemainderAfterARecordIsRejectedAtItsPosition) {
   CTLVPackage pkg;
   EXPECT_EQ(pkg.decode(msg.data(), msg.size()), 0xFFFFFFFFu);
   EXPECT_EQ(pkg.size(), 0u);
-  EXPECT_THAT(log.texts(),
-              ElementsAre(AtFileLine(Escape(": MIN_RECORD_SIZE(10) > uiRemainLen, buf size=41, parsing pos=38"))));
+  EXPECT_THAT(
+      log.lines(),
+      ElementsAre(AceError(AtFileLine(Escape(": MIN_RECORD_SIZE(10) > uiRemainLen, buf size=41, parsing pos=38")))));
 }
 
 TEST(DecodeTest, RecordWithZeroLengthDecodesToOneEmptyRecord) {
@@ -215,14 +223,12 @@ TEST(DecodeTest, RecordLength65526OrMoreIsNeverAccepted) {
     Bytes msg = Message(body);
     CTLVPackage pkg;
     EXPECT_EQ(pkg.decode(msg.data(), msg.size()), 0xFFFFFFFFu) << len;
-    auto texts = log.texts();
-    ASSERT_EQ(texts.size(), 2u) << len;
-    EXPECT_THAT(texts[0], AtFileLine(Escape(std::string(kGetRecordFn) +
-                                            " : data length is too long, ((sDataLen + pos) > usRecordLen + "
-                                            "MIN_RECORD_SIZE) ->" +
-                                            std::to_string(len - 4) + "+14 > " + std::to_string(len) + "+10")));
-    EXPECT_THAT(texts[1], AtFileLine(Escape(" : it failed to parse record, buf size=" + std::to_string(msg.size()) +
-                                            ", parsing pos=28")));
+    auto lines = log.lines();
+    ASSERT_EQ(lines.size(), 2u) << len;
+    EXPECT_THAT(lines[0], GetRecordError(" : data length is too long, ((sDataLen + pos) > usRecordLen + "
+                                         "MIN_RECORD_SIZE) ->" +
+                                         std::to_string(len - 4) + "+14 > " + std::to_string(len) + "+10"));
+    EXPECT_THAT(lines[1], ParseFailure(msg.size(), 28));
   }
 }
 
@@ -251,12 +257,11 @@ TEST(DecodeTest, CellHeaderNearThe64KiBMarkIsRejectedNotWrapped) {
     CTLVPackage pkg;
     EXPECT_EQ(pkg.decode(msg.data(), msg.size()), 0xFFFFFFFFu) << len;
     EXPECT_EQ(pkg.size(), 0u);
-    auto texts = log.texts();
-    ASSERT_EQ(texts.size(), 2u) << len;
-    EXPECT_THAT(texts[0], AtFileLine(Escape(std::string(kGetRecordFn) +
-                                            " : data length is too long, ((sDataLen + pos) > usRecordLen + "
-                                            "MIN_RECORD_SIZE) ->" +
-                                            std::to_string(len) + "+65536 > 65525+10")));
+    auto lines = log.lines();
+    ASSERT_EQ(lines.size(), 2u) << len;
+    EXPECT_THAT(lines[0], GetRecordError(" : data length is too long, ((sDataLen + pos) > usRecordLen + "
+                                         "MIN_RECORD_SIZE) ->" +
+                                         std::to_string(len) + "+65536 > 65525+10"));
   }
 }
 
@@ -276,10 +281,10 @@ TEST(DecodeTest, TypeNibbleTenIsRejectedAsDataTypeUnmated) {
   Bytes msg = Message(body);
   CTLVPackage pkg;
   EXPECT_EQ(pkg.decode(msg.data(), msg.size()), 0xFFFFFFFFu);
-  auto texts = log.texts();
-  ASSERT_EQ(texts.size(), 2u);
-  EXPECT_THAT(texts[0], AtFileLine(Escape(std::string(kGetRecordFn) + " : data type unmated, received type is 10")));
-  EXPECT_THAT(texts[1], AtFileLine(Escape(" : it failed to parse record, buf size=46, parsing pos=28")));
+  auto lines = log.lines();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_THAT(lines[0], GetRecordError(" : data type unmated, received type is 10"));
+  EXPECT_THAT(lines[1], ParseFailure(46, 28));
 }
 
 TEST(DecodeTest, TypeNibbleTenInTheLastTwoBytesOfARecordIsDroppedAndTheRecordKept) {
@@ -293,8 +298,8 @@ TEST(DecodeTest, TypeNibbleTenInTheLastTwoBytesOfARecordIsDroppedAndTheRecordKep
   ASSERT_EQ(pkg.size(), 2u);
   ASSERT_EQ(pkg[0]->cellCount(), 1u);
   EXPECT_EQ(Cast(*(*pkg[0])[1]), 77u);
-  EXPECT_THAT(log.texts(),
-              ElementsAre(AtFileLine(Escape(std::string(kGetRecordFn) + " : data type unmated, received type is 10"))));
+  EXPECT_THAT(log.lines(), ElementsAre(AceError(AtFileLine(
+                               Escape(std::string(kGetRecordFn) + " : data type unmated, received type is 10")))));
 }
 
 TEST(DecodeTest, TypeNineIsAccepted) {
@@ -309,12 +314,27 @@ TEST(DecodeTest, RecordLongerThanTheRemainderIsRejected) {
   Bytes msg = Message(Wire().u64(5).u16(8).u32(0).bytes());  // says 8, has 4
   CTLVPackage pkg;
   EXPECT_EQ(pkg.decode(msg.data(), msg.size()), 0xFFFFFFFFu);
-  auto texts = log.texts();
-  ASSERT_EQ(texts.size(), 2u);
-  EXPECT_THAT(texts[0], AtFileLine(Escape(std::string(kGetRecordFn) +
-                                          " : record length is too long, (usRecordLen +  MIN_RECORD_SIZE) > "
-                                          "uiBufSize ->8+10 < 14")));
-  EXPECT_THAT(texts[1], AtFileLine(Escape(" : it failed to parse record, buf size=42, parsing pos=28")));
+  auto lines = log.lines();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_THAT(lines[0], GetRecordError(" : record length is too long, (usRecordLen +  MIN_RECORD_SIZE) > "
+                                       "uiBufSize ->8+10 < 14"));
+  EXPECT_THAT(lines[1], ParseFailure(42, 28));
+}
+
+TEST(DecodeTest, FailureAtTheThirdRecordLogsItsOwnPositionAndDropsTheRecordsDecodedBefore) {
+  AceLogCapture log;
+  CTLVPackage pkg;
+  // Two empty records of 10 bytes each, then one that says 8 bytes of cells
+  // and has 4: it starts at 28 + 20 = 48 in a 62-byte message.
+  Bytes msg = Message(Wire().u64(1).u16(0).u64(2).u16(0).u64(3).u16(8).u32(0).bytes());
+  ASSERT_EQ(msg.size(), 62u);
+  EXPECT_EQ(pkg.decode(msg.data(), msg.size()), 0xFFFFFFFFu);
+  EXPECT_EQ(pkg.size(), 0u);
+  EXPECT_TRUE(pkg.empty());
+  EXPECT_EQ(pkg.head().dataLen, 0u);
+  EXPECT_THAT(log.lines(), ElementsAre(GetRecordError(" : record length is too long, (usRecordLen +  "
+                                                      "MIN_RECORD_SIZE) > uiBufSize ->8+10 < 14"),
+                                       ParseFailure(62, 48)));
 }
 
 TEST(DecodeTest, CellLongerThanItsRecordIsRejected) {
@@ -322,11 +342,10 @@ TEST(DecodeTest, CellLongerThanItsRecordIsRejected) {
   Bytes msg = Message(Wire().u64(5).u16(6).u16(0x0012).u16(3).u16(0).u64(0).u16(0).bytes());
   CTLVPackage pkg;
   EXPECT_EQ(pkg.decode(msg.data(), msg.size()), 0xFFFFFFFFu);
-  auto texts = log.texts();
-  ASSERT_EQ(texts.size(), 2u);
-  EXPECT_THAT(texts[0], AtFileLine(Escape(std::string(kGetRecordFn) +
-                                          " : data length is too long, ((sDataLen + pos) > usRecordLen + "
-                                          "MIN_RECORD_SIZE) ->3+14 > 6+10")));
+  auto lines = log.lines();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_THAT(lines[0], GetRecordError(" : data length is too long, ((sDataLen + pos) > usRecordLen + "
+                                       "MIN_RECORD_SIZE) ->3+14 > 6+10"));
 }
 
 TEST(DecodeTest, CellHeaderCutByTheEndOfTheBufferIsRejected) {
@@ -338,8 +357,9 @@ TEST(DecodeTest, CellHeaderCutByTheEndOfTheBufferIsRejected) {
   CTLVRecordV3* record = reinterpret_cast<CTLVRecordV3*>(0x1);
   EXPECT_EQ(pkg.getRecord(rec.data(), rec.size(), record), 0u);
   EXPECT_EQ(record, nullptr);
-  EXPECT_THAT(log.texts(), ElementsAre(AtFileLine(Escape(std::string(kGetRecordFn) +
-                                                         " : (MIN_TLV_SIZE > uiBufSize - pos) ->4 < uiBufSize - 14"))));
+  EXPECT_THAT(log.lines(),
+              ElementsAre(AceError(AtFileLine(
+                  Escape(std::string(kGetRecordFn) + " : (MIN_TLV_SIZE > uiBufSize - pos) ->4 < uiBufSize - 14")))));
 }
 
 TEST(DecodeTest, GetRecordReturnsTheRecordSizeOnTheWire) {
@@ -431,7 +451,7 @@ TEST(EncodeTest, EncodeIntoA27ByteBufferFails) {
   unsigned char buf[27];
   std::memset(buf, 0xCC, sizeof buf);
   EXPECT_EQ(pkg.encode(buf, 27), 0xFFFFFFFFu);
-  EXPECT_THAT(log.texts(), ElementsAre("buf size is less than data size! buf size=27, data size=28!"));
+  EXPECT_THAT(log.lines(), ElementsAre(AceError("buf size is less than data size! buf size=27, data size=28!")));
   for (unsigned char c : buf) EXPECT_EQ(c, 0xCC);
 }
 
@@ -441,8 +461,7 @@ TEST(EncodeTest, EncodeIntoANullBufferFails) {
   EXPECT_EQ(pkg.encode(nullptr, 100), 0xFFFFFFFFu);
   auto lines = log.lines();
   ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].priority, "LM_ERROR");
-  EXPECT_EQ(lines[0].text, "buf pointer is null!");
+  EXPECT_THAT(lines[0], AceError("buf pointer is null!"));
 }
 
 TEST(EncodeTest, WritesLittleEndianRecordsAndCellsByteForByte) {

@@ -17,10 +17,12 @@ class AceLogCapture::Backend : public ACE_Log_Msg_Backend {
   ssize_t log(ACE_Log_Record& record) override {
     std::lock_guard<std::mutex> lock(mu);
     lines.push_back(record.msg_data());
+    priorities.push_back(ACE_Log_Record::priority_name(static_cast<ACE_Log_Priority>(record.type())));
     return 0;
   }
   std::mutex mu;
   std::vector<std::string> lines;
+  std::vector<std::string> priorities;  // of each line, as ACE recorded it
 };
 
 AceLogCapture::AceLogCapture() : backend_(new Backend) {
@@ -41,14 +43,18 @@ AceLogCapture::~AceLogCapture() {
 std::vector<AceLine> AceLogCapture::lines() const {
   static const std::regex kPrefix("^(.*?) (LM_[A-Z]+) \\(\\d+\\) ([\\s\\S]*?)\\n?$");
   std::vector<std::string> raw;
+  std::vector<std::string> priorities;
   {
     std::lock_guard<std::mutex> lock(backend_->mu);
     raw = backend_->lines;
+    priorities = backend_->priorities;
   }
   std::vector<AceLine> out;
-  for (const std::string& r : raw) {
+  for (size_t i = 0; i < raw.size(); ++i) {
+    const std::string& r = raw[i];
     AceLine line;
     line.raw = r;
+    line.recordPriority = priorities[i];
     std::smatch m;
     if (std::regex_match(r, m, kPrefix)) {
       line.priority = m[2];
@@ -70,6 +76,17 @@ std::vector<std::string> AceLogCapture::texts() const {
 void AceLogCapture::clear() {
   std::lock_guard<std::mutex> lock(backend_->mu);
   backend_->lines.clear();
+  backend_->priorities.clear();
+}
+
+void PrintTo(const AceLine& line, std::ostream* os) {
+  *os << "{record priority " << line.recordPriority << ", text priority " << line.priority << ", text \"" << line.text
+      << "\"}";
+}
+
+::testing::Matcher<const AceLine&> AceError(const ::testing::Matcher<std::string>& text) {
+  return ::testing::AllOf(::testing::Field(&AceLine::recordPriority, "LM_ERROR"),
+                          ::testing::Field(&AceLine::priority, "LM_ERROR"), ::testing::Field(&AceLine::text, text));
 }
 
 }  // namespace zerva_test

@@ -2,7 +2,10 @@
 #ifndef ZERVA_TESTS_SUPPORT_ACE_LOG_CAPTURE_H_
 #define ZERVA_TESTS_SUPPORT_ACE_LOG_CAPTURE_H_
 
+#include <gmock/gmock.h>
+
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -10,10 +13,17 @@ namespace zerva_test {
 
 // One captured line, split at the "%D %M (%t) " prefix.
 struct AceLine {
-  std::string raw;       // the whole formatted text, as logged
-  std::string priority;  // "LM_ERROR", ... ("" when the prefix is absent)
-  std::string text;      // what follows "(<thread id>) ", without the final newline
+  std::string raw;             // the whole formatted text, as logged
+  std::string priority;        // "LM_ERROR", ... ("" when the prefix is absent)
+  std::string text;            // what follows "(<thread id>) ", without the final newline
+  std::string recordPriority;  // the priority the line was logged at (ACE_Log_Record::type()), "LM_ERROR", ...
 };
+
+void PrintTo(const AceLine& line, std::ostream* os);
+
+// Matches a line logged at LM_ERROR (the record's priority, and the name its
+// "%M" prefix writes) whose text matches text (a string or a string matcher).
+::testing::Matcher<const AceLine&> AceError(const ::testing::Matcher<std::string>& text);
 
 // While alive, routes ACE logging to memory (and away from stderr).
 class AceLogCapture {

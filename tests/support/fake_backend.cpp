@@ -56,6 +56,19 @@ CTLVRecordV3* Rec::build() const {
   return record.release();
 }
 
+std::unique_ptr<CTLVPackage> Rec::package() const {
+  std::unique_ptr<CTLVPackage> pkg(new CTLVPackage());
+  pkg->push_back(build());
+  return pkg;
+}
+
+std::vector<unsigned char> Rec::frame() const {
+  std::unique_ptr<CTLVPackage> pkg = package();
+  std::vector<unsigned char> out(TLVMsgHeadV3::SIZE + pkg->bodyLength());
+  pkg->encode(out.data(), static_cast<unsigned>(out.size()));
+  return out;
+}
+
 unsigned long long Call::id() const { return bytes.size() >= 36 ? tlv::DecodeFixed64(bytes.data() + 28) : 0; }
 
 std::unique_ptr<CTLVPackage> Call::package() const {
@@ -67,10 +80,7 @@ std::unique_ptr<CTLVPackage> Call::package() const {
 
 int FakeBackend::exchange(CTLVPackage& req, CTLVPackage& rsp, bool listing) {
   Call call;
-  unsigned char* out = nullptr;
-  unsigned int n = req.encode(out);
-  call.bytes.assign(out, out + n);
-  delete[] out;
+  call.bytes = Encode(req);
   call.listing = listing;
   Answer answer;
   {
@@ -228,6 +238,14 @@ void BackendFixture::setFeatures(std::set<int> features) {
 
 void BackendFixture::setSwitch(unsigned int state) {
   backend_->on(kGetSwitchCmd, Answer{Rec().u32(backend::kTagSwitchState, state)});
+}
+
+std::vector<unsigned char> Encode(CTLVPackage& pkg) {
+  unsigned char* out = nullptr;
+  unsigned int n = pkg.encode(out);
+  std::vector<unsigned char> bytes(out, out + n);
+  delete[] out;
+  return bytes;
 }
 
 std::string CellText(const CTLVCell& cell) {

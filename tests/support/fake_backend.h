@@ -23,7 +23,8 @@
 
 namespace zerva_test {
 
-// Builds a record cell by cell, for answers and for expected packages.
+// Builds a record cell by cell: answers of the fake back end, expected
+// packages, and requests sent to the simulator.
 class Rec {
  public:
   explicit Rec(unsigned long long id = CTLVRecordV3::RESPONSE_ID) : id_(id) {}
@@ -43,6 +44,10 @@ class Rec {
   Rec& cell(unsigned short tag, unsigned type, const std::vector<unsigned char>& value);
   // A new record with these cells.
   CTLVRecordV3* build() const;
+  // A new package holding that record alone.
+  std::unique_ptr<CTLVPackage> package() const;
+  // That package encoded: header and body, as sent on the wire.
+  std::vector<unsigned char> frame() const;
 
  private:
   struct Cell {
@@ -149,6 +154,9 @@ class BackendFixture {
   std::shared_ptr<ISnmpBackendTransport> previousTransport_;
   std::shared_ptr<ISnmpCapabilitySource> previousSource_;
 };
+
+// The package encoded by CTLVPackage::encode(unsigned char*&).
+std::vector<unsigned char> Encode(CTLVPackage& pkg);
 
 // Text of one cell as the tests compare it: "tag/type/len/value" where the
 // value is the ValueCast number for numeric cells of up to 4 bytes, the

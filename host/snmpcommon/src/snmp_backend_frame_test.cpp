@@ -62,6 +62,7 @@ void operator delete[](void* p, const std::nothrow_t&) noexcept { free(p); }
 
 namespace {
 
+using zerva_test::Encode;
 using zerva_test::PackageText;
 using zerva_test::Rec;
 
@@ -92,14 +93,6 @@ struct SocketPair {
     }
   }
 };
-
-Bytes Encode(CTLVPackage& pkg) {
-  unsigned char* out = nullptr;
-  unsigned int n = pkg.encode(out);
-  Bytes bytes(out, out + n);
-  delete[] out;
-  return bytes;
-}
 
 // A frame with three records of assorted cells.
 Bytes SampleFrame() {

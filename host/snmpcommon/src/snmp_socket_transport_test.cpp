@@ -31,6 +31,7 @@
 
 namespace {
 
+using zerva_test::Encode;
 using zerva_test::KitLogCapture;
 using zerva_test::PackageText;
 using zerva_test::Rec;
@@ -40,14 +41,6 @@ typedef std::chrono::milliseconds Ms;
 
 // Every wait in these tests gives up after this long.
 const Ms kBound(4000);
-
-Bytes Encode(CTLVPackage& pkg) {
-  unsigned char* out = nullptr;
-  unsigned int n = pkg.encode(out);
-  Bytes bytes(out, out + n);
-  delete[] out;
-  return bytes;
-}
 
 // A one-shot flag that threads wait on, never longer than kBound.
 class Gate {

@@ -207,6 +207,16 @@ class TestServer {
   std::vector<std::thread> connThreads_;
 };
 
+// Answers each request with the next of codes as its result (from the first
+// again after the last; the count is shared by all connections) and with rec.
+TestServer::Handler AnswersCodesInTurn(const std::vector<uint32_t>& codes, const Rec& rec) {
+  auto next = std::make_shared<std::atomic<size_t>>(0);
+  return [codes, rec, next](Conn& c) {
+    CTLVPackage req;
+    while (c.read(req)) c.answer(codes[(*next)++ % codes.size()], {rec});
+  };
+}
+
 class SocketTransportTest : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_FALSE(dir_.path().empty()); }
@@ -286,12 +296,8 @@ TEST_F(SocketTransportTest, CarriesARequestAndItsAnswerOverTcpLoopback) {
 }
 
 TEST_F(SocketTransportTest, BackEndResultCodesPassThroughUnchanged) {
-  const uint32_t codes[] = {1077949460u, 0xFFFFFFFFu, 0x4E53FFFFu, 0x4E540100u, 1u};
-  std::atomic<size_t> next{0};
-  auto server = TestServer::Unix(socketPath(), [&](Conn& c) {
-    CTLVPackage req;
-    while (c.read(req)) c.answer(codes[next++ % 5], {Rec().u32(0, 9)});
-  });
+  const std::vector<uint32_t> codes = {1077949460u, 0xFFFFFFFFu, 0x4E53FFFFu, 0x4E540100u, 1u};
+  auto server = TestServer::Unix(socketPath(), AnswersCodesInTurn(codes, Rec().u32(0, 9)));
   ASSERT_TRUE(server);
   KitLogCapture log;
   CSnmpSocketTransport t(Options(server->address()));
@@ -306,12 +312,8 @@ TEST_F(SocketTransportTest, BackEndResultCodesPassThroughUnchanged) {
 }
 
 TEST_F(SocketTransportTest, ReservedCodeFromTheBackEndIsABadFrame) {
-  const uint32_t reserved[] = {0x4E540000u, 0x4E540003u, 0x4E5400FFu};
-  std::atomic<size_t> next{0};
-  auto server = TestServer::Unix(socketPath(), [&](Conn& c) {
-    CTLVPackage req;
-    while (c.read(req)) c.answer(reserved[next++ % 3], {Rec().u32(0, 1)});
-  });
+  const std::vector<uint32_t> reserved = {0x4E540000u, 0x4E540003u, 0x4E5400FFu};
+  auto server = TestServer::Unix(socketPath(), AnswersCodesInTurn(reserved, Rec().u32(0, 1)));
   ASSERT_TRUE(server);
   KitLogCapture log;
   CSnmpSocketTransport t(Options(server->address()));

@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "performance/snmp_zerva_performance_cache_handler.h"
 #include "performance/snmp_zerva_performance_controllerNFSV3_handler.h"
@@ -66,6 +68,24 @@ class EndToEndTest : public ::testing::Test {
     return v;
   }
 
+  // Expects the cells of row at these columns to hold, in order, the ground
+  // truth of these items of the object.
+  void ExpectTruth(const CTLVRecordV3& row, const std::vector<unsigned short>& columns, uint32_t type,
+                   const std::string& id, const std::vector<uint32_t>& items) {
+    const std::vector<uint32_t> v = Truth(type, id, items);
+    ASSERT_EQ(v.size(), columns.size()) << type << ":" << id;
+    for (size_t c = 0; c < columns.size(); ++c) {
+      EXPECT_EQ(U(row, columns[c]), v[c]) << type << ":" << id << " column " << columns[c];
+    }
+  }
+
+  // Columns 2, 3, ... of a row, one for each of these items.
+  static std::vector<unsigned short> ColumnsFrom2(const std::vector<uint32_t>& items) {
+    std::vector<unsigned short> columns;
+    for (size_t c = 0; c < items.size(); ++c) columns.push_back(static_cast<unsigned short>(c + 2));
+    return columns;
+  }
+
   zerva_test::TempDir dir_;
   std::unique_ptr<ArraySimServer> server_;
   std::shared_ptr<CSnmpSocketTransport> transport_;
@@ -99,9 +119,7 @@ TEST_F(EndToEndTest, PortRowsEqualTheGroundTruth) {
   for (size_t i = 0; i < expected.size(); ++i) {
     const CTLVRecordV3& row = *rsp[i];
     EXPECT_EQ(U(row, 1), expected[i]->id);
-    const std::vector<uint32_t> v = Truth(expected[i]->type, std::to_string(expected[i]->id), items);
-    for (unsigned short c = 0; c < 9; ++c)
-      EXPECT_EQ(U(row, c + 2), v[c]) << "port " << expected[i]->id << " col " << c + 2;
+    ExpectTruth(row, ColumnsFrom2(items), expected[i]->type, std::to_string(expected[i]->id), items);
     EXPECT_EQ(row[11]->toString(), expected[i]->name);
   }
 }
@@ -113,21 +131,15 @@ TEST_F(EndToEndTest, CacheAndNodeRowsEqualTheGroundTruth) {
   const auto& ctrls = server_->array().topology().controllers;
   ASSERT_EQ(rsp.size(), ctrls.size());
   for (size_t i = 0; i < ctrls.size(); ++i) {
-    const std::vector<uint32_t> v = Truth(207, ctrls[i], {110, 120, 303});
     EXPECT_EQ(U(*rsp[i], 1), CSnmpCommUtil::ParseCtrlNodeID(ctrls[i]));
-    EXPECT_EQ(U(*rsp[i], 2), v[0]);
-    EXPECT_EQ(U(*rsp[i], 3), v[1]);
-    EXPECT_EQ(U(*rsp[i], 5), v[2]);
+    ExpectTruth(*rsp[i], {2, 3, 5}, 207, ctrls[i], {110, 120, 303});
   }
   CPerformanceNodeHandler node;
   CTLVPackage nodes;
   ASSERT_EQ(node.OnQueryTable(ctx_, req_, nodes), 0);
   ASSERT_EQ(nodes.size(), ctrls.size());
   const std::vector<uint32_t> items = {68, 69, 78, 22, 25, 28, 21, 23, 26, 475, 476};
-  for (size_t i = 0; i < ctrls.size(); ++i) {
-    const std::vector<uint32_t> v = Truth(207, ctrls[i], items);
-    for (unsigned short c = 0; c < items.size(); ++c) EXPECT_EQ(U(*nodes[i], c + 2), v[c]);
-  }
+  for (size_t i = 0; i < ctrls.size(); ++i) ExpectTruth(*nodes[i], ColumnsFrom2(items), 207, ctrls[i], items);
 }
 
 TEST_F(EndToEndTest, NfsRowsEqualTheGroundTruth) {
@@ -137,10 +149,8 @@ TEST_F(EndToEndTest, NfsRowsEqualTheGroundTruth) {
   const auto& ctrls = server_->array().topology().controllers;
   ASSERT_EQ(rsp.size(), ctrls.size());
   for (size_t i = 0; i < ctrls.size(); ++i) {
-    const std::vector<uint32_t> v = Truth(1000, ctrls[i], {182, 439});
     EXPECT_EQ((*rsp[i])[1]->toString(), ctrls[i]);
-    EXPECT_EQ(U(*rsp[i], 2), v[0]);
-    EXPECT_EQ(U(*rsp[i], 3), v[1]);
+    ExpectTruth(*rsp[i], {2, 3}, 1000, ctrls[i], {182, 439});
   }
 }
 
@@ -174,8 +184,7 @@ TEST_F(EndToEndTest, FileSystemWalkReturnsEveryFileSystem) {
   const std::vector<uint32_t> items = {182, 523, 232, 23, 524, 525, 233, 26};
   for (size_t i = 0; i < fs.size(); ++i) {
     EXPECT_EQ((*rsp[i])[1]->toString(), std::to_string(fs[i]));
-    const std::vector<uint32_t> v = Truth(40, std::to_string(fs[i]), items);
-    for (unsigned short c = 0; c < 8; ++c) EXPECT_EQ(U(*rsp[i], c + 2), v[c]);
+    ExpectTruth(*rsp[i], ColumnsFrom2(items), 40, std::to_string(fs[i]), items);
   }
   EXPECT_GT(server_->commandCounts().at(kSortedListingCmd), 0u);
 }

@@ -558,26 +558,27 @@ TEST(EncodeTest, EncodeThenDecodeReproducesRecordsCellsAndHeader) {
 
 // ---------------------------------------------------------------- access
 
+// The text of the CVEM_Exception that f throws, or "no exception".
+template <typename F>
+std::string ThrownText(F f) {
+  try {
+    f();
+  } catch (const CVEM_Exception& e) {
+    return e.what();
+  }
+  return "no exception";
+}
+
 TEST(PackageTest, IndexOnAnEmptyPackageThrows) {
   CTLVPackage pkg;
-  try {
-    pkg[0];
-    FAIL() << "no exception";
-  } catch (const CVEM_Exception& e) {
-    EXPECT_STREQ(e.what(), "CVEM_Exception: record don't exist, index is 0");
-  }
+  EXPECT_EQ(ThrownText([&] { pkg[0]; }), "CVEM_Exception: record don't exist, index is 0");
 }
 
 TEST(PackageTest, IndexPastTheEndNamesTheIndex) {
   CTLVPackage pkg;
   pkg.push_back(NewRecord(1));
   EXPECT_EQ(pkg[0]->id(), 1u);
-  try {
-    pkg[1];
-    FAIL() << "no exception";
-  } catch (const CVEM_Exception& e) {
-    EXPECT_STREQ(e.what(), "CVEM_Exception: record don't exist, index is 1");
-  }
+  EXPECT_EQ(ThrownText([&] { pkg[1]; }), "CVEM_Exception: record don't exist, index is 1");
 }
 
 TEST(PackageTest, ClearDestroysRecordsAndKeepsTheHeader) {
@@ -613,12 +614,8 @@ TEST(CellTest, DefaultCellHasTag4094TypeZeroAndNoValue) {
   EXPECT_EQ(cell.type(), 0);
   EXPECT_EQ(cell.length(), 0);
   EXPECT_EQ(cell.value(), nullptr);
-  try {
-    cell.checkNumerical();
-    FAIL() << "no exception";
-  } catch (const CVEM_Exception& e) {
-    EXPECT_STREQ(e.what(), "CVEM_Exception: CTLVCell isn't numerical type! tag equal to 4094");
-  }
+  EXPECT_EQ(ThrownText([&] { cell.checkNumerical(); }),
+            "CVEM_Exception: CTLVCell isn't numerical type! tag equal to 4094");
 }
 
 TEST(CellTest, OneByteSignedFFCastsToAllOnesAndUnsignedTo255) {
@@ -646,12 +643,8 @@ TEST(CellTest, EmptyCellCastsToZero) { EXPECT_EQ(Cast(*RawCell(3, 1, {})), 0u); 
 TEST(CellTest, StringCellPassesCheckStringAndFailsCheckNumerical) {
   auto cell = RawCell(2, 12, {'a', 0});
   EXPECT_NO_THROW(cell->checkString());
-  try {
-    cell->checkNumerical();
-    FAIL() << "no exception";
-  } catch (const CVEM_Exception& e) {
-    EXPECT_STREQ(e.what(), "CVEM_Exception: CTLVCell isn't numerical type! tag equal to 12");
-  }
+  EXPECT_EQ(ThrownText([&] { cell->checkNumerical(); }),
+            "CVEM_Exception: CTLVCell isn't numerical type! tag equal to 12");
 }
 
 TEST(CellTest, TypesThreeFourSixAndNineAreNumerical) {
@@ -664,12 +657,10 @@ TEST(CellTest, TypesThreeFourSixAndNineAreNumerical) {
 }
 
 TEST(CellTest, NumericCellFailsCheckStringWithItsTag) {
-  try {
-    RawCell(3, 64, {1, 0, 0, 0})->checkString();
-    FAIL() << "no exception";
-  } catch (const CVEM_Exception& e) {
-    EXPECT_STREQ(e.what(), "CVEM_Exception: CTLVCell isn't string type! tag equal to 64");
-  }
+  EXPECT_EQ(ThrownText([&] {
+              RawCell(3, 64, {1, 0, 0, 0})->checkString();
+            }),
+            "CVEM_Exception: CTLVCell isn't string type! tag equal to 64");
 }
 
 TEST(CellTest, SetCellTakesTypeAndTagFromTheTagWord) {
@@ -800,12 +791,7 @@ TEST(RecordTest, AppendIndexesCellsByTagAndLengthCountsThem) {
 
 TEST(RecordTest, MissingTagThrows) {
   CTLVRecordV3 r(9, 32);
-  try {
-    r[7];
-    FAIL() << "no exception";
-  } catch (const CVEM_Exception& e) {
-    EXPECT_STREQ(e.what(), "CVEM_Exception: cell don't exist, tag is 7");
-  }
+  EXPECT_EQ(ThrownText([&] { r[7]; }), "CVEM_Exception: cell don't exist, tag is 7");
 }
 
 TEST(RecordTest, TheFirstCellOfARepeatedTagIsTheIndexedOne) {
@@ -844,12 +830,7 @@ TEST(IteratorTest, IteratorOverAnEmptyPackageIsAtEndAndCheckRecordThrows) {
   CTLVRecordIterator it(&pkg);
   EXPECT_TRUE(it.isEnd());
   EXPECT_EQ(it.index(), 0xFFFFFFFFu);
-  try {
-    it.checkRecord();
-    FAIL() << "no exception";
-  } catch (const CVEM_Exception& e) {
-    EXPECT_STREQ(e.what(), "CVEM_Exception: record don't exist, index is 4294967295");
-  }
+  EXPECT_EQ(ThrownText([&] { it.checkRecord(); }), "CVEM_Exception: record don't exist, index is 4294967295");
 }
 
 TEST(IteratorTest, WalksEveryRecordThenEnds) {

@@ -151,9 +151,18 @@ TEST(AgentProcessConfigTest, UnknownTokenIsAnError) {
   ExpectConfigRefused("zervaNoSuchToken 1\n", {"zervaNoSuchToken"});
 }
 
+// Runs the agent with this command-line option and returns what it writes
+// to stderr (its stdout thrown away), or to stdout (its stderr thrown away);
+// *rc is its exit code.
+enum class Stream { kStdout, kStderr };
+std::string RunAgentWithOption(const std::string& option, Stream stream, int* rc) {
+  const std::string redirect = stream == Stream::kStderr ? " 2>&1 >/dev/null" : " 2>/dev/null";
+  return RunShell("{ " + AgentUnderTest::Program() + " " + option + redirect + "; }", rc);
+}
+
 TEST(AgentProcessConfigTest, UnknownOptionIsNamedOnStderr) {
   int rc = 0;
-  const std::string err = RunShell("{ " + AgentUnderTest::Program() + " --bogus 2>&1 >/dev/null; }", &rc);
+  const std::string err = RunAgentWithOption("--bogus", Stream::kStderr, &rc);
   EXPECT_EQ(2, rc);
   EXPECT_EQ(0u, err.find("zerva-snmp-agent: unknown option '--bogus'\n")) << err;
   EXPECT_NE(std::string::npos, err.find("usage:")) << err;
@@ -161,7 +170,7 @@ TEST(AgentProcessConfigTest, UnknownOptionIsNamedOnStderr) {
 
 TEST(AgentProcessConfigTest, HelpPrintsTheUsageOnStdout) {
   int rc = 0;
-  const std::string out = RunShell("{ " + AgentUnderTest::Program() + " --help 2>/dev/null; }", &rc);
+  const std::string out = RunAgentWithOption("--help", Stream::kStdout, &rc);
   EXPECT_EQ(0, rc);
   EXPECT_EQ(0u, out.find("usage: ")) << out;
   EXPECT_NE(std::string::npos, out.find("zervaBackend")) << out;
@@ -169,7 +178,7 @@ TEST(AgentProcessConfigTest, HelpPrintsTheUsageOnStdout) {
 
 TEST(AgentProcessConfigTest, VersionPrintsTheProjectVersionOnStdout) {
   int rc = 0;
-  const std::string out = RunShell("{ " + AgentUnderTest::Program() + " --version 2>/dev/null; }", &rc);
+  const std::string out = RunAgentWithOption("--version", Stream::kStdout, &rc);
   EXPECT_EQ(0, rc);
   EXPECT_EQ(std::string("zerva-snmp-agent ") + ZERVA_VERSION + "\n", out);
 }

@@ -83,6 +83,12 @@ std::string ErrorOf(const std::string& xml) {
   return error;
 }
 
+// The error text of a document whose table has the ID column and then this
+// column line (see ErrorOf).
+std::string ErrorOfColumn(const std::string& column) {
+  return ErrorOf(WithTable(Table(kTableAttrs, kIdColumn + column)));
+}
+
 TEST(MibDescriptionTest, ParsesScalarsAndTablesWithTheirColumnsSortedByNumber) {
   MibDescription mib;
   std::string error;
@@ -175,9 +181,9 @@ TEST(MibDescriptionTest, EverySyntaxNameParsesToTheSyntaxItNames) {
 }
 
 TEST(MibDescriptionTest, UnknownSyntaxIsRefusedWithFileLineAndSyntax) {
-  EXPECT_EQ(ErrorOf(WithTable(Table(kTableAttrs, kIdColumn + Column("2", "portIops", "Gauge")))),
+  EXPECT_EQ(ErrorOfColumn(Column("2", "portIops", "Gauge")),
             "test.xml: line 5: table 'portTable': <column>: unknown syntax 'Gauge'");
-  EXPECT_EQ(ErrorOf(WithTable(Table(kTableAttrs, kIdColumn + Column("2", "portIops", "gauge32")))),
+  EXPECT_EQ(ErrorOfColumn(Column("2", "portIops", "gauge32")),
             "test.xml: line 5: table 'portTable': <column>: unknown syntax 'gauge32'");
 }
 
@@ -263,23 +269,21 @@ TEST(MibDescriptionTest, TableWithoutColumnsIsRefused) {
 
 TEST(MibDescriptionTest, BadColumnNumbersAreRefused) {
   for (const std::string bad : {"0", "-1", "+2", "abc", "", "4096", "2x", " 2", "02", "99999999999"}) {
-    EXPECT_EQ(ErrorOf(WithTable(Table(kTableAttrs, kIdColumn + Column(bad, "portIops", "Gauge32")))),
+    EXPECT_EQ(ErrorOfColumn(Column(bad, "portIops", "Gauge32")),
               bad.empty()
                   ? "test.xml: line 5: table 'portTable': <column>: empty attribute 'number'"
                   : "test.xml: line 5: table 'portTable': <column>: bad column number '" + bad + "' (1 to 4095)");
   }
-  EXPECT_EQ(ErrorOf(WithTable(Table(kTableAttrs, kIdColumn + Column("4095", "portIops", "Gauge32")))), "parsed");
+  EXPECT_EQ(ErrorOfColumn(Column("4095", "portIops", "Gauge32")), "parsed");
 }
 
 TEST(MibDescriptionTest, DuplicateNamesAreRefused) {
-  EXPECT_EQ(ErrorOf(WithTable(Table(kTableAttrs, kIdColumn + Column("2", "portId", "Gauge32")))),
-            "test.xml: line 3: duplicate name 'portId'");
-  EXPECT_EQ(ErrorOf(WithTable(Table(kTableAttrs, kIdColumn + Column("2", "perfSwitch", "Gauge32")))),
-            "test.xml: line 3: duplicate name 'perfSwitch'");
+  EXPECT_EQ(ErrorOfColumn(Column("2", "portId", "Gauge32")), "test.xml: line 3: duplicate name 'portId'");
+  EXPECT_EQ(ErrorOfColumn(Column("2", "perfSwitch", "Gauge32")), "test.xml: line 3: duplicate name 'perfSwitch'");
 }
 
 TEST(MibDescriptionTest, BadNamesAreRefused) {
-  EXPECT_EQ(ErrorOf(WithTable(Table(kTableAttrs, kIdColumn + Column("2", "Port-Iops", "Gauge32")))),
+  EXPECT_EQ(ErrorOfColumn(Column("2", "Port-Iops", "Gauge32")),
             "test.xml: line 5: table 'portTable': <column>: bad name 'Port-Iops' (a lower-case letter, then letters "
             "and digits, at most 64)");
   EXPECT_EQ(
@@ -289,9 +293,9 @@ TEST(MibDescriptionTest, BadNamesAreRefused) {
 }
 
 TEST(MibDescriptionTest, TableColumnsMustBeReadOnlyAndAccessMustBeKnown) {
-  EXPECT_EQ(ErrorOf(WithTable(Table(kTableAttrs, kIdColumn + Column("2", "portIops", "Gauge32", "read-write")))),
+  EXPECT_EQ(ErrorOfColumn(Column("2", "portIops", "Gauge32", "read-write")),
             "test.xml: line 5: table 'portTable': column 2: table columns must be read-only");
-  EXPECT_EQ(ErrorOf(WithTable(Table(kTableAttrs, kIdColumn + Column("2", "portIops", "Gauge32", "write-only")))),
+  EXPECT_EQ(ErrorOfColumn(Column("2", "portIops", "Gauge32", "write-only")),
             "test.xml: line 5: table 'portTable': column 2: unknown access 'write-only' (read-only or read-write)");
   EXPECT_EQ(ErrorOf(R"(<mib module="M"><scalar prefix="1.3.1" name="s" syntax="Integer32"/></mib>)"),
             "test.xml: line 1: <scalar> 's': missing attribute 'access'");

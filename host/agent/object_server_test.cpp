@@ -230,6 +230,13 @@ class WholeTableTest : public ::testing::Test {
   std::unique_ptr<TableServer> server() {
     return std::unique_ptr<TableServer>(new TableServer(object_, &handler_, settings_, false));
   }
+  // A server over one row: index 1, count 5.
+  std::unique_ptr<TableServer> oneRowServer() {
+    handler_.rows = {Rec().u32(1, 1).u32(2, 5)};
+    return server();
+  }
+  // Reads the count of row 1.
+  static Lookup readCount(TableServer& s) { return s.get(Under(s, "1.2.1")); }
 
   MibObject object_;
   ScriptedTable handler_;
@@ -303,38 +310,35 @@ TEST_F(WholeTableTest, AWalkOverAllColumnsAsksTheHandlerOnce) {
   auto s = server();
   EXPECT_EQ(6u, Walk(*s).size());
   EXPECT_EQ(1, handler_.calls);
-  s->get(Under(*s, "1.2.1"));
+  readCount(*s);
   EXPECT_EQ(1, handler_.calls);
 }
 
 TEST_F(WholeTableTest, TheSnapshotExpiresAfterItsTime) {
   settings_.snapshotTime = std::chrono::seconds(3);
-  handler_.rows = {Rec().u32(1, 1).u32(2, 5)};
-  auto s = server();
-  s->get(Under(*s, "1.2.1"));
+  auto s = oneRowServer();
+  readCount(*s);
   now_ += std::chrono::milliseconds(2999);
-  s->get(Under(*s, "1.2.1"));
+  readCount(*s);
   EXPECT_EQ(1, handler_.calls);
   now_ += std::chrono::milliseconds(1);
-  s->get(Under(*s, "1.2.1"));
+  readCount(*s);
   EXPECT_EQ(2, handler_.calls);
 }
 
 TEST_F(WholeTableTest, ZeroSnapshotTimeAsksEveryTime) {
   settings_.snapshotTime = std::chrono::seconds(0);
-  handler_.rows = {Rec().u32(1, 1).u32(2, 5)};
-  auto s = server();
-  s->get(Under(*s, "1.2.1"));
-  s->get(Under(*s, "1.2.1"));
+  auto s = oneRowServer();
+  readCount(*s);
+  readCount(*s);
   EXPECT_EQ(2, handler_.calls);
 }
 
 TEST_F(WholeTableTest, InvalidateDropsTheSnapshot) {
-  handler_.rows = {Rec().u32(1, 1).u32(2, 5)};
-  auto s = server();
-  s->get(Under(*s, "1.2.1"));
+  auto s = oneRowServer();
+  readCount(*s);
   s->invalidate();
-  s->get(Under(*s, "1.2.1"));
+  readCount(*s);
   EXPECT_EQ(2, handler_.calls);
 }
 
@@ -351,12 +355,12 @@ TEST_F(WholeTableTest, EmptyTableEndsTheObjectButAFailureIsAnError) {
 TEST_F(WholeTableTest, AFailedAnswerIsNotKept) {
   handler_.result = SNMP_TRANSPORT_E_CONNECT;
   auto s = server();
-  Lookup failed = s->get(Under(*s, "1.2.1"));
+  Lookup failed = readCount(*s);
   EXPECT_EQ(Lookup::kError, failed.status);
   EXPECT_NE(std::string::npos, failed.error.find("cannot connect")) << failed.error;
   handler_.result = 0;
   handler_.rows = {Rec().u32(1, 1).u32(2, 5)};
-  EXPECT_EQ(Lookup::kFound, s->get(Under(*s, "1.2.1")).status);
+  EXPECT_EQ(Lookup::kFound, readCount(*s).status);
 }
 
 TEST_F(WholeTableTest, ExceptionsBecomeErrors) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -45,6 +46,26 @@ std::vector<std::string> Text(const RowIntervalSet& set) {
   return out;
 }
 
+typedef std::vector<uint32_t> Rows;
+
+// The row indexes of one number, of these, that the set covers.
+Rows Covered(const RowIntervalSet& set, const Rows& rows) {
+  Rows out;
+  for (uint32_t row : rows) {
+    if (set.covers(Oidx{row})) out.push_back(row);
+  }
+  return out;
+}
+
+// The row indexes of one number, of these, whose next row the set covers.
+Rows CoveredAfter(const RowIntervalSet& set, const Rows& rows) {
+  Rows out;
+  for (uint32_t row : rows) {
+    if (set.coversAfter(Oidx{row})) out.push_back(row);
+  }
+  return out;
+}
+
 TEST(RowIntervalSetTest, StartsEmptyAndCoversNothing) {
   RowIntervalSet set;
   EXPECT_TRUE(set.empty());
@@ -58,17 +79,10 @@ TEST(RowIntervalSetTest, LookupAtEveryBoundaryOfOneInterval) {
   RowIntervalSet set;
   set.add(Between(10, 20));
   // A row index is known on (10, 20].
-  EXPECT_FALSE(set.covers(Oidx{9}));
-  EXPECT_FALSE(set.covers(Oidx{10}));
-  EXPECT_TRUE(set.covers(Oidx{11}));
-  EXPECT_TRUE(set.covers(Oidx{20}));
-  EXPECT_FALSE(set.covers(Oidx{21}));
+  EXPECT_EQ(Covered(set, {9, 10, 11, 20, 21}), (Rows{11, 20}));
   // The row after an index is known from 10 (the read started after it) up
   // to before 20 (the row after 20 was not read).
-  EXPECT_FALSE(set.coversAfter(Oidx{9}));
-  EXPECT_TRUE(set.coversAfter(Oidx{10}));
-  EXPECT_TRUE(set.coversAfter(Oidx{19}));
-  EXPECT_FALSE(set.coversAfter(Oidx{20}));
+  EXPECT_EQ(CoveredAfter(set, {9, 10, 19, 20}), (Rows{10, 19}));
   EXPECT_FALSE(set.coversFirst());
 }
 
@@ -92,12 +106,8 @@ TEST(RowIntervalSetTest, AnIntervalFromTheStartCoversTheFirstRowAndEverythingUpT
   set.add(UpTo(5));
   EXPECT_TRUE(set.coversFirst());
   EXPECT_TRUE(set.covers(Oidx()));
-  EXPECT_TRUE(set.covers(Oidx{0}));
-  EXPECT_TRUE(set.covers(Oidx{5}));
-  EXPECT_FALSE(set.covers(Oidx{6}));
-  EXPECT_TRUE(set.coversAfter(Oidx{0}));
-  EXPECT_TRUE(set.coversAfter(Oidx{4}));
-  EXPECT_FALSE(set.coversAfter(Oidx{5}));
+  EXPECT_EQ(Covered(set, {0, 5, 6}), (Rows{0, 5}));
+  EXPECT_EQ(CoveredAfter(set, {0, 4, 5}), (Rows{0, 4}));
   EXPECT_FALSE(set.complete());
 }
 
@@ -105,12 +115,8 @@ TEST(RowIntervalSetTest, AnIntervalToTheEndCoversEverythingAfterItsStart) {
   RowIntervalSet set;
   set.add(After(7));
   EXPECT_FALSE(set.coversFirst());
-  EXPECT_FALSE(set.covers(Oidx{7}));
-  EXPECT_TRUE(set.covers(Oidx{8}));
-  EXPECT_TRUE(set.covers(Oidx{4000000000u}));
-  EXPECT_FALSE(set.coversAfter(Oidx{6}));
-  EXPECT_TRUE(set.coversAfter(Oidx{7}));
-  EXPECT_TRUE(set.coversAfter(Oidx{4000000000u}));
+  EXPECT_EQ(Covered(set, {7, 8, 4000000000u}), (Rows{8, 4000000000u}));
+  EXPECT_EQ(CoveredAfter(set, {6, 7, 4000000000u}), (Rows{7, 4000000000u}));
   EXPECT_FALSE(set.complete());
 }
 
@@ -157,11 +163,8 @@ TEST(RowIntervalSetTest, IntervalsWithAGapStaySeparate) {
   set.add(Between(10, 20));
   // Nothing is known of (20, 30]: row 21 may exist.
   EXPECT_EQ((std::vector<std::string>{"(10,20]", "(30,40]"}), Text(set));
-  EXPECT_FALSE(set.covers(Oidx{21}));
-  EXPECT_FALSE(set.covers(Oidx{30}));
-  EXPECT_FALSE(set.coversAfter(Oidx{20}));
-  EXPECT_FALSE(set.coversAfter(Oidx{29}));
-  EXPECT_TRUE(set.coversAfter(Oidx{30}));
+  EXPECT_EQ(Covered(set, {21, 30}), Rows());
+  EXPECT_EQ(CoveredAfter(set, {20, 29, 30}), Rows{30});
 }
 
 TEST(RowIntervalSetTest, FillingTheGapMergesAllThree) {

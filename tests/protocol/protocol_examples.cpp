@@ -52,11 +52,7 @@ Bytes Frame(const std::vector<Rec>& records, unsigned int result) {
   CTLVPackage pkg;
   for (const Rec& r : records) pkg.push_back(r.build());
   pkg.head().hdrWord0 = result;
-  unsigned char* out = nullptr;
-  const unsigned int n = pkg.encode(out);
-  Bytes bytes(out, out + n);
-  delete[] out;
-  return bytes;
+  return zerva_test::Encode(pkg);
 }
 
 // The answer a FakeBackend gives for a frame, decoded as the socket transport
@@ -128,6 +124,27 @@ void AddRows(const CTLVPackage& rsp, ExampleRun* run) {
   for (const CTLVRecordV3* row : rsp.records()) run->outcome.push_back("row " + zerva_test::RecordText(*row));
 }
 
+// Puts what one handler call did into run: the request it sent (as
+// TakeRequest finds it), its result and the rows of its answer.
+void AddCall(const FakeBackend& backend, unsigned long long id, unsigned long long objectType, int result,
+             const CTLVPackage& rsp, ExampleRun* run) {
+  TakeRequest(backend, id, objectType, run);
+  AddResult(result, run);
+  AddRows(rsp, run);
+}
+
+// Calls OnQueryTable of a new Handler with ctx and an empty request, and puts
+// what it did into run (see AddCall).
+template <typename Handler>
+void QueryTable(Scene& scene, const CVEM_SnmpContext& ctx, unsigned long long id, unsigned long long objectType,
+                ExampleRun* run) {
+  Handler handler;
+  CTLVPackage req;
+  CTLVPackage rsp;
+  const int result = handler.OnQueryTable(ctx, req, rsp);
+  AddCall(scene.backend(), id, objectType, result, rsp, run);
+}
+
 // Runs body, turning an exception that leaves the handler into an outcome line.
 template <typename F>
 ExampleRun Guarded(F body) {
@@ -152,9 +169,7 @@ ExampleRun RunSwitchRead(const Bytes& answer) {
     CTLVPackage req;
     CTLVPackage rsp;
     const int result = handler.OnQueryLeaf(CVEM_SnmpContext(), req, rsp);
-    TakeRequest(scene.backend(), zerva_test::kGetSwitchCmd, 0, run);
-    AddResult(result, run);
-    AddRows(rsp, run);
+    AddCall(scene.backend(), zerva_test::kGetSwitchCmd, 0, result, rsp, run);
   });
 }
 
@@ -171,9 +186,7 @@ ExampleRun RunSwitchSet(const Bytes& answer) {
     req.push_back(Rec().u32(0, 1).build());  // the manager writes 1
     CTLVPackage rsp;
     const int result = handler.OnSetLeaf(CVEM_SnmpContext(), req, rsp);
-    TakeRequest(scene.backend(), zerva_test::kSetSwitchCmd, 0, run);
-    AddResult(result, run);
-    AddRows(rsp, run);
+    AddCall(scene.backend(), zerva_test::kSetSwitchCmd, 0, result, rsp, run);
   });
 }
 
@@ -200,13 +213,7 @@ ExampleRun RunPortListing(const Bytes& answer) {
       scene.backend().onListing(type, Answer());
     }
     AnswerStats(scene.backend(), kPortValues);
-    CPerformancePortHandler handler;
-    CTLVPackage req;
-    CTLVPackage rsp;
-    const int result = handler.OnQueryTable(CVEM_SnmpContext(), req, rsp);
-    TakeRequest(scene.backend(), kObjectListingCmd, backend::kObjTypePortEth, run);
-    AddResult(result, run);
-    AddRows(rsp, run);
+    QueryTable<CPerformancePortHandler>(scene, CVEM_SnmpContext(), kObjectListingCmd, backend::kObjTypePortEth, run);
   });
 }
 
@@ -224,13 +231,7 @@ ExampleRun RunControllerListing(const Bytes& answer) {
     scene.fixture().setSwitch(1);
     scene.backend().onListing(backend::kObjTypeController, FromFrame(answer));
     AnswerStats(scene.backend(), kNodeValues);
-    CPerformanceNodeHandler handler;
-    CTLVPackage req;
-    CTLVPackage rsp;
-    const int result = handler.OnQueryTable(CVEM_SnmpContext(), req, rsp);
-    TakeRequest(scene.backend(), kObjectListingCmd, backend::kObjTypeController, run);
-    AddResult(result, run);
-    AddRows(rsp, run);
+    QueryTable<CPerformanceNodeHandler>(scene, CVEM_SnmpContext(), kObjectListingCmd, backend::kObjTypeController, run);
   });
 }
 
@@ -244,13 +245,7 @@ ExampleRun RunStatistics(const Bytes& answer) {
     scene.fixture().setSwitch(1);
     scene.backend().onListing(backend::kObjTypeController, Answer{Listed("0A")});
     scene.backend().on(zerva_test::kGetStatsCmd, FromFrame(answer));
-    CPerformanceNodeHandler handler;
-    CTLVPackage req;
-    CTLVPackage rsp;
-    const int result = handler.OnQueryTable(CVEM_SnmpContext(), req, rsp);
-    TakeRequest(scene.backend(), zerva_test::kGetStatsCmd, 0, run);
-    AddResult(result, run);
-    AddRows(rsp, run);
+    QueryTable<CPerformanceNodeHandler>(scene, CVEM_SnmpContext(), zerva_test::kGetStatsCmd, 0, run);
   });
 }
 
@@ -280,14 +275,9 @@ ExampleRun RunLunListing(const Bytes& answer) {
     scene.fixture().setSwitch(1);
     scene.backend().onListing(backend::kObjTypeLun, FromFrame(answer));
     scene.backend().on(kLunBatchStatsCmd, LunBatchAnswer);
-    CPerformanceLunHandler handler;
-    CTLVPackage req;
-    CTLVPackage rsp;
     // A GETNEXT from the row of LUN 159: the walk continues after key "159".
-    const int result = handler.OnQueryTable(CVEM_SnmpContext(SNMP_OP_GETNEXT, Agentpp::Oidx{159}, 0), req, rsp);
-    TakeRequest(scene.backend(), kObjectListingCmd, backend::kObjTypeLun, run);
-    AddResult(result, run);
-    AddRows(rsp, run);
+    QueryTable<CPerformanceLunHandler>(scene, CVEM_SnmpContext(SNMP_OP_GETNEXT, Agentpp::Oidx{159}, 0),
+                                       kObjectListingCmd, backend::kObjTypeLun, run);
   });
 }
 
@@ -303,13 +293,8 @@ ExampleRun RunLunBatch(const Bytes& answer) {
     scene.fixture().setSwitch(1);
     scene.backend().onListing(backend::kObjTypeLun, Answer{Listed("0"), Listed("1"), EndOfListing()});
     scene.backend().on(kLunBatchStatsCmd, FromFrame(answer));
-    CPerformanceLunHandler handler;
-    CTLVPackage req;
-    CTLVPackage rsp;
-    const int result = handler.OnQueryTable(CVEM_SnmpContext(SNMP_OP_WALK, Agentpp::Oidx(), 0), req, rsp);
-    TakeRequest(scene.backend(), kLunBatchStatsCmd, 0, run);
-    AddResult(result, run);
-    AddRows(rsp, run);
+    QueryTable<CPerformanceLunHandler>(scene, CVEM_SnmpContext(SNMP_OP_WALK, Agentpp::Oidx(), 0), kLunBatchStatsCmd, 0,
+                                       run);
   });
 }
 
@@ -326,13 +311,8 @@ ExampleRun RunFsListing(const Bytes& answer) {
     scene.fixture().setSwitch(1);
     scene.backend().on(kSortedListingCmd, FromFrame(answer));
     AnswerStats(scene.backend(), kFsValues);
-    CPerformanceFileSystemHandler handler;
-    CTLVPackage req;
-    CTLVPackage rsp;
-    const int result = handler.OnQueryTable(CVEM_SnmpContext(SNMP_OP_WALK, Agentpp::Oidx(), 0), req, rsp);
-    TakeRequest(scene.backend(), kSortedListingCmd, 0, run);
-    AddResult(result, run);
-    AddRows(rsp, run);
+    QueryTable<CPerformanceFileSystemHandler>(scene, CVEM_SnmpContext(SNMP_OP_WALK, Agentpp::Oidx(), 0),
+                                              kSortedListingCmd, 0, run);
   });
 }
 

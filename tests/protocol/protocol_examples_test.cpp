@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 
 #include "tests/support/fake_backend.h"
@@ -38,54 +39,48 @@ TEST(HexDumpTest, ParseGivesBackTheBytesOfEveryLength) {
   }
 }
 
-// Parses text that must be refused, and returns the error.
-std::string Refusal(const std::string& text) {
+// A dump that ParseHexDump must refuse, and a part of the error that names
+// why (empty where any error will do).
+struct RefusedDump {
+  const char* name;
+  const char* text;
+  const char* why;
+};
+
+void PrintTo(const RefusedDump& d, std::ostream* os) { *os << d.name; }
+
+const RefusedDump kRefusedDumps[] = {
+    {"AnAsciiColumnThatDoesNotMatch", "00000000  41                                                |B|\n00000001\n",
+     "ASCII"},
+    {"AWrongOffset", "00000001  41                                                |A|\n00000002\n", "offset"},
+    {"ADumpWithoutItsClosingLength", "00000000  41                                                |A|\n", "closing"},
+    {"AWrongClosingLength", "00000000  41                                                |A|\n00000002\n", "offset"},
+    {"AShortLineBeforeTheLast",
+     "00000000  41                                                |A|\n"
+     "00000001  42                                                |B|\n00000002\n",
+     "short"},
+    {"UpperCaseHex", "00000000  4A                                                |J|\n00000001\n", ""},
+};
+
+class HexDumpParseRefusesTest : public ::testing::TestWithParam<RefusedDump> {};
+
+TEST_P(HexDumpParseRefusesTest, WithAnErrorSayingWhy) {
+  const RefusedDump& d = GetParam();
   Bytes parsed;
   std::string error;
-  EXPECT_FALSE(zerva_protocol::ParseHexDump(text, &parsed, &error)) << text;
-  return error;
+  EXPECT_FALSE(zerva_protocol::ParseHexDump(d.text, &parsed, &error)) << d.text;
+  EXPECT_FALSE(error.empty());
+  EXPECT_NE(error.find(d.why), std::string::npos) << error;
 }
 
-TEST(HexDumpTest, ParseRefusesAnAsciiColumnThatDoesNotMatch) {
-  EXPECT_NE(Refusal("00000000  41                                                |B|\n00000001\n").find("ASCII"),
-            std::string::npos);
-}
-
-TEST(HexDumpTest, ParseRefusesAWrongOffset) {
-  EXPECT_NE(Refusal("00000001  41                                                |A|\n00000002\n").find("offset"),
-            std::string::npos);
-}
-
-TEST(HexDumpTest, ParseRefusesADumpWithoutItsClosingLength) {
-  EXPECT_NE(Refusal("00000000  41                                                |A|\n").find("closing"),
-            std::string::npos);
-}
-
-TEST(HexDumpTest, ParseRefusesAWrongClosingLength) {
-  EXPECT_NE(Refusal("00000000  41                                                |A|\n00000002\n").find("offset"),
-            std::string::npos);
-}
-
-TEST(HexDumpTest, ParseRefusesAShortLineBeforeTheLast) {
-  EXPECT_NE(Refusal("00000000  41                                                |A|\n"
-                    "00000001  42                                                |B|\n00000002\n")
-                .find("short"),
-            std::string::npos);
-}
-
-TEST(HexDumpTest, ParseRefusesUpperCaseHex) {
-  EXPECT_FALSE(Refusal("00000000  4A                                                |J|\n00000001\n").empty());
-}
+INSTANTIATE_TEST_SUITE_P(Dumps, HexDumpParseRefusesTest, ::testing::ValuesIn(kRefusedDumps),
+                         [](const ::testing::TestParamInfo<RefusedDump>& info) { return info.param.name; });
 
 Bytes EncodedFrame(const zerva_test::Rec& rec, unsigned int result) {
   CTLVPackage pkg;
   pkg.push_back(rec.build());
   pkg.head().hdrWord0 = result;
-  unsigned char* out = nullptr;
-  const unsigned int n = pkg.encode(out);
-  Bytes bytes(out, out + n);
-  delete[] out;
-  return bytes;
+  return zerva_test::Encode(pkg);
 }
 
 TEST(DescribeFrameTest, NamesTheHeaderFieldsRecordsAndCellsWithTheirOffsets) {

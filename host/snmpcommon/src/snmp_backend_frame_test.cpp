@@ -269,43 +269,35 @@ TEST(BackendFrameTest, EndOfStreamBeforeAFrameIsClosed) {
   EXPECT_EQ(ReadBackendFrame(sp.fd[0], got, SNMP_FRAME_DEFAULT_MAX_BODY, In(2000)), SNMP_TRANSPORT_E_CLOSED);
 }
 
-TEST(BackendFrameTest, EndOfStreamInsideTheHeaderIsClosed) {
-  SocketPair sp;
+TEST(BackendFrameTest, EndOfStreamInsideAFrameIsClosedAndNamesThePart) {
   const Bytes frame = SampleFrame();
-  sp.send(Bytes(frame.begin(), frame.begin() + 13));
-  sp.closeEnd(1);
-  Bytes got;
-  std::string reason;
-  EXPECT_EQ(ReadBackendFrame(sp.fd[0], got, SNMP_FRAME_DEFAULT_MAX_BODY, In(2000), &reason), SNMP_TRANSPORT_E_CLOSED);
-  EXPECT_NE(reason.find("header"), std::string::npos) << reason;
-  EXPECT_TRUE(got.empty());
+  const struct {
+    const char* part;  // where the stream ends, as the reason names it
+    size_t sent;       // the bytes of the frame sent before the end
+  } cases[] = {{"header", 13}, {"body", frame.size() - 3}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.part);
+    SocketPair sp;
+    sp.send(Bytes(frame.begin(), frame.begin() + c.sent));
+    sp.closeEnd(1);
+    Bytes got;
+    std::string reason;
+    EXPECT_EQ(ReadBackendFrame(sp.fd[0], got, SNMP_FRAME_DEFAULT_MAX_BODY, In(2000), &reason), SNMP_TRANSPORT_E_CLOSED);
+    EXPECT_NE(reason.find(c.part), std::string::npos) << reason;
+    EXPECT_TRUE(got.empty());
+  }
 }
 
-TEST(BackendFrameTest, EndOfStreamInsideTheBodyIsClosed) {
-  SocketPair sp;
+TEST(BackendFrameTest, NothingOrHalfAFrameBeforeTheDeadlineTimesOut) {
   const Bytes frame = SampleFrame();
-  sp.send(Bytes(frame.begin(), frame.end() - 3));
-  sp.closeEnd(1);
-  Bytes got;
-  std::string reason;
-  EXPECT_EQ(ReadBackendFrame(sp.fd[0], got, SNMP_FRAME_DEFAULT_MAX_BODY, In(2000), &reason), SNMP_TRANSPORT_E_CLOSED);
-  EXPECT_NE(reason.find("body"), std::string::npos) << reason;
-  EXPECT_TRUE(got.empty());
-}
-
-TEST(BackendFrameTest, NoDataBeforeTheDeadlineTimesOut) {
-  SocketPair sp;
-  Bytes got;
-  EXPECT_EQ(ReadBackendFrame(sp.fd[0], got, SNMP_FRAME_DEFAULT_MAX_BODY, In(50)), SNMP_TRANSPORT_E_TIMEOUT);
-}
-
-TEST(BackendFrameTest, HalfAFrameBeforeTheDeadlineTimesOut) {
-  SocketPair sp;
-  const Bytes frame = SampleFrame();
-  sp.send(Bytes(frame.begin(), frame.begin() + 40));
-  Bytes got;
-  EXPECT_EQ(ReadBackendFrame(sp.fd[0], got, SNMP_FRAME_DEFAULT_MAX_BODY, In(50)), SNMP_TRANSPORT_E_TIMEOUT);
-  EXPECT_TRUE(got.empty());
+  for (size_t sent : {size_t{0}, size_t{40}}) {
+    SCOPED_TRACE(std::to_string(sent) + " bytes sent");
+    SocketPair sp;
+    if (sent != 0) sp.send(Bytes(frame.begin(), frame.begin() + sent));
+    Bytes got;
+    EXPECT_EQ(ReadBackendFrame(sp.fd[0], got, SNMP_FRAME_DEFAULT_MAX_BODY, In(50)), SNMP_TRANSPORT_E_TIMEOUT);
+    EXPECT_TRUE(got.empty());
+  }
 }
 
 std::atomic<int> g_signalsCaught{0};

@@ -207,6 +207,18 @@ class TestServer {
   std::vector<std::thread> connThreads_;
 };
 
+bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+// Answers each request with the next of codes as its result (from the first
+// again after the last; the count is shared by all connections) and with rec.
+TestServer::Handler AnswersCodesInTurn(const std::vector<uint32_t>& codes, const Rec& rec) {
+  auto next = std::make_shared<std::atomic<size_t>>(0);
+  return [codes, rec, next](Conn& c) {
+    CTLVPackage req;
+    while (c.read(req)) c.answer(codes[(*next)++ % codes.size()], {rec});
+  };
+}
+
 class SocketTransportTest : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_FALSE(dir_.path().empty()); }
@@ -244,10 +256,15 @@ class SocketTransportTest : public ::testing::Test {
     return out;
   }
 
+  // Expects the transport to have logged exactly one error, and that it says part.
+  static void ExpectOneTransportError(const KitLogCapture& log, const std::string& part) {
+    const auto errors = TransportErrors(log);
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_TRUE(Contains(errors[0].message, part)) << errors[0].message;
+  }
+
   zerva_test::TempDir dir_;
 };
-
-bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 TEST_F(SocketTransportTest, CarriesARequestAndItsAnswerOverAUnixSocket) {
   Bytes seen;
@@ -286,12 +303,8 @@ TEST_F(SocketTransportTest, CarriesARequestAndItsAnswerOverTcpLoopback) {
 }
 
 TEST_F(SocketTransportTest, BackEndResultCodesPassThroughUnchanged) {
-  const uint32_t codes[] = {1077949460u, 0xFFFFFFFFu, 0x4E53FFFFu, 0x4E540100u, 1u};
-  std::atomic<size_t> next{0};
-  auto server = TestServer::Unix(socketPath(), [&](Conn& c) {
-    CTLVPackage req;
-    while (c.read(req)) c.answer(codes[next++ % 5], {Rec().u32(0, 9)});
-  });
+  const std::vector<uint32_t> codes = {1077949460u, 0xFFFFFFFFu, 0x4E53FFFFu, 0x4E540100u, 1u};
+  auto server = TestServer::Unix(socketPath(), AnswersCodesInTurn(codes, Rec().u32(0, 9)));
   ASSERT_TRUE(server);
   KitLogCapture log;
   CSnmpSocketTransport t(Options(server->address()));
@@ -306,12 +319,8 @@ TEST_F(SocketTransportTest, BackEndResultCodesPassThroughUnchanged) {
 }
 
 TEST_F(SocketTransportTest, ReservedCodeFromTheBackEndIsABadFrame) {
-  const uint32_t reserved[] = {0x4E540000u, 0x4E540003u, 0x4E5400FFu};
-  std::atomic<size_t> next{0};
-  auto server = TestServer::Unix(socketPath(), [&](Conn& c) {
-    CTLVPackage req;
-    while (c.read(req)) c.answer(reserved[next++ % 3], {Rec().u32(0, 1)});
-  });
+  const std::vector<uint32_t> reserved = {0x4E540000u, 0x4E540003u, 0x4E5400FFu};
+  auto server = TestServer::Unix(socketPath(), AnswersCodesInTurn(reserved, Rec().u32(0, 1)));
   ASSERT_TRUE(server);
   KitLogCapture log;
   CSnmpSocketTransport t(Options(server->address()));
@@ -359,9 +368,7 @@ TEST_F(SocketTransportTest, NoAnswerTimesOutAndTheLateAnswerIsNotTakenForTheNext
   EXPECT_EQ(token, 2u);  // its own answer, not the late one
   EXPECT_EQ(t.connectCount(), 2u);
   EXPECT_EQ(server->accepted(), 2);
-  const auto errors = TransportErrors(log);
-  ASSERT_EQ(errors.size(), 1u);
-  EXPECT_TRUE(Contains(errors[0].message, "no whole answer within 200 ms")) << errors[0].message;
+  ExpectOneTransportError(log, "no whole answer within 200 ms");
 }
 
 TEST_F(SocketTransportTest, ListingsGetTheListingTimeout) {
@@ -526,9 +533,7 @@ TEST_F(SocketTransportTest, GarbageFromTheBackEndIsABadFrame) {
   CSnmpSocketTransport t(Options(server->address()));
   unsigned int token = 0;
   EXPECT_EQ(Call(t, 1), SNMP_TRANSPORT_E_BAD_FRAME);
-  const auto errors = TransportErrors(log);
-  ASSERT_EQ(errors.size(), 1u);
-  EXPECT_TRUE(Contains(errors[0].message, "bad magic")) << errors[0].message;
+  ExpectOneTransportError(log, "bad magic");
   EXPECT_EQ(Call(t, 2, &token), 0);  // on a fresh connection
   EXPECT_EQ(token, 2u);
 }
@@ -549,9 +554,7 @@ TEST_F(SocketTransportTest, AnswerWhoseBodyDoesNotDecodeIsABadFrame) {
   KitLogCapture log;
   CSnmpSocketTransport t(Options(server->address()));
   EXPECT_EQ(Call(t, 1), SNMP_TRANSPORT_E_BAD_FRAME);
-  const auto errors = TransportErrors(log);
-  ASSERT_EQ(errors.size(), 1u);
-  EXPECT_TRUE(Contains(errors[0].message, "does not decode")) << errors[0].message;
+  ExpectOneTransportError(log, "does not decode");
 }
 
 TEST_F(SocketTransportTest, AnswerAboveTheSizeLimitIsTooLarge) {
@@ -568,9 +571,7 @@ TEST_F(SocketTransportTest, AnswerAboveTheSizeLimitIsTooLarge) {
   req.push_back(TokenRecord(1));
   EXPECT_EQ(t.exchange(req, rsp, false), SNMP_TRANSPORT_E_TOO_LARGE);
   EXPECT_TRUE(rsp.empty());
-  const auto errors = TransportErrors(log);
-  ASSERT_EQ(errors.size(), 1u);
-  EXPECT_TRUE(Contains(errors[0].message, "dataLen 2014 exceeds the limit of 1024")) << errors[0].message;
+  ExpectOneTransportError(log, "dataLen 2014 exceeds the limit of 1024");
 }
 
 TEST_F(SocketTransportTest, AnswerCutShortByAClosedConnectionIsClosed) {
@@ -586,9 +587,7 @@ TEST_F(SocketTransportTest, AnswerCutShortByAClosedConnectionIsClosed) {
   KitLogCapture log;
   CSnmpSocketTransport t(Options(server->address()));
   EXPECT_EQ(Call(t, 1), SNMP_TRANSPORT_E_CLOSED);
-  const auto errors = TransportErrors(log);
-  ASSERT_EQ(errors.size(), 1u);
-  EXPECT_TRUE(Contains(errors[0].message, "connection closed before a whole answer")) << errors[0].message;
+  ExpectOneTransportError(log, "connection closed before a whole answer");
 }
 
 TEST_F(SocketTransportTest, ConcurrentCallersEachGetTheirOwnAnswer) {
@@ -662,9 +661,7 @@ TEST_F(SocketTransportTest, RequestThatCannotBeEncodedIsRefusedBeforeConnecting)
   req.push_back(Rec(0x2A).cell(0, 2, Bytes(40000, 'a')).cell(1, 2, Bytes(40000, 'b')).build());
   EXPECT_EQ(t.exchange(req, rsp, false), SNMP_TRANSPORT_E_ENCODE);
   EXPECT_EQ(t.connectCount(), 0u);
-  const auto errors = TransportErrors(log);
-  ASSERT_EQ(errors.size(), 1u);
-  EXPECT_TRUE(Contains(errors[0].message, "record 0 holds 80008 bytes of cells")) << errors[0].message;
+  ExpectOneTransportError(log, "record 0 holds 80008 bytes of cells");
   std::this_thread::sleep_for(Ms(50));
   EXPECT_EQ(server->accepted(), 0);
 }

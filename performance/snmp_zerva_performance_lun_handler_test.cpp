@@ -22,13 +22,16 @@ static_assert(kLunStatsCmd == 0xDE0222048ULL, "batch statistics command code");
 static_assert(kGetStatsCmd == 0xDE0222010ULL, "per-row statistics command code");
 static_assert(kGetSwitchCmd == 0xDE0222001ULL, "switch command code");
 
+// The thirteen statistics items the LUN table asks for, in the order of its
+// value lists.
 const char kItems[] = "303,22,25,28,21,23,26,5,307,370,371,384,385";
 
-const char kFillReqSig[] = "virtual void CPerformanceLunHandler::fillReqRecord(CTLVRecordV3*)";
-const char kBatchInfoSig[] =
+// Trace signatures of the LUN handler's own functions.
+const std::string kFillReqSig = "virtual void CPerformanceLunHandler::fillReqRecord(CTLVRecordV3*)";
+const std::string kBatchInfoSig =
     "virtual int CPerformanceLunHandler::GetBatchTableInfo_i(CTLVPackageV3<TLVMsgHeadV3>&, std::string&, "
     "std::string&, long long unsigned int&, Uint32&, int&, CTLVPackageV3<TLVMsgHeadV3>&)";
-const char kQuerySig[] = "int CPerformanceLunHandler::QueryPerfLunData(std::string, CTLVPackageV3<TLVMsgHeadV3>&)";
+const std::string kQuerySig = "int CPerformanceLunHandler::QueryPerfLunData(std::string, CTLVPackageV3<TLVMsgHeadV3>&)";
 
 // The handler with the base's state in reach.
 using TestLunHandler = WithTableState<CPerformanceLunHandler>;

@@ -97,6 +97,19 @@ struct HostList {
   }
 };
 
+// The module registering its handlers into an empty host list while the
+// capability source answers for features. The log starts after the module is
+// built, so it holds what getSvcHandler wrote.
+struct Registration {
+  explicit Registration(std::set<int> features) : source(std::make_shared<RecordingSource>(std::move(features))) {
+    module.getSvcHandler(list.entries);
+  }
+  ScopedSource source;
+  CSNMP_ZervaPerformanceSvcModule module;
+  KitLogCapture log;
+  HostList list;
+};
+
 template <typename T>
 std::string Type() {
   return typeid(T).name();
@@ -124,51 +137,36 @@ TEST(SvcModuleTest, CreatorReturnsANewModuleOnEachCall) {
 }
 
 TEST(SvcModuleTest, NoFeatureGivesTheFiveFixedTablesInRegistrationOrder) {
-  ScopedSource source(std::make_shared<RecordingSource>(std::set<int>{}));
-  CSNMP_ZervaPerformanceSvcModule module;
-  HostList list;
-  module.getSvcHandler(list.entries);
-  EXPECT_EQ(Prefixes({1, 4, 5, 3, 7}), list.prefixes());
-  EXPECT_THAT(list.types(), ElementsAre(Type<CPerformanceSwithHandler>(), Type<CPerformanceLunHandler>(),
-                                        Type<CPerformancePortHandler>(), Type<CPerformanceNodeHandler>(),
-                                        Type<CPerformanceCacheHandler>()));
+  Registration reg({});
+  EXPECT_EQ(Prefixes({1, 4, 5, 3, 7}), reg.list.prefixes());
+  EXPECT_THAT(reg.list.types(), ElementsAre(Type<CPerformanceSwithHandler>(), Type<CPerformanceLunHandler>(),
+                                            Type<CPerformancePortHandler>(), Type<CPerformanceNodeHandler>(),
+                                            Type<CPerformanceCacheHandler>()));
 }
 
 TEST(SvcModuleTest, OnlyCifsAddsTheTwoSmbTables) {
-  ScopedSource source(std::make_shared<RecordingSource>(std::set<int>{49}));
-  CSNMP_ZervaPerformanceSvcModule module;
-  HostList list;
-  module.getSvcHandler(list.entries);
-  EXPECT_EQ(Prefixes({1, 4, 5, 3, 7, 12, 13}), list.prefixes());
-  EXPECT_EQ(Type<CPerformanceControllerSMBV1Handler>(), list.types()[5]);
-  EXPECT_EQ(Type<CPerformanceControllerSMBV2Handler>(), list.types()[6]);
+  Registration reg({49});
+  EXPECT_EQ(Prefixes({1, 4, 5, 3, 7, 12, 13}), reg.list.prefixes());
+  EXPECT_EQ(Type<CPerformanceControllerSMBV1Handler>(), reg.list.types()[5]);
+  EXPECT_EQ(Type<CPerformanceControllerSMBV2Handler>(), reg.list.types()[6]);
 }
 
 TEST(SvcModuleTest, OnlyNfsAddsTheThreeNfsTables) {
-  ScopedSource source(std::make_shared<RecordingSource>(std::set<int>{48}));
-  CSNMP_ZervaPerformanceSvcModule module;
-  HostList list;
-  module.getSvcHandler(list.entries);
-  EXPECT_EQ(Prefixes({1, 4, 5, 3, 7, 10, 11, 15}), list.prefixes());
+  Registration reg({48});
+  EXPECT_EQ(Prefixes({1, 4, 5, 3, 7, 10, 11, 15}), reg.list.prefixes());
 }
 
 TEST(SvcModuleTest, OnlyFileSystemFeatureAddsTheFileSystemTable) {
-  ScopedSource source(std::make_shared<RecordingSource>(std::set<int>{602}));
-  CSNMP_ZervaPerformanceSvcModule module;
-  HostList list;
-  module.getSvcHandler(list.entries);
-  EXPECT_EQ(Prefixes({1, 4, 5, 3, 7, 14}), list.prefixes());
-  EXPECT_EQ(Type<CPerformanceFileSystemHandler>(), list.types().back());
+  Registration reg({602});
+  EXPECT_EQ(Prefixes({1, 4, 5, 3, 7, 14}), reg.list.prefixes());
+  EXPECT_EQ(Type<CPerformanceFileSystemHandler>(), reg.list.types().back());
 }
 
 TEST(SvcModuleTest, AllFeaturesGiveElevenTablesInRegistrationOrder) {
-  ScopedSource source(std::make_shared<RecordingSource>(std::set<int>{48, 49, 602}));
-  CSNMP_ZervaPerformanceSvcModule module;
-  HostList list;
-  module.getSvcHandler(list.entries);
-  EXPECT_EQ(Prefixes({1, 4, 5, 3, 7, 10, 11, 15, 12, 13, 14}), list.prefixes());
+  Registration reg({48, 49, 602});
+  EXPECT_EQ(Prefixes({1, 4, 5, 3, 7, 10, 11, 15, 12, 13, 14}), reg.list.prefixes());
   EXPECT_THAT(
-      list.types(),
+      reg.list.types(),
       ElementsAre(Type<CPerformanceSwithHandler>(), Type<CPerformanceLunHandler>(), Type<CPerformancePortHandler>(),
                   Type<CPerformanceNodeHandler>(), Type<CPerformanceCacheHandler>(),
                   Type<CPerformanceControllerNFSV3Handler>(), Type<CPerformanceControllerNFSV4Handler>(),
@@ -177,23 +175,17 @@ TEST(SvcModuleTest, AllFeaturesGiveElevenTablesInRegistrationOrder) {
 }
 
 TEST(SvcModuleTest, FeaturesAreAskedOnceEachIn48_49_602Order) {
-  ScopedSource source(std::make_shared<RecordingSource>(std::set<int>{48, 49, 602}));
-  CSNMP_ZervaPerformanceSvcModule module;
-  HostList list;
-  module.getSvcHandler(list.entries);
+  Registration reg({48, 49, 602});
   // The registry asks 48, 49 and 602 once each, in that order; between them
   // the node table's and the five controller tables' constructors ask 602
   // for their file-system columns.
-  EXPECT_EQ((std::vector<int>{602, 48, 602, 602, 602, 49, 602, 602, 602}), source->asked());
+  EXPECT_EQ((std::vector<int>{602, 48, 602, 602, 602, 49, 602, 602, 602}), reg.source->asked());
 }
 
 TEST(SvcModuleTest, UnsupportedFeaturesAreStillAskedOnceEach) {
-  ScopedSource source(std::make_shared<RecordingSource>(std::set<int>{}));
-  CSNMP_ZervaPerformanceSvcModule module;
-  HostList list;
-  module.getSvcHandler(list.entries);
+  Registration reg({});
   // Only the node table's constructor asks besides the registry here.
-  EXPECT_EQ((std::vector<int>{602, 48, 49, 602}), source->asked());
+  EXPECT_EQ((std::vector<int>{602, 48, 49, 602}), reg.source->asked());
 }
 
 TEST(SvcModuleTest, EntriesAlreadyInTheListStayInFrontUntouched) {
@@ -216,28 +208,21 @@ TEST(SvcModuleTest, EntriesAlreadyInTheListStayInFrontUntouched) {
 }
 
 TEST(SvcModuleTest, SecondCallAddsAnIndependentSetOfNewHandlers) {
-  ScopedSource source(std::make_shared<RecordingSource>(std::set<int>{48, 49, 602}));
-  CSNMP_ZervaPerformanceSvcModule module;
-  HostList first;
+  Registration first({48, 49, 602});
   HostList second;
-  module.getSvcHandler(first.entries);
-  module.getSvcHandler(second.entries);
-  ASSERT_EQ(first.prefixes(), second.prefixes());
+  first.module.getSvcHandler(second.entries);
+  ASSERT_EQ(first.list.prefixes(), second.prefixes());
   std::set<CSnmpHandler*> all;
-  for (auto& e : first.entries) all.insert(e.second);
+  for (auto& e : first.list.entries) all.insert(e.second);
   for (auto& e : second.entries) all.insert(e.second);
   EXPECT_EQ(22u, all.size());
   EXPECT_EQ(0u, all.count(nullptr));
 }
 
 TEST(SvcModuleTest, TraceHasOneEnterAndOneOkLeaveOnKitZero) {
-  ScopedSource source(std::make_shared<RecordingSource>(std::set<int>{48, 49, 602}));
-  CSNMP_ZervaPerformanceSvcModule module;
-  HostList list;
-  KitLogCapture log;
-  module.getSvcHandler(list.entries);
+  Registration reg({48, 49, 602});
   std::vector<std::string> kit0;
-  for (const CVEMLogRecord& r : log.records()) {
+  for (const CVEMLogRecord& r : reg.log.records()) {
     if (r.kitNo == 0) kit0.push_back(std::to_string(r.level) + " " + r.message);
   }
   const std::string trace = std::to_string(VEM_LOG_TRACE) + " ";
@@ -246,15 +231,11 @@ TEST(SvcModuleTest, TraceHasOneEnterAndOneOkLeaveOnKitZero) {
 
 TEST(SvcModuleTest, RegistryLogsNothingButItsTrace) {
   zerva_test::BackendFixture fixture;  // the device configuration the handlers read
-  ScopedSource source(std::make_shared<RecordingSource>(std::set<int>{}));
-  CSNMP_ZervaPerformanceSvcModule module;
-  HostList list;
-  KitLogCapture log;
-  module.getSvcHandler(list.entries);
-  for (const CVEMLogRecord& r : log.records()) {
+  Registration reg({});
+  for (const CVEMLogRecord& r : reg.log.records()) {
     EXPECT_EQ(VEM_LOG_TRACE, r.level) << r.message;
   }
-  EXPECT_EQ(2u, log.records().size());
+  EXPECT_EQ(2u, reg.log.records().size());
 }
 
 TEST(SvcModuleTest, ThrowingConstructorKeepsEarlierEntriesAndTracesOk) {

@@ -64,6 +64,20 @@ class FileProtocolTableTest : public HandlerTest<::testing::TestWithParam<Table>
     out.insert(out.begin() + 1, {Enter(kItemsSig, kBareTrace), Leave(kItemsSig, true, kBareTrace)});
     return out;
   }
+  // A query that answers a row for each listed controller of ids: it returns
+  // 0 after the switch query, the listing and one statistics query per
+  // controller, logs the item list alone and traces each statistics query as
+  // succeeded; the rows are those of the answer.
+  void ExpectEveryControllerAnswered(const std::vector<std::string>& ids, const std::vector<std::string>& rows) {
+    EXPECT_EQ(Query(), 0);
+
+    std::vector<std::string> requests{kSwitchQuery, kListing207};
+    for (const std::string& id : ids) requests.push_back(Stats(id));
+    EXPECT_EQ(Requests(backend(), ListingLabel::kWord), requests);
+    EXPECT_EQ(PackageText(rsp_), rows);
+    EXPECT_EQ(KitMessages(log_), (std::vector<std::string>{kItemsDebug}));
+    EXPECT_EQ(log_.traces(), FirstQueryTraces(std::vector<bool>(ids.size(), true), true));
+  }
 
   std::unique_ptr<CPerformanceSimpleHandler> handler_;
 };
@@ -82,13 +96,8 @@ TEST_P(FileProtocolTableTest, TwoControllersGiveTwoRowsOfThreeCellsWithObjectIdA
   backend().onStats(Key("0A"), "11,4294967295");
   backend().onStats(Key("1B"), "0,22");
 
-  EXPECT_EQ(Query(), 0);
-
-  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
-            (std::vector<std::string>{kSwitchQuery, kListing207, Stats("0A"), Stats("1B")}));
-  EXPECT_EQ(PackageText(rsp_),
-            (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"0A\0" 2/3/4/11 3/3/4/4294967295)",
-                                      R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"1B\0" 2/3/4/0 3/3/4/22)"}));
+  ExpectEveryControllerAnswered({"0A", "1B"}, {R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"0A\0" 2/3/4/11 3/3/4/4294967295)",
+                                               R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"1B\0" 2/3/4/0 3/3/4/22)"});
   ASSERT_EQ(rsp_.size(), 2u);
   for (size_t r = 0; r < 2; ++r) {
     ASSERT_EQ(rsp_[r]->cellCount(), 3u);
@@ -96,25 +105,17 @@ TEST_P(FileProtocolTableTest, TwoControllersGiveTwoRowsOfThreeCellsWithObjectIdA
     ASSERT_EQ(id->length(), 3u);
     EXPECT_EQ(id->value()[2], 0);
   }
-  EXPECT_EQ(KitMessages(log_), (std::vector<std::string>{kItemsDebug}));
-  EXPECT_EQ(log_.traces(), FirstQueryTraces({true, true}, true));
 }
 
 TEST_P(FileProtocolTableTest, StatisticsKeyIsTheTablesObjectTypeAndTheControllerId) {
   backend().onListing(207, Answer{Controller("12C")});
   backend().onStats(Key("12C"), "1,2");
 
-  EXPECT_EQ(Query(), 0);
-
+  ExpectEveryControllerAnswered({"12C"}, {R"(0xFFFFFFFFFFFFFFFF: 1/2/4/"12C\0" 2/3/4/1 3/3/4/2)"});
   ASSERT_EQ(backend().calls().size(), 3u);
   std::unique_ptr<CTLVPackage> stats = backend().calls()[2].package();
   EXPECT_FALSE(backend().calls()[2].listing);
   EXPECT_EQ((*(*stats)[0])[0]->toString(), std::string(GetParam().type) + ":12C");
-  EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/4/"12C\0" 2/3/4/1 3/3/4/2)"}));
-  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
-            (std::vector<std::string>{kSwitchQuery, kListing207, Stats("12C")}));
-  EXPECT_EQ(KitMessages(log_), (std::vector<std::string>{kItemsDebug}));
-  EXPECT_EQ(log_.traces(), FirstQueryTraces({true}, true));
 }
 
 TEST_P(FileProtocolTableTest, SwitchAtZeroOrTwoGivesEmptyTableWithoutListingRequest) {
@@ -250,27 +251,15 @@ TEST_P(FileProtocolTableTest, ShortValueListGivesOnlyColumnsThatHaveValues) {
   backend().onStats(Key("0A"), "5");
   backend().onStats(Key("0B"), "6,7");
 
-  EXPECT_EQ(Query(), 0);
-
-  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
-            (std::vector<std::string>{kSwitchQuery, kListing207, Stats("0A"), Stats("0B")}));
-  EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"0A\0" 2/3/4/5)",
-                                                         R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"0B\0" 2/3/4/6 3/3/4/7)"}));
-  EXPECT_EQ(KitMessages(log_), (std::vector<std::string>{kItemsDebug}));
-  EXPECT_EQ(log_.traces(), FirstQueryTraces({true, true}, true));
+  ExpectEveryControllerAnswered({"0A", "0B"}, {R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"0A\0" 2/3/4/5)",
+                                               R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"0B\0" 2/3/4/6 3/3/4/7)"});
 }
 
 TEST_P(FileProtocolTableTest, LongerValueListUsesOnlyTheFirstTwoValues) {
   backend().onListing(207, Answer{Controller("0A")});
   backend().onStats(Key("0A"), "5,6,7,8");
 
-  EXPECT_EQ(Query(), 0);
-
-  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
-            (std::vector<std::string>{kSwitchQuery, kListing207, Stats("0A")}));
-  EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"0A\0" 2/3/4/5 3/3/4/6)"}));
-  EXPECT_EQ(KitMessages(log_), (std::vector<std::string>{kItemsDebug}));
-  EXPECT_EQ(log_.traces(), FirstQueryTraces({true}, true));
+  ExpectEveryControllerAnswered({"0A"}, {R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"0A\0" 2/3/4/5 3/3/4/6)"});
 }
 
 TEST_P(FileProtocolTableTest, Feature602ChangesNeitherItemsNorRow) {
@@ -279,13 +268,7 @@ TEST_P(FileProtocolTableTest, Feature602ChangesNeitherItemsNorRow) {
   backend().onListing(207, Answer{Controller("0A")});
   backend().onStats(Key("0A"), "5,6");
 
-  EXPECT_EQ(Query(), 0);
-
-  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
-            (std::vector<std::string>{kSwitchQuery, kListing207, Stats("0A")}));
-  EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"0A\0" 2/3/4/5 3/3/4/6)"}));
-  EXPECT_EQ(KitMessages(log_), (std::vector<std::string>{kItemsDebug}));
-  EXPECT_EQ(log_.traces(), FirstQueryTraces({true}, true));
+  ExpectEveryControllerAnswered({"0A"}, {R"(0xFFFFFFFFFFFFFFFF: 1/2/3/"0A\0" 2/3/4/5 3/3/4/6)"});
 }
 
 TEST_P(FileProtocolTableTest, RowHookWritesTheObjectIdWithoutParsingIt) {

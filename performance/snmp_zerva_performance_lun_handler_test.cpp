@@ -22,13 +22,16 @@ static_assert(kLunStatsCmd == 0xDE0222048ULL, "batch statistics command code");
 static_assert(kGetStatsCmd == 0xDE0222010ULL, "per-row statistics command code");
 static_assert(kGetSwitchCmd == 0xDE0222001ULL, "switch command code");
 
+// The thirteen statistics items the LUN table asks for, in the order of its
+// value lists.
 const char kItems[] = "303,22,25,28,21,23,26,5,307,370,371,384,385";
 
-const char kFillReqSig[] = "virtual void CPerformanceLunHandler::fillReqRecord(CTLVRecordV3*)";
-const char kBatchInfoSig[] =
+// Trace signatures of the LUN handler's own functions.
+const std::string kFillReqSig = "virtual void CPerformanceLunHandler::fillReqRecord(CTLVRecordV3*)";
+const std::string kBatchInfoSig =
     "virtual int CPerformanceLunHandler::GetBatchTableInfo_i(CTLVPackageV3<TLVMsgHeadV3>&, std::string&, "
     "std::string&, long long unsigned int&, Uint32&, int&, CTLVPackageV3<TLVMsgHeadV3>&)";
-const char kQuerySig[] = "int CPerformanceLunHandler::QueryPerfLunData(std::string, CTLVPackageV3<TLVMsgHeadV3>&)";
+const std::string kQuerySig = "int CPerformanceLunHandler::QueryPerfLunData(std::string, CTLVPackageV3<TLVMsgHeadV3>&)";
 
 // The handler with the base's state in reach.
 using TestLunHandler = WithTableState<CPerformanceLunHandler>;
@@ -137,6 +140,21 @@ std::vector<std::string> Keys(unsigned int n) {
   for (unsigned int i = 1; i <= n; ++i) keys.push_back(std::to_string(i));
   return keys;
 }
+
+// The in and out arguments of one GetBatchTableInfo_i call, as a walk's first
+// batch starts them: no index yet, a full batch of 160 asked for, and a
+// collection result the call is to overwrite.
+struct BatchInfoCall {
+  std::string index = CSnmpTableBase::INVALID_KEY;
+  std::string firstIndex = CSnmpTableBase::INVALID_KEY;
+  unsigned long long unused = 0;
+  Uint32 amount = 160;
+  int collected = 77;
+
+  int Run(TestLunHandler& handler, CTLVPackage& listing, CTLVPackage& rsp) {
+    return handler.GetBatchTableInfo_i(listing, index, firstIndex, unused, amount, collected, rsp);
+  }
+};
 
 class PerformanceLunTest : public HandlerTest<> {
  protected:
@@ -484,19 +502,17 @@ TEST_F(PerformanceLunTest, ABatchIsQueriedWithOneCommandAndLoggedAtErrorLevel) {
   BatchStatsResponder stats;
   backend().on(kLunStatsCmd, stats);
   auto listing = Package({Lun("1"), Lun("2"), Lun("3"), Lun("4"), Control(0)});
-  std::string index = CSnmpTableBase::INVALID_KEY;
-  std::string firstIndex = CSnmpTableBase::INVALID_KEY;
-  unsigned long long unused = 12345;
-  Uint32 amount = 3;
-  int collected = 77;
+  BatchInfoCall call;
+  call.unused = 12345;
+  call.amount = 3;
   handler_.m_iRetCode = 99;
-  EXPECT_EQ(handler_.GetBatchTableInfo_i(*listing, index, firstIndex, unused, amount, collected, rsp_), 0);
-  EXPECT_EQ(collected, 0);
+  EXPECT_EQ(call.Run(handler_, *listing, rsp_), 0);
+  EXPECT_EQ(call.collected, 0);
   EXPECT_EQ(handler_.m_iRetCode, 0);
-  EXPECT_EQ(index, "3");
-  EXPECT_EQ(firstIndex, "1");
-  EXPECT_EQ(amount, 0u);
-  EXPECT_EQ(unused, 12345u);
+  EXPECT_EQ(call.index, "3");
+  EXPECT_EQ(call.firstIndex, "1");
+  EXPECT_EQ(call.amount, 0u);
+  EXPECT_EQ(call.unused, 12345u);
   EXPECT_THAT(Requests(backend()), ElementsAre(BatchStatsRequest("1,2,3")));
   EXPECT_THAT(PackageText(rsp_), ElementsAre(WalkRow(1), WalkRow(2), WalkRow(3)));
   std::vector<std::string> expected = {Enter(kBatchInfoSig)};
@@ -517,15 +533,12 @@ TEST_F(PerformanceLunTest, ABatchCutShortByTheListingReturnsMinusOneAfterItsRows
   BatchStatsResponder stats;
   backend().on(kLunStatsCmd, stats);
   auto listing = Package({Lun("5"), Lun("6"), Control(0)});
-  std::string index = CSnmpTableBase::INVALID_KEY;
-  std::string firstIndex = CSnmpTableBase::INVALID_KEY;
-  unsigned long long unused = 0;
-  Uint32 amount = 160;
-  int collected = 0;
-  EXPECT_EQ(handler_.GetBatchTableInfo_i(*listing, index, firstIndex, unused, amount, collected, rsp_), -1);
-  EXPECT_EQ(collected, -1);
+  BatchInfoCall call;
+  call.collected = 0;
+  EXPECT_EQ(call.Run(handler_, *listing, rsp_), -1);
+  EXPECT_EQ(call.collected, -1);
   EXPECT_EQ(handler_.m_iRetCode, 0);
-  EXPECT_EQ(amount, 158u);
+  EXPECT_EQ(call.amount, 158u);
   EXPECT_THAT(PackageText(rsp_), ElementsAre(WalkRow(5), WalkRow(6)));
   EXPECT_THAT(
       KitLines(log_, 4),
@@ -534,16 +547,12 @@ TEST_F(PerformanceLunTest, ABatchCutShortByTheListingReturnsMinusOneAfterItsRows
 
 TEST_F(PerformanceLunTest, AListingOpeningWithTheEndGivesAnEmptyBatchAndTheEndMessage) {
   auto listing = Package({Control(1), Lun("1")});
-  std::string index = CSnmpTableBase::INVALID_KEY;
-  std::string firstIndex = CSnmpTableBase::INVALID_KEY;
-  unsigned long long unused = 0;
-  Uint32 amount = 160;
-  int collected = 77;
-  EXPECT_EQ(handler_.GetBatchTableInfo_i(*listing, index, firstIndex, unused, amount, collected, rsp_), 0);
-  EXPECT_EQ(collected, 0);
-  EXPECT_EQ(index, CSnmpTableBase::INVALID_KEY);
-  EXPECT_EQ(firstIndex, CSnmpTableBase::INVALID_KEY);
-  EXPECT_EQ(amount, 160u);
+  BatchInfoCall call;
+  EXPECT_EQ(call.Run(handler_, *listing, rsp_), 0);
+  EXPECT_EQ(call.collected, 0);
+  EXPECT_EQ(call.index, CSnmpTableBase::INVALID_KEY);
+  EXPECT_EQ(call.firstIndex, CSnmpTableBase::INVALID_KEY);
+  EXPECT_EQ(call.amount, 160u);
   EXPECT_EQ(handler_.m_iRetCode, 0);
   EXPECT_THAT(rsp_.records(), IsEmpty());
   EXPECT_EQ(backend().callCount(), 0u);
@@ -555,14 +564,12 @@ TEST_F(PerformanceLunTest, AListingOpeningWithTheEndGivesAnEmptyBatchAndTheEndMe
 
 TEST_F(PerformanceLunTest, AnEmptyListingReplyGivesTheEndMessageAndAsksForMore) {
   CTLVPackage listing;
-  std::string index = "160";
-  std::string firstIndex = "1";
-  unsigned long long unused = 0;
-  Uint32 amount = 160;
-  int collected = 77;
-  EXPECT_EQ(handler_.GetBatchTableInfo_i(listing, index, firstIndex, unused, amount, collected, rsp_), -1);
-  EXPECT_EQ(collected, -1);
-  EXPECT_EQ(index, "160");
+  BatchInfoCall call;
+  call.index = "160";
+  call.firstIndex = "1";
+  EXPECT_EQ(call.Run(handler_, listing, rsp_), -1);
+  EXPECT_EQ(call.collected, -1);
+  EXPECT_EQ(call.index, "160");
   EXPECT_EQ(backend().callCount(), 0u);
   EXPECT_THAT(KitLines(log_),
               ElementsAre(Enter(kBatchInfoSig), Debug("GetBatchTableInfo_i", "end to  get perf lun data"),
@@ -572,14 +579,10 @@ TEST_F(PerformanceLunTest, AnEmptyListingReplyGivesTheEndMessageAndAsksForMore) 
 TEST_F(PerformanceLunTest, BackEndRefusingTheBatchIsLoggedReturnedAndStoredAsTheResultCode) {
   backend().on(kLunStatsCmd, Answer(5));
   auto listing = Package({Lun("1"), Lun("2"), Control(0)});
-  std::string index = CSnmpTableBase::INVALID_KEY;
-  std::string firstIndex = CSnmpTableBase::INVALID_KEY;
-  unsigned long long unused = 0;
-  Uint32 amount = 160;
-  int collected = 77;
-  EXPECT_EQ(handler_.GetBatchTableInfo_i(*listing, index, firstIndex, unused, amount, collected, rsp_), 5);
+  BatchInfoCall call;
+  EXPECT_EQ(call.Run(handler_, *listing, rsp_), 5);
   EXPECT_EQ(handler_.m_iRetCode, 5);
-  EXPECT_EQ(collected, -1);  // the collection result stays as collected
+  EXPECT_EQ(call.collected, -1);  // the collection result stays as collected
   EXPECT_THAT(rsp_.records(), IsEmpty());
   EXPECT_THAT(Requests(backend()), ElementsAre(BatchStatsRequest("1,2")));
   std::vector<std::string> expected = {Enter(kBatchInfoSig)};
@@ -596,15 +599,11 @@ TEST_F(PerformanceLunTest, UnparsableBatchValuesAreStoredAsResultMinusOne) {
   backend().on(kLunStatsCmd,
                Answer{Rec().str(13, "1").str(9, "1,2,3,4,5,6,7,8,9,10,11,12,13"), Rec().str(13, "2").str(9, "oops")});
   auto listing = Package({Lun("1"), Lun("2"), Control(1)});
-  std::string index = CSnmpTableBase::INVALID_KEY;
-  std::string firstIndex = CSnmpTableBase::INVALID_KEY;
-  unsigned long long unused = 0;
-  Uint32 amount = 160;
-  int collected = 77;
-  EXPECT_EQ(handler_.GetBatchTableInfo_i(*listing, index, firstIndex, unused, amount, collected, rsp_), -1);
+  BatchInfoCall call;
+  EXPECT_EQ(call.Run(handler_, *listing, rsp_), -1);
   EXPECT_EQ(handler_.m_iRetCode, -1);
-  EXPECT_EQ(collected, -1);
-  EXPECT_EQ(index, CSnmpTableBase::INVALID_KEY);
+  EXPECT_EQ(call.collected, -1);
+  EXPECT_EQ(call.index, CSnmpTableBase::INVALID_KEY);
   EXPECT_THAT(PackageText(rsp_),
               ElementsAre(kResponseId + LunRow(1, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13}, 150, 200)));
   std::vector<std::string> lines = KitLines(log_, 4);

@@ -61,6 +61,21 @@ class NodeHandlerTest : public HandlerTest<> {
   std::vector<std::string> QueryTraces(const std::vector<bool>& batches, bool ok) {
     return CallTraces(kSimpleQueryTableSig, kGetBatchPerfDataSig, batches, ok, kBareTrace);
   }
+  // A query of handler that answers a row for each listed controller: it
+  // returns 0 after the switch query and requests (the listing, then one
+  // statistics query per controller), writes no message and traces every
+  // statistics query as succeeded; the rows are those of the answer.
+  void ExpectEveryControllerAnswered(CPerformanceNodeHandler& handler, const std::vector<std::string>& requests,
+                                     const std::vector<std::string>& rows) {
+    EXPECT_EQ(Query(handler), 0);
+
+    std::vector<std::string> all{kSwitchQuery};
+    all.insert(all.end(), requests.begin(), requests.end());
+    EXPECT_EQ(Requests(backend(), ListingLabel::kWord), all);
+    EXPECT_EQ(PackageText(rsp_), rows);
+    EXPECT_TRUE(KitMessages(log_).empty());
+    EXPECT_EQ(log_.traces(), QueryTraces(std::vector<bool>(requests.size() - 1, true), true));
+  }
 };
 
 TEST_F(NodeHandlerTest, HooksListControllersAndAskStatisticsOfControllers) {
@@ -79,15 +94,9 @@ TEST_F(NodeHandlerTest, ItemListWithoutFeature602HasNineItems) {
   backend().onListing(207, Answer{Controller("0A")});
   backend().onStats("207:0A", Join(kValues0A));
 
-  EXPECT_EQ(Query(handler), 0);
-
-  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
-            (std::vector<std::string>{
-                kSwitchQuery, kListing207,
-                R"(query 0xDE0222010: 0/2/7/"207:0A\0" 8/2/27/"68,69,78,22,25,28,21,23,26\0" 2/3/8/4)"}));
-  EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{Row(0, kValues0A, false)}));
-  EXPECT_TRUE(KitMessages(log_).empty());
-  EXPECT_EQ(log_.traces(), QueryTraces({true}, true));
+  ExpectEveryControllerAnswered(
+      handler, {kListing207, R"(query 0xDE0222010: 0/2/7/"207:0A\0" 8/2/27/"68,69,78,22,25,28,21,23,26\0" 2/3/8/4)"},
+      {Row(0, kValues0A, false)});
 }
 
 TEST_F(NodeHandlerTest, ItemListWithFeature602HasElevenItems) {
@@ -97,15 +106,10 @@ TEST_F(NodeHandlerTest, ItemListWithFeature602HasElevenItems) {
   backend().onListing(207, Answer{Controller("0A")});
   backend().onStats("207:0A", Join(kValues0A11));
 
-  EXPECT_EQ(Query(handler), 0);
-
-  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
-            (std::vector<std::string>{
-                kSwitchQuery, kListing207,
-                R"(query 0xDE0222010: 0/2/7/"207:0A\0" 8/2/35/"68,69,78,22,25,28,21,23,26,475,476\0" 2/3/8/4)"}));
-  EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{Row(0, kValues0A11, true)}));
-  EXPECT_TRUE(KitMessages(log_).empty());
-  EXPECT_EQ(log_.traces(), QueryTraces({true}, true));
+  ExpectEveryControllerAnswered(
+      handler,
+      {kListing207, R"(query 0xDE0222010: 0/2/7/"207:0A\0" 8/2/35/"68,69,78,22,25,28,21,23,26,475,476\0" 2/3/8/4)"},
+      {Row(0, kValues0A11, true)});
 }
 
 TEST_F(NodeHandlerTest, OtherFeaturesDoNotChangeTheItemList) {
@@ -122,16 +126,12 @@ TEST_F(NodeHandlerTest, WithoutFeature602TagsElevenAndTwelveCarryEightByteAllOne
   backend().onStats("207:0A", Join(kValues0A));
   backend().onStats("207:1B", Join(kValues1B));
 
-  EXPECT_EQ(Query(handler), 0);
-
-  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
-            (std::vector<std::string>{kSwitchQuery, kListing207, Stats9("0A"), Stats9("1B")}));
-  EXPECT_EQ(PackageText(rsp_),
-            (std::vector<std::string>{
-                "0xFFFFFFFFFFFFFFFF: 1/3/4/0 2/3/4/10 3/3/4/11 4/3/4/12 5/3/4/13 6/3/4/14 7/3/4/15 8/3/4/16 9/3/4/17 "
-                "10/3/4/4294967295 11/3/8/18446744073709551615 12/3/8/18446744073709551615",
-                "0xFFFFFFFFFFFFFFFF: 1/3/4/5 2/3/4/20 3/3/4/21 4/3/4/22 5/3/4/23 6/3/4/24 7/3/4/25 8/3/4/26 9/3/4/27 "
-                "10/3/4/28 11/3/8/18446744073709551615 12/3/8/18446744073709551615"}));
+  ExpectEveryControllerAnswered(
+      handler, {kListing207, Stats9("0A"), Stats9("1B")},
+      {"0xFFFFFFFFFFFFFFFF: 1/3/4/0 2/3/4/10 3/3/4/11 4/3/4/12 5/3/4/13 6/3/4/14 7/3/4/15 8/3/4/16 9/3/4/17 "
+       "10/3/4/4294967295 11/3/8/18446744073709551615 12/3/8/18446744073709551615",
+       "0xFFFFFFFFFFFFFFFF: 1/3/4/5 2/3/4/20 3/3/4/21 4/3/4/22 5/3/4/23 6/3/4/24 7/3/4/25 8/3/4/26 9/3/4/27 "
+       "10/3/4/28 11/3/8/18446744073709551615 12/3/8/18446744073709551615"});
   ASSERT_EQ(rsp_.size(), 2u);
   for (size_t r = 0; r < rsp_.size(); ++r) {
     ASSERT_EQ(rsp_[r]->cellCount(), 12u);
@@ -143,8 +143,6 @@ TEST_F(NodeHandlerTest, WithoutFeature602TagsElevenAndTwelveCarryEightByteAllOne
       for (unsigned i = 0; i < 8; ++i) EXPECT_EQ(c->value()[i], 0xFF);
     }
   }
-  EXPECT_TRUE(KitMessages(log_).empty());
-  EXPECT_EQ(log_.traces(), QueryTraces({true, true}, true));
 }
 
 TEST_F(NodeHandlerTest, WithFeature602EveryRowHasTwelveCellsOfFourBytes) {
@@ -154,16 +152,12 @@ TEST_F(NodeHandlerTest, WithFeature602EveryRowHasTwelveCellsOfFourBytes) {
   backend().onStats("207:0A", Join(kValues0A11));
   backend().onStats("207:1B", Join(kValues1B11));
 
-  EXPECT_EQ(Query(handler), 0);
-
-  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
-            (std::vector<std::string>{kSwitchQuery, kListing207, Stats11("0A"), Stats11("1B")}));
-  EXPECT_EQ(PackageText(rsp_),
-            (std::vector<std::string>{
-                "0xFFFFFFFFFFFFFFFF: 1/3/4/0 2/3/4/10 3/3/4/11 4/3/4/12 5/3/4/13 6/3/4/14 7/3/4/15 8/3/4/16 9/3/4/17 "
-                "10/3/4/18 11/3/4/19 12/3/4/4294967295",
-                "0xFFFFFFFFFFFFFFFF: 1/3/4/5 2/3/4/20 3/3/4/21 4/3/4/22 5/3/4/23 6/3/4/24 7/3/4/25 8/3/4/26 9/3/4/27 "
-                "10/3/4/28 11/3/4/29 12/3/4/30"}));
+  ExpectEveryControllerAnswered(
+      handler, {kListing207, Stats11("0A"), Stats11("1B")},
+      {"0xFFFFFFFFFFFFFFFF: 1/3/4/0 2/3/4/10 3/3/4/11 4/3/4/12 5/3/4/13 6/3/4/14 7/3/4/15 8/3/4/16 9/3/4/17 "
+       "10/3/4/18 11/3/4/19 12/3/4/4294967295",
+       "0xFFFFFFFFFFFFFFFF: 1/3/4/5 2/3/4/20 3/3/4/21 4/3/4/22 5/3/4/23 6/3/4/24 7/3/4/25 8/3/4/26 9/3/4/27 "
+       "10/3/4/28 11/3/4/29 12/3/4/30"});
   ASSERT_EQ(rsp_.size(), 2u);
   for (size_t r = 0; r < rsp_.size(); ++r) {
     ASSERT_EQ(rsp_[r]->cellCount(), 12u);
@@ -174,8 +168,6 @@ TEST_F(NodeHandlerTest, WithFeature602EveryRowHasTwelveCellsOfFourBytes) {
       EXPECT_EQ(c->length(), 4u);
     }
   }
-  EXPECT_TRUE(KitMessages(log_).empty());
-  EXPECT_EQ(log_.traces(), QueryTraces({true, true}, true));
 }
 
 TEST_F(NodeHandlerTest, RowIsIndexedByNodeNumberOfTheControllerId) {
@@ -186,16 +178,11 @@ TEST_F(NodeHandlerTest, RowIsIndexedByNodeNumberOfTheControllerId) {
   backend().onStats("207:1A", Join(kValues1B));
   backend().onStats("207:12C", Join(kValues0A));
 
-  EXPECT_EQ(Query(handler), 0);
-
-  EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{Row(0, kValues0A, false), Row(3, kValues1B, false),
-                                                         Row(4, kValues1B, false), Row(50, kValues0A, false)}));
-  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
-            (std::vector<std::string>{
-                kSwitchQuery, kListing207, Stats9("0A"), Stats9("0D"), Stats9("1A"),
-                R"(query 0xDE0222010: 0/2/8/"207:12C\0" 8/2/27/"68,69,78,22,25,28,21,23,26\0" 2/3/8/4)"}));
-  EXPECT_TRUE(KitMessages(log_).empty());
-  EXPECT_EQ(log_.traces(), QueryTraces({true, true, true, true}, true));
+  ExpectEveryControllerAnswered(
+      handler,
+      {kListing207, Stats9("0A"), Stats9("0D"), Stats9("1A"),
+       R"(query 0xDE0222010: 0/2/8/"207:12C\0" 8/2/27/"68,69,78,22,25,28,21,23,26\0" 2/3/8/4)"},
+      {Row(0, kValues0A, false), Row(3, kValues1B, false), Row(4, kValues1B, false), Row(50, kValues0A, false)});
 }
 
 TEST_F(NodeHandlerTest, SwitchAtZeroGivesEmptyTableWithoutListingRequest) {
@@ -380,17 +367,11 @@ TEST_F(NodeHandlerTest, ItemListFollowsFeature602AsAskedAtConstruction) {
   backend().onListing(207, Answer{Controller("0A")});
   backend().onStats("207:0A", Join(kValues0A));
 
-  EXPECT_EQ(Query(handler), 0);
-
   // The list keeps nine items; the row asks the feature again, finds it and
   // has no tenth value for tag 11.
-  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
-            (std::vector<std::string>{kSwitchQuery, kListing207, Stats9("0A")}));
-  EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{Row(0, kValues0A, true)}));
+  ExpectEveryControllerAnswered(handler, {kListing207, Stats9("0A")}, {Row(0, kValues0A, true)});
   ASSERT_EQ(rsp_.size(), 1u);
   EXPECT_EQ(rsp_[0]->cellCount(), 10u);
-  EXPECT_TRUE(KitMessages(log_).empty());
-  EXPECT_EQ(log_.traces(), QueryTraces({true}, true));
 }
 
 TEST_F(NodeHandlerTest, FeatureIsAskedAgainForEveryRow) {
@@ -400,16 +381,10 @@ TEST_F(NodeHandlerTest, FeatureIsAskedAgainForEveryRow) {
   backend().onListing(207, Answer{Controller("0A")});
   backend().onStats("207:0A", Join(kValues0A11));
 
-  EXPECT_EQ(Query(handler), 0);
-
-  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
-            (std::vector<std::string>{kSwitchQuery, kListing207, Stats11("0A")}));
   // Ten values are used and the two last are replaced by the absent column.
-  EXPECT_EQ(PackageText(rsp_),
-            (std::vector<std::string>{
-                Row(0, std::vector<unsigned int>(kValues0A11.begin(), kValues0A11.begin() + 9), false)}));
-  EXPECT_TRUE(KitMessages(log_).empty());
-  EXPECT_EQ(log_.traces(), QueryTraces({true}, true));
+  ExpectEveryControllerAnswered(
+      handler, {kListing207, Stats11("0A")},
+      {Row(0, std::vector<unsigned int>(kValues0A11.begin(), kValues0A11.begin() + 9), false)});
 }
 
 // A capability source that answers from a script and records the questions.
@@ -461,14 +436,8 @@ TEST_F(NodeHandlerTest, ShortValueListWithoutFeature602GivesOnlyColumnsThatHaveV
   backend().onStats("207:0A", "7,8,9");
   backend().onStats("207:0B", Join(kValues1B));
 
-  EXPECT_EQ(Query(handler), 0);
-
-  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
-            (std::vector<std::string>{kSwitchQuery, kListing207, Stats9("0A"), Stats9("0B")}));
-  EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{"0xFFFFFFFFFFFFFFFF: 1/3/4/0 2/3/4/7 3/3/4/8 4/3/4/9",
-                                                         Row(1, kValues1B, false)}));
-  EXPECT_TRUE(KitMessages(log_).empty());
-  EXPECT_EQ(log_.traces(), QueryTraces({true, true}, true));
+  ExpectEveryControllerAnswered(handler, {kListing207, Stats9("0A"), Stats9("0B")},
+                                {"0xFFFFFFFFFFFFFFFF: 1/3/4/0 2/3/4/7 3/3/4/8 4/3/4/9", Row(1, kValues1B, false)});
 }
 
 TEST_F(NodeHandlerTest, ShortValueListWithFeature602GivesOnlyColumnsThatHaveValues) {
@@ -478,17 +447,11 @@ TEST_F(NodeHandlerTest, ShortValueListWithFeature602GivesOnlyColumnsThatHaveValu
   backend().onStats("207:0A", "1,2,3,4,5,6,7,8,9,10");
   backend().onStats("207:0B", "5");
 
-  EXPECT_EQ(Query(handler), 0);
-
-  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
-            (std::vector<std::string>{kSwitchQuery, kListing207, Stats11("0A"), Stats11("0B")}));
-  EXPECT_EQ(PackageText(rsp_),
-            (std::vector<std::string>{
-                "0xFFFFFFFFFFFFFFFF: 1/3/4/0 2/3/4/1 3/3/4/2 4/3/4/3 5/3/4/4 6/3/4/5 7/3/4/6 8/3/4/7 9/3/4/8 "
-                "10/3/4/9 11/3/4/10",
-                "0xFFFFFFFFFFFFFFFF: 1/3/4/1 2/3/4/5"}));
-  EXPECT_TRUE(KitMessages(log_).empty());
-  EXPECT_EQ(log_.traces(), QueryTraces({true, true}, true));
+  ExpectEveryControllerAnswered(
+      handler, {kListing207, Stats11("0A"), Stats11("0B")},
+      {"0xFFFFFFFFFFFFFFFF: 1/3/4/0 2/3/4/1 3/3/4/2 4/3/4/3 5/3/4/4 6/3/4/5 7/3/4/6 8/3/4/7 9/3/4/8 "
+       "10/3/4/9 11/3/4/10",
+       "0xFFFFFFFFFFFFFFFF: 1/3/4/1 2/3/4/5"});
 }
 
 TEST_F(NodeHandlerTest, LongerValueListUsesOnlyTheLeadingValues) {
@@ -496,13 +459,7 @@ TEST_F(NodeHandlerTest, LongerValueListUsesOnlyTheLeadingValues) {
   backend().onListing(207, Answer{Controller("0A")});
   backend().onStats("207:0A", Join(kValues0A) + ",98,99");
 
-  EXPECT_EQ(Query(handler), 0);
-
-  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
-            (std::vector<std::string>{kSwitchQuery, kListing207, Stats9("0A")}));
-  EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{Row(0, kValues0A, false)}));
-  EXPECT_TRUE(KitMessages(log_).empty());
-  EXPECT_EQ(log_.traces(), QueryTraces({true}, true));
+  ExpectEveryControllerAnswered(handler, {kListing207, Stats9("0A")}, {Row(0, kValues0A, false)});
 }
 
 // A node table listing another object type: the statistics follow it.
@@ -517,15 +474,11 @@ TEST_F(NodeHandlerTest, StatisticsTypeFollowsTheListedType) {
   backend().onListing(208, Answer{Controller("0A")});
   backend().onStats("208:0A", Join(kValues0A));
 
-  EXPECT_EQ(Query(handler), 0);
-
-  EXPECT_EQ(Requests(backend(), ListingLabel::kWord),
-            (std::vector<std::string>{
-                kSwitchQuery, "listing 0xD0000C000: 0/6/8/208",
-                R"(query 0xDE0222010: 0/2/7/"208:0A\0" 8/2/27/"68,69,78,22,25,28,21,23,26\0" 2/3/8/4)"}));
-  EXPECT_EQ(PackageText(rsp_), (std::vector<std::string>{Row(0, kValues0A, false)}));
-  EXPECT_TRUE(KitMessages(log_).empty());
-  EXPECT_EQ(log_.traces(), QueryTraces({true}, true));
+  ExpectEveryControllerAnswered(
+      handler,
+      {"listing 0xD0000C000: 0/6/8/208",
+       R"(query 0xDE0222010: 0/2/7/"208:0A\0" 8/2/27/"68,69,78,22,25,28,21,23,26\0" 2/3/8/4)"},
+      {Row(0, kValues0A, false)});
 }
 
 }  // namespace

@@ -85,10 +85,7 @@ TEST_F(PerformancePortTest, ListsPortTypes213Then212Then252Then235AndAnswersOneR
                           Row(12, 200, "11/2/3/\"B0\\0\""), Row(13, 300, "11/2/3/\"C0\\0\""),
                           Row(14, 400, "11/2/3/\"D0\\0\"")));
   EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kSigs.queryTable), Enter(kGetBatchPerfDataSig), Leave(kGetBatchPerfDataSig, true),
-                          Enter(kGetBatchPerfDataSig), Leave(kGetBatchPerfDataSig, true), Enter(kGetBatchPerfDataSig),
-                          Leave(kGetBatchPerfDataSig, true), Enter(kGetBatchPerfDataSig),
-                          Leave(kGetBatchPerfDataSig, true), Leave(kSigs.queryTable, true)));
+              ElementsAreArray(CallTraces(kSigs.queryTable, kGetBatchPerfDataSig, {true, true, true, true}, true)));
 }
 
 TEST_F(PerformancePortTest, ListingRequestIsOneRecordWithTheTypeAsAnEightByteType6Cell) {
@@ -146,9 +143,7 @@ TEST_F(PerformancePortTest, Type212PortWithStatus0Or5Or6YieldsARowAndWithStatus1
   EXPECT_THAT(PackageText(rsp_), ElementsAre(Row(1, 10, "11/2/3/\"s0\\0\""), Row(3, 10, "11/2/3/\"s5\\0\""),
                                              Row(4, 10, "11/2/3/\"s6\\0\"")));
   EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kSigs.queryTable), Enter(kGetBatchPerfDataSig), Leave(kGetBatchPerfDataSig, true),
-                          Enter(kGetBatchPerfDataSig), Leave(kGetBatchPerfDataSig, true), Enter(kGetBatchPerfDataSig),
-                          Leave(kGetBatchPerfDataSig, true), Leave(kSigs.queryTable, true)));
+              ElementsAreArray(CallTraces(kSigs.queryTable, kGetBatchPerfDataSig, {true, true, true}, true)));
 }
 
 TEST_F(PerformancePortTest, Type235PortYieldsARowWhateverItsTag64AndTakesItsNameFromTag2) {
@@ -164,9 +159,7 @@ TEST_F(PerformancePortTest, Type235PortYieldsARowWhateverItsTag64AndTakesItsName
   EXPECT_THAT(PackageText(rsp_), ElementsAre(Row(31, 1, "11/2/5/\"eth0\\0\""), Row(32, 2, "11/2/5/\"eth1\\0\""),
                                              Row(33, 3, "11/2/5/\"eth2\\0\"")));
   EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kSigs.queryTable), Enter(kGetBatchPerfDataSig), Leave(kGetBatchPerfDataSig, true),
-                          Enter(kGetBatchPerfDataSig), Leave(kGetBatchPerfDataSig, true), Enter(kGetBatchPerfDataSig),
-                          Leave(kGetBatchPerfDataSig, true), Leave(kSigs.queryTable, true)));
+              ElementsAreArray(CallTraces(kSigs.queryTable, kGetBatchPerfDataSig, {true, true, true}, true)));
 }
 
 TEST_F(PerformancePortTest, Type213PortWithANonEmptyTag70YieldsNoRow) {
@@ -177,8 +170,7 @@ TEST_F(PerformancePortTest, Type213PortWithANonEmptyTag70YieldsNoRow) {
   EXPECT_THAT(Requests(backend()),
               ElementsAre(kSwitchRequest, kList213, StatsRequest("213:2"), kList212, kList252, kList235));
   EXPECT_THAT(PackageText(rsp_), ElementsAre(Row(2, 20, "11/2/3/\"p2\\0\"")));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kSigs.queryTable), Enter(kGetBatchPerfDataSig),
-                                          Leave(kGetBatchPerfDataSig, true), Leave(kSigs.queryTable, true)));
+  EXPECT_THAT(KitLines(log_), ElementsAreArray(CallTraces(kSigs.queryTable, kGetBatchPerfDataSig, {true}, true)));
 }
 
 TEST_F(PerformancePortTest, Type213PortWithNonEmptyTag70IsLeftOutBeforeItsStatusIsRead) {
@@ -314,9 +306,7 @@ TEST_F(PerformancePortTest, StatusCellOfStringTypeThrowsNotNumericalTag64AndKeep
   EXPECT_THAT(Requests(backend()),
               ElementsAre(kSwitchRequest, kList213, StatsRequest("213:1"), kList212, StatsRequest("212:2")));
   EXPECT_THAT(PackageText(rsp_), ElementsAre(Row(1, 10, "11/2/2/\"a\\0\""), Row(2, 20, "11/2/2/\"b\\0\"")));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kSigs.queryTable), Enter(kGetBatchPerfDataSig),
-                                          Leave(kGetBatchPerfDataSig, true), Enter(kGetBatchPerfDataSig),
-                                          Leave(kGetBatchPerfDataSig, true), Leave(kSigs.queryTable, true)));
+  EXPECT_THAT(KitLines(log_), ElementsAreArray(CallTraces(kSigs.queryTable, kGetBatchPerfDataSig, {true, true}, true)));
 }
 
 TEST_F(PerformancePortTest, PortWithoutAStatusCellThrowsCellDontExistForTag64) {
@@ -336,9 +326,7 @@ TEST_F(PerformancePortTest, ShortValueListGivesARowOfOnlyTheColumnsItHasValuesFo
                                              "0xFFFFFFFFFFFFFFFF: 1/3/4/7 2/3/4/9 11/2/4/\"one\\0\""));
   EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest, kList213, kList212, StatsRequest("212:6"),
                                                StatsRequest("212:7"), kList252, kList235));
-  EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kSigs.queryTable), Enter(kGetBatchPerfDataSig),
-                                          Leave(kGetBatchPerfDataSig, true), Enter(kGetBatchPerfDataSig),
-                                          Leave(kGetBatchPerfDataSig, true), Leave(kSigs.queryTable, true)));
+  EXPECT_THAT(KitLines(log_), ElementsAreArray(CallTraces(kSigs.queryTable, kGetBatchPerfDataSig, {true, true}, true)));
 }
 
 TEST_F(PerformancePortTest, ValuesBeyondTheNinthAreNotAnswered) {

@@ -157,31 +157,34 @@ TEST_F(PerformanceSwitchTest, WritesOfZeroOneAndAllOnesEachReachTheBackEndAsFour
   }
 }
 
-TEST_F(PerformanceSwitchTest, WriteOfASignedOneByteFFReachesTheBackEndAsAllOnes) {
-  std::unique_ptr<CTLVPackage> req = WriteRequest(Rec().cell(0, 4, {0xFF}));
-  EXPECT_EQ(Write(*req), 0);
-  EXPECT_THAT(Requests(backend()), ElementsAre("listing=0 0xDE0222002: 0/3/4/4294967295"));
-  EXPECT_THAT(PackageText(rsp_), ElementsAre("0x5: 0/3/4/77"));
-  EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kSetSig), Warn("OnSetLeaf", "set perf switch to -1, iRet:0."), Leave(kSetSig, false)));
-}
-
-TEST_F(PerformanceSwitchTest, WriteOfAnUnsignedOneByteFFReachesTheBackEndAs255) {
-  std::unique_ptr<CTLVPackage> req = WriteRequest(Rec().cell(0, 3, {0xFF}));
-  EXPECT_EQ(Write(*req), 0);
-  EXPECT_THAT(Requests(backend()), ElementsAre("listing=0 0xDE0222002: 0/3/4/255"));
-  EXPECT_THAT(PackageText(rsp_), ElementsAre("0x5: 0/3/4/77"));
-  EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kSetSig), Warn("OnSetLeaf", "set perf switch to 255, iRet:0."), Leave(kSetSig, false)));
-}
-
-TEST_F(PerformanceSwitchTest, WriteOfAnEightByteValueReachesTheBackEndAsItsLowFourBytes) {
-  std::unique_ptr<CTLVPackage> req = WriteRequest(Rec().u64(0, 0x0000000100000002ULL));
-  EXPECT_EQ(Write(*req), 0);
-  EXPECT_THAT(Requests(backend()), ElementsAre("listing=0 0xDE0222002: 0/3/4/2"));
-  EXPECT_THAT(PackageText(rsp_), ElementsAre("0x5: 0/3/4/77"));
-  EXPECT_THAT(KitLines(log_),
-              ElementsAre(Enter(kSetSig), Warn("OnSetLeaf", "set perf switch to 2, iRet:0."), Leave(kSetSig, false)));
+TEST_F(PerformanceSwitchTest, WritesOfOtherCellTypesReachTheBackEndAsFourByteUnsigned) {
+  struct Case {
+    const char* name;
+    Rec cell;
+    const char* request;
+    const char* warning;
+  };
+  const Case cases[] = {
+      // A signed one-byte FF is -1: all ones.
+      {"signed one-byte FF", Rec().cell(0, 4, {0xFF}), "listing=0 0xDE0222002: 0/3/4/4294967295",
+       "set perf switch to -1, iRet:0."},
+      {"unsigned one-byte FF", Rec().cell(0, 3, {0xFF}), "listing=0 0xDE0222002: 0/3/4/255",
+       "set perf switch to 255, iRet:0."},
+      // An eight-byte value keeps its low four bytes.
+      {"eight-byte 0x100000002", Rec().u64(0, 0x0000000100000002ULL), "listing=0 0xDE0222002: 0/3/4/2",
+       "set perf switch to 2, iRet:0."},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    backend().reset();
+    log_.clear();
+    rsp_.clear();
+    std::unique_ptr<CTLVPackage> req = WriteRequest(c.cell);
+    EXPECT_EQ(Write(*req), 0);
+    EXPECT_THAT(Requests(backend()), ElementsAre(c.request));
+    EXPECT_THAT(PackageText(rsp_), ElementsAre("0x5: 0/3/4/77"));
+    EXPECT_THAT(KitLines(log_), ElementsAre(Enter(kSetSig), Warn("OnSetLeaf", c.warning), Leave(kSetSig, false)));
+  }
 }
 
 TEST_F(PerformanceSwitchTest, WritePutsTheBackEndAnswerIntoTheCallersResponse) {

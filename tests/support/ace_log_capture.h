@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/no_copy.h"
+
 namespace zerva_test {
 
 // One captured line, split at the "%D %M (%t) " prefix.
@@ -26,12 +28,10 @@ void PrintTo(const AceLine& line, std::ostream* os);
 ::testing::Matcher<const AceLine&> AceError(const ::testing::Matcher<std::string>& text);
 
 // While alive, routes ACE logging to memory (and away from stderr).
-class AceLogCapture {
+class AceLogCapture : NoCopy {
  public:
   AceLogCapture();
   ~AceLogCapture();
-  AceLogCapture(const AceLogCapture&) = delete;
-  AceLogCapture& operator=(const AceLogCapture&) = delete;
 
   std::vector<AceLine> lines() const;
   // The texts only, in order.

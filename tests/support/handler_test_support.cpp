@@ -1,5 +1,6 @@
 #include "tests/support/handler_test_support.h"
 
+#include <cctype>
 #include <cstdio>
 
 #include "diag/vem_exception.h"
@@ -8,26 +9,18 @@ namespace zerva_test {
 
 namespace {
 
-const char* LevelName(EVEMLogLevel level) {
-  switch (level) {
-    case VEM_LOG_TRACE:
-      return "TRACE";
-    case VEM_LOG_DEBUG:
-      return "DEBUG";
-    case VEM_LOG_WARN:
-      return "WARN";
-    case VEM_LOG_ERROR:
-      return "ERROR";
-    default:
-      return "OTHER";
-  }
+// The level's name as the kit library spells it, in capitals ("TRACE").
+std::string LevelName(EVEMLogLevel level) {
+  std::string name = VEMLogLevelName(level);
+  for (char& c : name) c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
+  return name;
 }
 
 // "<LEVEL> 0x<code> <function>: <text>"
 std::string MessageText(const CVEMLogRecord& r) {
   char code[32];
   snprintf(code, sizeof code, "0x%llX", r.code);
-  return std::string(LevelName(r.level)) + " " + code + " " + r.function + ": " + r.message;
+  return LevelName(r.level) + " " + code + " " + r.function + ": " + r.message;
 }
 
 }  // namespace

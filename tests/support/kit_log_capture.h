@@ -7,17 +7,16 @@
 #include <vector>
 
 #include "vempub/vem_debug_kit.h"
+#include "tests/support/no_copy.h"
 
 namespace zerva_test {
 
-class KitLogCapture {
+class KitLogCapture : NoCopy {
  public:
   // Sets every kit to trace level and routes records to memory; the
   // destructor restores the previous sink and level.
   KitLogCapture();
   ~KitLogCapture();
-  KitLogCapture(const KitLogCapture&) = delete;
-  KitLogCapture& operator=(const KitLogCapture&) = delete;
 
   std::vector<CVEMLogRecord> records() const;
   // Records of one level.

@@ -4,14 +4,14 @@
 
 #include <string>
 
+#include "tests/support/no_copy.h"
+
 namespace zerva_test {
 
-class TempDir {
+class TempDir : NoCopy {
  public:
   TempDir();
   ~TempDir();
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
   // The directory ("" when it could not be made).
   const std::string& path() const { return path_; }
   // Writes `text` to the file `name` in the directory; returns its path.

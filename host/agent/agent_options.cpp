@@ -1,14 +1,13 @@
 #include "host/agent/agent_options.h"
 
-#include <getopt.h>
-
 #include <cstdint>
 #include <cstdlib>
-#include <fstream>
 #include <sstream>
 
 #include "snmpcommon/snmp_backend_frame.h"
+#include "vempub/vem_command_line.h"
 #include "vempub/vem_decimal.h"
+#include "vempub/vem_text_file.h"
 
 namespace zerva_agent {
 
@@ -41,11 +40,13 @@ bool ParseBool(const std::string& text, bool* out) {
   return false;
 }
 
-// A number token: a decimal number (ParseDecimal's rule) within [lo, hi].
-bool NumberToken(const std::string& value, uint64_t lo, uint64_t hi, uint64_t* out, std::string* error) {
+// A number token: a decimal number (ParseDecimal's rule) within [lo, hi],
+// stored in *out.
+template <typename T>
+bool NumberToken(const std::string& value, uint64_t lo, uint64_t hi, T* out, std::string* error) {
   uint64_t n = 0;
   if (ParseDecimal(value, hi, &n) && n >= lo) {
-    *out = n;
+    *out = static_cast<T>(n);
     return true;
   }
   *error = "'" + value + "' is not a number from " + std::to_string(lo) + " to " + std::to_string(hi);
@@ -87,7 +88,6 @@ const std::vector<AgentToken>& AgentTokens() {
 
 bool ApplyAgentToken(const std::string& token, const std::string& rawValue, AgentOptions* o, std::string* error) {
   const std::string value = Trim(rawValue);
-  uint64_t n = 0;
   if (token == "zervaModule") return PathToken(value, &o->modulePath, error);
   if (token == "zervaMibDir") return PathToken(value, &o->mibDir, error);
   if (token == "zervaDeviceConfig") return PathToken(value, &o->deviceConfig, error);
@@ -107,21 +107,9 @@ bool ApplyAgentToken(const std::string& token, const std::string& rawValue, Agen
     o->backend = value;
     return true;
   }
-  if (token == "zervaBackendTimeout") {
-    if (!NumberToken(value, 1, 3600000, &n, error)) return false;
-    o->backendTimeoutMs = static_cast<unsigned int>(n);
-    return true;
-  }
-  if (token == "zervaSnapshotSeconds") {
-    if (!NumberToken(value, 0, 86400, &n, error)) return false;
-    o->snapshotSeconds = static_cast<unsigned int>(n);
-    return true;
-  }
-  if (token == "zervaBatchRows") {
-    if (!NumberToken(value, 1, 10000, &n, error)) return false;
-    o->batchRows = static_cast<unsigned int>(n);
-    return true;
-  }
+  if (token == "zervaBackendTimeout") return NumberToken(value, 1, 3600000, &o->backendTimeoutMs, error);
+  if (token == "zervaSnapshotSeconds") return NumberToken(value, 0, 86400, &o->snapshotSeconds, error);
+  if (token == "zervaBatchRows") return NumberToken(value, 1, 10000, &o->batchRows, error);
   if (token == "zervaLogLevel") {
     if (VEMParseLogLevel(value, &o->logLevel)) return true;
     *error = "'" + value + "' is not one of trace, debug, warn, error, off";
@@ -140,56 +128,41 @@ bool ApplyAgentToken(const std::string& token, const std::string& rawValue, Agen
     *error = "'" + value + "' is not " + (token == "zervaSyslog" ? "yes or no" : "master or agentx");
     return false;
   }
-  if (token == "zervaSimLuns" || token == "zervaSimFileSystems") {
-    if (!NumberToken(value, 0, 1000000, &n, error)) return false;
-    (token == "zervaSimLuns" ? o->simLuns : o->simFileSystems) = static_cast<long>(n);
-    return true;
-  }
-  if (token == "zervaSimFeatures") {
-    if (!NumberToken(value, 0, 7, &n, error)) return false;
-    o->simFeatures = static_cast<long>(n);
-    return true;
-  }
-  if (token == "zervaSimSeed") {
-    if (!NumberToken(value, 0, UINT64_MAX, &n, error)) return false;
-    o->simSeed = n;
-    return true;
-  }
+  if (token == "zervaSimLuns") return NumberToken(value, 0, 1000000, &o->simLuns, error);
+  if (token == "zervaSimFileSystems") return NumberToken(value, 0, 1000000, &o->simFileSystems, error);
+  if (token == "zervaSimFeatures") return NumberToken(value, 0, 7, &o->simFeatures, error);
+  if (token == "zervaSimSeed") return NumberToken(value, 0, UINT64_MAX, &o->simSeed, error);
   *error = "unknown token '" + token + "'";
   return false;
 }
 
 bool ScanRole(const std::string& path, bool* agentx, std::string* error) {
-  std::ifstream in(path);
-  if (!in) {
-    *error = path + ": cannot be read";
-    return false;
-  }
-  std::string line;
-  int number = 0;
-  while (std::getline(in, line)) {
-    ++number;
+  std::string text;
+  if (!VEMReadTextFile(path, &text, error)) return false;
+  const VEMLineVisitor role = [agentx](const std::string& line, std::string* why) {
     std::istringstream words(line);
     std::string token;
     words >> token;
-    if (token != "zervaRole") continue;
+    if (token != "zervaRole") return true;
     std::string rest;
     std::getline(words, rest);
     AgentOptions scratch;
-    std::string why;
-    if (!ApplyAgentToken(token, rest, &scratch, &why)) {
-      *error = path + ": line " + std::to_string(number) + ": zervaRole: " + why;
+    if (!ApplyAgentToken(token, rest, &scratch, why)) {
+      *why = "zervaRole: " + *why;
       return false;
     }
     *agentx = scratch.agentx;
-  }
-  return true;
+    return true;
+  };
+  if (VEMForEachLine(text, role, error)) return true;
+  *error = path + ": " + *error;
+  return false;
 }
 
 namespace {
 
-// Codes of the long options without a short form (beyond every char).
-enum LongOption { kOptListen = 256, kOptStateDir, kOptHelp, kOptVersion };
+// Codes of the long options without a short form.
+enum LongOption { kOptListen = VEM_LONG_OPTION_BASE, kOptStateDir, kOptHelp, kOptVersion };
 
 const struct option kLongOptions[] = {
     {"listen", required_argument, nullptr, kOptListen},
@@ -199,32 +172,15 @@ const struct option kLongOptions[] = {
     {nullptr, 0, nullptr, 0},
 };
 
-// The option getopt_long has just refused, as written on the command line.
-std::string RefusedOption(char* const* argv) {
-  if (optopt >= kOptListen) {
-    for (const struct option* o = kLongOptions; o->name != nullptr; ++o) {
-      if (o->val == optopt) return std::string("--") + o->name;
-    }
-  }
-  if (optopt != 0) return std::string("-") + static_cast<char>(optopt);
-  const std::string arg = argv[optind - 1];
-  return arg.substr(0, arg.find('='));
-}
-
 }  // namespace
 
 bool ParseCommandLine(int argc, const char* const* argv, CommandLine* out, std::string* error) {
-  // getopt_long may reorder the pointers it is given: it gets a copy.
-  std::vector<char*> args;
-  for (int i = 0; i < argc; ++i) args.push_back(const_cast<char*>(argv[i]));
-  args.push_back(nullptr);
-  optind = 0;  // a fresh parse (GNU), so that this can be called again
-  opterr = 0;  // the errors are reported through *error
-  int c;
-  while ((c = getopt_long(argc, args.data(), ":c:fLx:h", kLongOptions, nullptr)) != -1) {
-    switch (c) {
+  VEMOptionWords words;
+  words.valuePrefix = "option ";
+  const VEMOptionHandler apply = [out](int code, const std::string& value, std::string*) {
+    switch (code) {
       case 'c':
-        out->configFile = optarg;
+        out->configFile = value;
         break;
       case 'f':
         out->foreground = true;
@@ -233,13 +189,13 @@ bool ParseCommandLine(int argc, const char* const* argv, CommandLine* out, std::
         out->logToStderr = true;
         break;
       case 'x':
-        out->agentxSocket = optarg;
+        out->agentxSocket = value;
         break;
       case kOptListen:
-        out->listen = optarg;
+        out->listen = value;
         break;
       case kOptStateDir:
-        out->stateDir = optarg;
+        out->stateDir = value;
         break;
       case 'h':
       case kOptHelp:
@@ -248,20 +204,10 @@ bool ParseCommandLine(int argc, const char* const* argv, CommandLine* out, std::
       case kOptVersion:
         out->version = true;
         break;
-      case ':':
-        *error = "option " + RefusedOption(args.data()) + " needs a value";
-        return false;
-      default:
-        *error = (optopt >= kOptListen ? "option " + RefusedOption(args.data()) + " takes no value"
-                                       : "unknown option '" + RefusedOption(args.data()) + "'");
-        return false;
     }
-  }
-  if (optind < argc) {
-    *error = "unexpected argument '" + std::string(args[optind]) + "'";
-    return false;
-  }
-  return true;
+    return true;
+  };
+  return VEMParseOptions(argc, argv, "c:fLx:h", kLongOptions, words, apply, nullptr, error);
 }
 
 std::string Usage(const std::string& program) {

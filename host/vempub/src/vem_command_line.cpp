@@ -20,8 +20,8 @@ std::string RefusedOption(const struct option* longOptions, char* const* argv) {
 }  // namespace
 
 bool VEMParseOptions(int argc, const char* const* argv, const char* shortOptions, const struct option* longOptions,
-                     const VEMOptionWords& words, const VEMOptionHandler& handler,
-                     std::vector<std::string>* operands, std::string* error) {
+                     const VEMOptionWords& words, const VEMOptionHandler& handler, std::vector<std::string>* operands,
+                     std::string* error) {
   // getopt_long may reorder the pointers it is given: it gets a copy.
   std::vector<char*> args;
   for (int i = 0; i < argc; ++i) args.push_back(const_cast<char*>(argv[i]));
@@ -54,11 +54,15 @@ bool VEMParseOptions(int argc, const char* const* argv, const char* shortOptions
   return true;
 }
 
-bool VEMAnswerCommandLine(bool parsed, const std::string& error, bool help, bool version,
-                          const VEMProgramTexts& texts, int* status) {
+int VEMRefuseCommandLine(const VEMProgramTexts& texts, const std::string& error) {
+  fprintf(stderr, "%s: %s\n%s", texts.errorPrefix.c_str(), error.c_str(), texts.usage.c_str());
+  return VEM_EXIT_BAD_USAGE;
+}
+
+bool VEMAnswerCommandLine(bool parsed, const std::string& error, bool help, bool version, const VEMProgramTexts& texts,
+                          int* status) {
   if (!parsed) {
-    fprintf(stderr, "%s: %s\n%s", texts.errorPrefix.c_str(), error.c_str(), texts.usage.c_str());
-    *status = VEM_EXIT_BAD_USAGE;
+    *status = VEMRefuseCommandLine(texts, error);
     return true;
   }
   if (help) {

@@ -32,7 +32,7 @@ bool Parse(std::vector<const char*> args, Seen* seen, const VEMOptionWords& word
       return false;
     }
     const std::string name = code < VEM_LONG_OPTION_BASE ? std::string(1, static_cast<char>(code))
-                                                          : kLongOptions[code - VEM_LONG_OPTION_BASE].name;
+                                                         : kLongOptions[code - VEM_LONG_OPTION_BASE].name;
     seen->options.push_back(name + "=" + value);
     return true;
   };
@@ -44,8 +44,7 @@ TEST(VEMParseOptionsTest, HandsEveryOptionAndValueToTheHandlerInOrder) {
   Seen seen;
   ASSERT_TRUE(Parse({"-fc", "a.conf", "--listen", "udp:1", "--listen=udp:2", "--help", "-c", "b"}, &seen))
       << seen.error;
-  EXPECT_EQ(seen.options,
-            (std::vector<std::string>{"f=", "c=a.conf", "listen=udp:1", "listen=udp:2", "help=", "c=b"}));
+  EXPECT_EQ(seen.options, (std::vector<std::string>{"f=", "c=a.conf", "listen=udp:1", "listen=udp:2", "help=", "c=b"}));
 }
 
 TEST(VEMParseOptionsTest, UnknownOptionsAreNamedAsWritten) {
@@ -92,8 +91,7 @@ TEST(VEMParseOptionsTest, ArgumentThatIsNotAnOptionIsAnErrorWithoutOperands) {
 
 TEST(VEMParseOptionsTest, OperandsAreCollectedInOrderAroundTheOptions) {
   Seen seen;
-  ASSERT_TRUE(Parse({"first", "-f", "second", "--listen", "x", "third"}, &seen, VEMOptionWords(), true))
-      << seen.error;
+  ASSERT_TRUE(Parse({"first", "-f", "second", "--listen", "x", "third"}, &seen, VEMOptionWords(), true)) << seen.error;
   EXPECT_EQ(seen.operands, (std::vector<std::string>{"first", "second", "third"}));
   EXPECT_EQ(seen.options, (std::vector<std::string>{"f=", "listen=x"}));
 }
@@ -124,6 +122,16 @@ TEST(VEMAnswerCommandLineTest, ParseErrorPrintsErrorAndUsageOnStderrWithStatusTw
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
   EXPECT_EQ(err, "prog: unknown option '-q'\nusage: prog [-f]\n");
   EXPECT_EQ(status, VEM_EXIT_BAD_USAGE);
+  EXPECT_EQ(status, 2);
+}
+
+TEST(VEMRefuseCommandLineTest, PrintsErrorAndUsageOnStderrAndGivesStatusTwo) {
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  const int status = VEMRefuseCommandLine(kTexts, "an address is needed");
+  const std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  EXPECT_EQ(err, "prog: an address is needed\nusage: prog [-f]\n");
   EXPECT_EQ(status, 2);
 }
 

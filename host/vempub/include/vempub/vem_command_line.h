@@ -39,8 +39,8 @@ typedef std::function<bool(int code, const std::string& value, std::string* erro
 // that takes none ("--help takes no value"), an argument that is not an
 // option ("unexpected argument 'x'"), or what the handler refused.
 bool VEMParseOptions(int argc, const char* const* argv, const char* shortOptions, const struct option* longOptions,
-                     const VEMOptionWords& words, const VEMOptionHandler& handler,
-                     std::vector<std::string>* operands, std::string* error);
+                     const VEMOptionWords& words, const VEMOptionHandler& handler, std::vector<std::string>* operands,
+                     std::string* error);
 
 // Exit statuses of a program's answer to its command line.
 const int VEM_EXIT_OK = 0;
@@ -53,12 +53,17 @@ struct VEMProgramTexts {
   std::string versionLine;  // what --version prints, without the newline
 };
 
+// The answer to a bad command line, also for what the program finds wrong
+// after the parse (a missing or bad argument): "<errorPrefix>: <error>\n" and
+// the usage on stderr. Returns VEM_EXIT_BAD_USAGE, the program's exit status.
+int VEMRefuseCommandLine(const VEMProgramTexts& texts, const std::string& error);
+
 // The answer to a parsed command line before the program's own work. After a
-// parse error (parsed false): "<errorPrefix>: <error>\n" and the usage on
-// stderr, status VEM_EXIT_BAD_USAGE; for help: the usage on stdout; for
-// version: the version line on stdout; both status VEM_EXIT_OK. Returns true
-// with *status when the program is to exit now, false when it goes on.
-bool VEMAnswerCommandLine(bool parsed, const std::string& error, bool help, bool version,
-                          const VEMProgramTexts& texts, int* status);
+// parse error (parsed false): VEMRefuseCommandLine's; for help: the usage on
+// stdout; for version: the version line on stdout; both status VEM_EXIT_OK.
+// Returns true with *status when the program is to exit now, false when it
+// goes on.
+bool VEMAnswerCommandLine(bool parsed, const std::string& error, bool help, bool version, const VEMProgramTexts& texts,
+                          int* status);
 
 #endif  // ZERVA_VEMPUB_VEM_COMMAND_LINE_H_

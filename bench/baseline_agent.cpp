@@ -214,39 +214,21 @@ struct BaselineOptions {
   bool version = false;
 };
 
-// Codes of the long options.
-enum Option {
-  kOptMib = VEM_LONG_OPTION_BASE,
-  kOptListen,
-  kOptLuns,
-  kOptPorts,
-  kOptControllers,
-  kOptFileSystems,
-  kOptHelp,
-  kOptVersion
-};
+// Codes of the long options, in the order of kOptions.
+enum Option { kOptMib = VEM_LONG_OPTION_BASE, kOptListen, kOptLuns, kOptPorts, kOptControllers, kOptFileSystems };
 
-const struct option kOptions[] = {
-    {"mib", required_argument, nullptr, kOptMib},
-    {"listen", required_argument, nullptr, kOptListen},
-    {"luns", required_argument, nullptr, kOptLuns},
-    {"ports", required_argument, nullptr, kOptPorts},
-    {"controllers", required_argument, nullptr, kOptControllers},
-    {"filesystems", required_argument, nullptr, kOptFileSystems},
-    {"help", no_argument, nullptr, kOptHelp},
-    {"version", no_argument, nullptr, kOptVersion},
-    {nullptr, 0, nullptr, 0},
-};
+const char kOptions[] = "mib:,listen:,luns:,ports:,controllers:,filesystems:";
 
-// The row-count key of each row-count option, by code.
+// The row-count options: their code, name and key in BaselineOptions::counts.
 const struct {
   int code;
+  const char* name;
   const char* key;
 } kRowOptions[] = {
-    {kOptLuns, "lun"},
-    {kOptPorts, "port"},
-    {kOptControllers, "controller"},
-    {kOptFileSystems, "fstable"},
+    {kOptLuns, "--luns", "lun"},
+    {kOptPorts, "--ports", "port"},
+    {kOptControllers, "--controllers", "controller"},
+    {kOptFileSystems, "--filesystems", "fstable"},
 };
 
 // Parses argv with getopt_long. False with *error naming the bad option or value.
@@ -256,18 +238,18 @@ bool ParseBaselineOptions(int argc, char** argv, BaselineOptions* out, std::stri
       if (rows.code != code) continue;
       uint64_t n = 0;
       if (!ParseDecimal(value, LONG_MAX, &n)) {
-        *why = std::string("--") + kOptions[code - kOptMib].name + ": '" + value + "' is not a number of rows";
+        *why = std::string(rows.name) + ": '" + value + "' is not a number of rows";
         return false;
       }
       out->counts[rows.key] = static_cast<long>(n);
     }
     if (code == kOptMib) out->mibPath = value;
     if (code == kOptListen) out->listen = value;
-    if (code == kOptHelp) out->help = true;
-    if (code == kOptVersion) out->version = true;
     return true;
   };
-  return VEMParseOptions(argc, argv, "", kOptions, VEMOptionWords(), apply, nullptr, error);
+  VEMCommandLineSyntax syntax;
+  syntax.longOptions = kOptions;
+  return VEMParseOptions(argc, argv, syntax, apply, nullptr, &out->help, &out->version, error);
 }
 
 }  // namespace

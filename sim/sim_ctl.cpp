@@ -72,16 +72,10 @@ VEMProgramTexts Texts() { return {kProgram, Usage(), std::string(kProgram) + " "
 
 int BadUsage(const std::string& text) { return VEMRefuseCommandLine(Texts(), text); }
 
-// Codes of the long options.
-enum Option { kOptTimeout = VEM_LONG_OPTION_BASE, kOptDeviceConfig, kOptHelp, kOptVersion };
+// Codes of the long options, in the order of kOptions.
+enum Option { kOptTimeout = VEM_LONG_OPTION_BASE, kOptDeviceConfig };
 
-const struct option kOptions[] = {
-    {"timeout", required_argument, nullptr, kOptTimeout},
-    {"device-config", required_argument, nullptr, kOptDeviceConfig},
-    {"help", no_argument, nullptr, kOptHelp},
-    {"version", no_argument, nullptr, kOptVersion},
-    {nullptr, 0, nullptr, 0},
-};
+const char kOptions[] = "timeout:,device-config:";
 
 // The command line: options, then ADDRESS ACTION [ARG].
 struct CtlCommandLine {
@@ -104,17 +98,13 @@ bool ParseCtlCommandLine(int argc, char** argv, CtlCommandLine* out, std::string
       case kOptDeviceConfig:
         out->deviceConfig = value;
         break;
-      case 'h':
-      case kOptHelp:
-        out->help = true;
-        break;
-      case kOptVersion:
-        out->version = true;
-        break;
     }
     return true;
   };
-  return VEMParseOptions(argc, argv, "h", kOptions, VEMOptionWords(), apply, &out->args, error);
+  VEMCommandLineSyntax syntax;
+  syntax.shortOptions = "h";
+  syntax.longOptions = kOptions;
+  return VEMParseOptions(argc, argv, syntax, apply, &out->args, &out->help, &out->version, error);
 }
 
 // A numeric cell's value: up to 8 bytes, little-endian.

@@ -30,7 +30,7 @@ bool ParseHexMask(const std::string& text, unsigned long max, unsigned long* out
   return true;
 }
 
-// Codes of the long options.
+// Codes of the long options, in the order of kFlags.
 enum Flag {
   kFlagListen = VEM_LONG_OPTION_BASE,
   kFlagTopology,
@@ -41,24 +41,9 @@ enum Flag {
   kFlagSeed,
   kFlagDeviceConfig,
   kFlagFault,
-  kFlagHelp,
-  kFlagVersion,
 };
 
-const struct option kFlags[] = {
-    {"listen", required_argument, nullptr, kFlagListen},
-    {"topology", required_argument, nullptr, kFlagTopology},
-    {"luns", required_argument, nullptr, kFlagLuns},
-    {"filesystems", required_argument, nullptr, kFlagFileSystems},
-    {"features", required_argument, nullptr, kFlagFeatures},
-    {"switch", required_argument, nullptr, kFlagSwitch},
-    {"seed", required_argument, nullptr, kFlagSeed},
-    {"device-config", required_argument, nullptr, kFlagDeviceConfig},
-    {"fault", required_argument, nullptr, kFlagFault},
-    {"help", no_argument, nullptr, kFlagHelp},
-    {"version", no_argument, nullptr, kFlagVersion},
-    {nullptr, 0, nullptr, 0},
-};
+const char kFlags[] = "listen:,topology:,luns:,filesystems:,features:,switch:,seed:,device-config:,fault:";
 
 }  // namespace
 
@@ -145,19 +130,14 @@ bool ParseSimFlags(int argc, const char* const* argv, SimFlags* out, std::string
       case kFlagFault:
         flags.faults.push_back(value);
         break;
-      case 'h':
-      case kFlagHelp:
-        flags.help = true;
-        break;
-      case kFlagVersion:
-        flags.version = true;
-        break;
     }
     return true;
   };
-  VEMOptionWords words;
-  words.noun = "flag";
-  if (!VEMParseOptions(argc, argv, "h", kFlags, words, apply, nullptr, error)) return false;
+  VEMCommandLineSyntax syntax;
+  syntax.shortOptions = "h";
+  syntax.longOptions = kFlags;
+  syntax.noun = "flag";
+  if (!VEMParseOptions(argc, argv, syntax, apply, nullptr, &flags.help, &flags.version, error)) return false;
   if (!flags.help && !flags.version && o.listen.empty()) return *error = "--listen is required", false;
   *out = flags;
   return true;

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <map>
 #include <sstream>
 
 #include "snmpcommon/snmp_backend_frame.h"
@@ -159,55 +160,26 @@ bool ScanRole(const std::string& path, bool* agentx, std::string* error) {
   return false;
 }
 
-namespace {
-
-// Codes of the long options without a short form.
-enum LongOption { kOptListen = VEM_LONG_OPTION_BASE, kOptStateDir, kOptHelp, kOptVersion };
-
-const struct option kLongOptions[] = {
-    {"listen", required_argument, nullptr, kOptListen},
-    {"state-dir", required_argument, nullptr, kOptStateDir},
-    {"help", no_argument, nullptr, kOptHelp},
-    {"version", no_argument, nullptr, kOptVersion},
-    {nullptr, 0, nullptr, 0},
-};
-
-}  // namespace
-
 bool ParseCommandLine(int argc, const char* const* argv, CommandLine* out, std::string* error) {
-  VEMOptionWords words;
-  words.valuePrefix = "option ";
-  const VEMOptionHandler apply = [out](int code, const std::string& value, std::string*) {
-    switch (code) {
-      case 'c':
-        out->configFile = value;
-        break;
-      case 'f':
-        out->foreground = true;
-        break;
-      case 'L':
-        out->logToStderr = true;
-        break;
-      case 'x':
-        out->agentxSocket = value;
-        break;
-      case kOptListen:
-        out->listen = value;
-        break;
-      case kOptStateDir:
-        out->stateDir = value;
-        break;
-      case 'h':
-      case kOptHelp:
-        out->help = true;
-        break;
-      case kOptVersion:
-        out->version = true;
-        break;
+  // Codes of the long options, in the order of syntax.longOptions.
+  enum { kOptListen = VEM_LONG_OPTION_BASE, kOptStateDir };
+  VEMCommandLineSyntax syntax;
+  syntax.shortOptions = "c:fLx:h";
+  syntax.longOptions = "listen:,state-dir:";
+  syntax.valuePrefix = "option ";
+  // Where each option's value goes; the options without a value set a flag.
+  const std::map<int, std::string*> texts = {
+      {'c', &out->configFile}, {'x', &out->agentxSocket}, {kOptListen, &out->listen}, {kOptStateDir, &out->stateDir}};
+  const std::map<int, bool*> flags = {{'f', &out->foreground}, {'L', &out->logToStderr}};
+  const VEMOptionHandler apply = [&texts, &flags](int code, const std::string& value, std::string*) {
+    if (texts.count(code) != 0) {
+      *texts.at(code) = value;
+    } else {
+      *flags.at(code) = true;
     }
     return true;
   };
-  return VEMParseOptions(argc, argv, "c:fLx:h", kLongOptions, words, apply, nullptr, error);
+  return VEMParseOptions(argc, argv, syntax, apply, nullptr, &out->help, &out->version, error);
 }
 
 std::string Usage(const std::string& program) {

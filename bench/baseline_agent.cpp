@@ -14,8 +14,6 @@
 #include <net-snmp/net-snmp-includes.h>
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
-#include <getopt.h>
-
 #include <algorithm>
 #include <climits>
 #include <csignal>
@@ -29,6 +27,7 @@
 #include <vector>
 
 #include "host/agent/mib_description.h"
+#include "vempub/vem_command_line.h"
 #include "vempub/vem_decimal.h"
 #include "zerva_version.h"
 
@@ -215,87 +214,42 @@ struct BaselineOptions {
   bool version = false;
 };
 
-// Codes of the long options (beyond every char).
-enum Option { kOptMib = 256, kOptListen, kOptLuns, kOptPorts, kOptControllers, kOptFileSystems, kOptHelp, kOptVersion };
+// Codes of the long options, in the order of kOptions.
+enum Option { kOptMib = VEM_LONG_OPTION_BASE, kOptListen, kOptLuns, kOptPorts, kOptControllers, kOptFileSystems };
 
-const struct option kOptions[] = {
-    {"mib", required_argument, nullptr, kOptMib},
-    {"listen", required_argument, nullptr, kOptListen},
-    {"luns", required_argument, nullptr, kOptLuns},
-    {"ports", required_argument, nullptr, kOptPorts},
-    {"controllers", required_argument, nullptr, kOptControllers},
-    {"filesystems", required_argument, nullptr, kOptFileSystems},
-    {"help", no_argument, nullptr, kOptHelp},
-    {"version", no_argument, nullptr, kOptVersion},
-    {nullptr, 0, nullptr, 0},
+const char kOptions[] = "mib:,listen:,luns:,ports:,controllers:,filesystems:";
+
+// The row-count options: their code, name and key in BaselineOptions::counts.
+const struct {
+  int code;
+  const char* name;
+  const char* key;
+} kRowOptions[] = {
+    {kOptLuns, "--luns", "lun"},
+    {kOptPorts, "--ports", "port"},
+    {kOptControllers, "--controllers", "controller"},
+    {kOptFileSystems, "--filesystems", "fstable"},
 };
-
-// The option getopt_long has just refused, as written on the command line.
-std::string RefusedOption(char* const* argv) {
-  if (optopt >= kOptMib) {
-    for (const struct option* o = kOptions; o->name != nullptr; ++o) {
-      if (o->val == optopt) return std::string("--") + o->name;
-    }
-  }
-  if (optopt != 0) return std::string("-") + static_cast<char>(optopt);
-  const std::string arg = argv[optind - 1];
-  return arg.substr(0, arg.find('='));
-}
 
 // Parses argv with getopt_long. False with *error naming the bad option or value.
 bool ParseBaselineOptions(int argc, char** argv, BaselineOptions* out, std::string* error) {
-  optind = 0;  // a fresh parse (GNU)
-  opterr = 0;  // the errors are reported through *error
-  int c;
-  while ((c = getopt_long(argc, argv, ":", kOptions, nullptr)) != -1) {
-    const char* key = nullptr;
-    switch (c) {
-      case kOptMib:
-        out->mibPath = optarg;
-        break;
-      case kOptListen:
-        out->listen = optarg;
-        break;
-      case kOptLuns:
-        key = "lun";
-        break;
-      case kOptPorts:
-        key = "port";
-        break;
-      case kOptControllers:
-        key = "controller";
-        break;
-      case kOptFileSystems:
-        key = "fstable";
-        break;
-      case kOptHelp:
-        out->help = true;
-        break;
-      case kOptVersion:
-        out->version = true;
-        break;
-      case ':':
-        *error = RefusedOption(argv) + " needs a value";
-        return false;
-      default:
-        *error = optopt >= kOptMib ? RefusedOption(argv) + " takes no value"
-                                   : "unknown option '" + RefusedOption(argv) + "'";
-        return false;
-    }
-    if (key != nullptr) {
-      uint64_t rows = 0;
-      if (!ParseDecimal(optarg, LONG_MAX, &rows)) {
-        *error = std::string("--") + kOptions[c - kOptMib].name + ": '" + optarg + "' is not a number of rows";
+  const VEMOptionHandler apply = [out](int code, const std::string& value, std::string* why) {
+    for (const auto& rows : kRowOptions) {
+      if (rows.code != code) continue;
+      uint64_t n = 0;
+      if (!ParseDecimal(value, LONG_MAX, &n)) {
+        *why = std::string(rows.name) + ": '" + value + "' is not a number of rows";
         return false;
       }
-      out->counts[key] = static_cast<long>(rows);
+      out->counts[rows.key] = static_cast<long>(n);
     }
-  }
-  if (optind < argc) {
-    *error = std::string("unexpected argument '") + argv[optind] + "'";
-    return false;
-  }
-  return true;
+    if (code == kOptMib) out->mibPath = value;
+    if (code == kOptListen) out->listen = value;
+    return true;
+  };
+  VEMCommandLineSyntax syntax;
+  syntax.longOptions = kOptions;
+  return VEMParseOptions(argc, argv, syntax, apply, nullptr, &out->help, &out->version, error);
 }
 
 }  // namespace
@@ -303,18 +257,10 @@ bool ParseBaselineOptions(int argc, char** argv, BaselineOptions* out, std::stri
 int main(int argc, char** argv) {
   BaselineOptions options;
   std::string error;
-  if (!ParseBaselineOptions(argc, argv, &options, &error)) {
-    fprintf(stderr, "baseline_agent: %s\n%s", error.c_str(), Usage().c_str());
-    return 2;
-  }
-  if (options.help) {
-    fputs(Usage().c_str(), stdout);
-    return 0;
-  }
-  if (options.version) {
-    printf("baseline_agent %s\n", ZERVA_VERSION);
-    return 0;
-  }
+  const bool parsed = ParseBaselineOptions(argc, argv, &options, &error);
+  const VEMProgramTexts texts = {"baseline_agent", Usage(), std::string("baseline_agent ") + ZERVA_VERSION};
+  int status = 0;
+  if (VEMAnswerCommandLine(parsed, error, options.help, options.version, texts, &status)) return status;
   const std::string& mibPath = options.mibPath;
   const std::string& listen = options.listen;
   const std::map<std::string, long>& counts = options.counts;

@@ -10,23 +10,17 @@
 #include "sim/sim_server.h"
 #include "sim/array_simulator.h"
 #include "sim/sim_flags.h"
+#include "vempub/vem_command_line.h"
 #include "zerva_version.h"
 
 int main(int argc, char** argv) {
   zerva_sim::SimFlags flags;
   std::string error;
-  if (!zerva_sim::ParseSimFlags(argc, argv, &flags, &error)) {
-    fprintf(stderr, "%s: %s\n%s", argv[0], error.c_str(), zerva_sim::SimUsage(argv[0]).c_str());
-    return 2;
-  }
-  if (flags.help) {
-    fputs(zerva_sim::SimUsage(argv[0]).c_str(), stdout);
-    return 0;
-  }
-  if (flags.version) {
-    printf("zerva-array-sim %s\n", ZERVA_VERSION);
-    return 0;
-  }
+  const bool parsed = zerva_sim::ParseSimFlags(argc, argv, &flags, &error);
+  const VEMProgramTexts texts = {argv[0], zerva_sim::SimUsage(argv[0]),
+                                 std::string("zerva-array-sim ") + ZERVA_VERSION};
+  int status = 0;
+  if (VEMAnswerCommandLine(parsed, error, flags.help, flags.version, texts, &status)) return status;
   // Block the stop signals in every thread; the main thread waits for them.
   sigset_t stopSignals;
   sigemptyset(&stopSignals);

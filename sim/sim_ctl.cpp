@@ -13,8 +13,6 @@
 //                   one line saying what was done
 // Exit status: 0 done; 1 no answer, an unexpected answer or a refusal;
 // 2 bad command line. Errors are one "zerva-sim-ctl: ..." line on stderr.
-#include <getopt.h>
-
 #include <chrono>
 #include <cinttypes>
 #include <cstdint>
@@ -31,6 +29,7 @@
 #include "snmpcommon/snmp_socket_transport.h"
 #include "tlv/coding.h"
 #include "tlv/vem_message_package.h"
+#include "vempub/vem_command_line.h"
 #include "vempub/vem_debug_kit.h"
 #include "vempub/vem_decimal.h"
 #include "zerva_version.h"
@@ -42,7 +41,7 @@ using zerva_sim::CommandCodes;
 const char kProgram[] = "zerva-sim-ctl";
 const uint64_t kDefaultTimeoutMs = 2000;
 
-enum Exit { kOk = 0, kFailed = 1, kBadUsage = 2 };
+enum Exit { kOk = VEM_EXIT_OK, kFailed = 1, kBadUsage = VEM_EXIT_BAD_USAGE };
 
 std::string Usage() {
   return std::string("usage: ") + kProgram +
@@ -69,33 +68,14 @@ int Fail(int status, const std::string& text) {
   return status;
 }
 
-int BadUsage(const std::string& text) {
-  fprintf(stderr, "%s: %s\n%s", kProgram, text.c_str(), Usage().c_str());
-  return kBadUsage;
-}
+VEMProgramTexts Texts() { return {kProgram, Usage(), std::string(kProgram) + " " + ZERVA_VERSION}; }
 
-// Codes of the long options (beyond every char).
-enum Option { kOptTimeout = 256, kOptDeviceConfig, kOptHelp, kOptVersion };
+int BadUsage(const std::string& text) { return VEMRefuseCommandLine(Texts(), text); }
 
-const struct option kOptions[] = {
-    {"timeout", required_argument, nullptr, kOptTimeout},
-    {"device-config", required_argument, nullptr, kOptDeviceConfig},
-    {"help", no_argument, nullptr, kOptHelp},
-    {"version", no_argument, nullptr, kOptVersion},
-    {nullptr, 0, nullptr, 0},
-};
+// Codes of the long options, in the order of kOptions.
+enum Option { kOptTimeout = VEM_LONG_OPTION_BASE, kOptDeviceConfig };
 
-// The option getopt_long has just refused, as written on the command line.
-std::string RefusedOption(char* const* argv) {
-  if (optopt >= kOptTimeout) {
-    for (const struct option* o = kOptions; o->name != nullptr; ++o) {
-      if (o->val == optopt) return std::string("--") + o->name;
-    }
-  }
-  if (optopt != 0) return std::string("-") + static_cast<char>(optopt);
-  const std::string arg = argv[optind - 1];
-  return arg.substr(0, arg.find('='));
-}
+const char kOptions[] = "timeout:,device-config:";
 
 // The command line: options, then ADDRESS ACTION [ARG].
 struct CtlCommandLine {
@@ -108,35 +88,23 @@ struct CtlCommandLine {
 
 // Parses argv with getopt_long. False with *error naming the bad option or value.
 bool ParseCtlCommandLine(int argc, char** argv, CtlCommandLine* out, std::string* error) {
-  optind = 0;  // a fresh parse (GNU)
-  opterr = 0;  // the errors are reported through *error
-  int c;
-  while ((c = getopt_long(argc, argv, ":h", kOptions, nullptr)) != -1) {
-    switch (c) {
+  const VEMOptionHandler apply = [out](int code, const std::string& value, std::string* why) {
+    switch (code) {
       case kOptTimeout:
-        if (!ParseDecimal(optarg, 3600000, &out->timeoutMs) || out->timeoutMs == 0) {
-          return *error = "--timeout: a number of milliseconds, 1 to 3600000", false;
+        if (!ParseDecimal(value, 3600000, &out->timeoutMs) || out->timeoutMs == 0) {
+          return *why = "--timeout: a number of milliseconds, 1 to 3600000", false;
         }
         break;
       case kOptDeviceConfig:
-        out->deviceConfig = optarg;
+        out->deviceConfig = value;
         break;
-      case 'h':
-      case kOptHelp:
-        out->help = true;
-        break;
-      case kOptVersion:
-        out->version = true;
-        break;
-      case ':':
-        return *error = RefusedOption(argv) + " needs a value", false;
-      default:
-        if (optopt >= kOptTimeout) return *error = RefusedOption(argv) + " takes no value", false;
-        return *error = "unknown option '" + RefusedOption(argv) + "'", false;
     }
-  }
-  out->args.assign(argv + optind, argv + argc);
-  return true;
+    return true;
+  };
+  VEMCommandLineSyntax syntax;
+  syntax.shortOptions = "h";
+  syntax.longOptions = kOptions;
+  return VEMParseOptions(argc, argv, syntax, apply, &out->args, &out->help, &out->version, error);
 }
 
 // A numeric cell's value: up to 8 bytes, little-endian.
@@ -174,15 +142,9 @@ int main(int argc, char** argv) {
 
   CtlCommandLine cmd;
   std::string error;
-  if (!ParseCtlCommandLine(argc, argv, &cmd, &error)) return BadUsage(error);
-  if (cmd.help) {
-    fputs(Usage().c_str(), stdout);
-    return kOk;
-  }
-  if (cmd.version) {
-    printf("%s %s\n", kProgram, ZERVA_VERSION);
-    return kOk;
-  }
+  const bool parsed = ParseCtlCommandLine(argc, argv, &cmd, &error);
+  int status = kOk;
+  if (VEMAnswerCommandLine(parsed, error, cmd.help, cmd.version, Texts(), &status)) return status;
   const std::vector<std::string>& args = cmd.args;
   if (args.size() < 2) return BadUsage("an address and an action are needed");
 

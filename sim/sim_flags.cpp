@@ -1,12 +1,11 @@
 #include "sim/sim_flags.h"
 
-#include <getopt.h>
-
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <sstream>
 
+#include "vempub/vem_command_line.h"
 #include "vempub/vem_decimal.h"
 
 namespace zerva_sim {
@@ -31,9 +30,9 @@ bool ParseHexMask(const std::string& text, unsigned long max, unsigned long* out
   return true;
 }
 
-// Codes of the long options (beyond every char).
+// Codes of the long options, in the order of kFlags.
 enum Flag {
-  kFlagListen = 256,
+  kFlagListen = VEM_LONG_OPTION_BASE,
   kFlagTopology,
   kFlagLuns,
   kFlagFileSystems,
@@ -42,36 +41,9 @@ enum Flag {
   kFlagSeed,
   kFlagDeviceConfig,
   kFlagFault,
-  kFlagHelp,
-  kFlagVersion,
 };
 
-const struct option kFlags[] = {
-    {"listen", required_argument, nullptr, kFlagListen},
-    {"topology", required_argument, nullptr, kFlagTopology},
-    {"luns", required_argument, nullptr, kFlagLuns},
-    {"filesystems", required_argument, nullptr, kFlagFileSystems},
-    {"features", required_argument, nullptr, kFlagFeatures},
-    {"switch", required_argument, nullptr, kFlagSwitch},
-    {"seed", required_argument, nullptr, kFlagSeed},
-    {"device-config", required_argument, nullptr, kFlagDeviceConfig},
-    {"fault", required_argument, nullptr, kFlagFault},
-    {"help", no_argument, nullptr, kFlagHelp},
-    {"version", no_argument, nullptr, kFlagVersion},
-    {nullptr, 0, nullptr, 0},
-};
-
-// The flag getopt_long has just refused, as written on the command line.
-std::string RefusedFlag(char* const* argv) {
-  if (optopt >= kFlagListen) {
-    for (const struct option* f = kFlags; f->name != nullptr; ++f) {
-      if (f->val == optopt) return std::string("--") + f->name;
-    }
-  }
-  if (optopt != 0) return std::string("-") + static_cast<char>(optopt);
-  const std::string arg = argv[optind - 1];
-  return arg.substr(0, arg.find('='));
-}
+const char kFlags[] = "listen:,topology:,luns:,filesystems:,features:,switch:,seed:,device-config:,fault:";
 
 }  // namespace
 
@@ -128,17 +100,9 @@ bool ParseFeatures(const std::string& text, long* mask, std::string* error) {
 
 bool ParseSimFlags(int argc, const char* const* argv, SimFlags* out, std::string* error) {
   SimFlags flags;
-  // getopt_long may reorder the pointers it is given: it gets a copy.
-  std::vector<char*> args;
-  for (int i = 0; i < argc; ++i) args.push_back(const_cast<char*>(argv[i]));
-  args.push_back(nullptr);
-  optind = 0;  // a fresh parse (GNU), so that this can be called again
-  opterr = 0;  // the errors are reported through *error
   SimOptions& o = flags.options;
-  int c;
-  while ((c = getopt_long(argc, args.data(), ":h", kFlags, nullptr)) != -1) {
-    const std::string value = optarg != nullptr ? optarg : "";
-    switch (c) {
+  const VEMOptionHandler apply = [&flags, &o](int code, const std::string& value, std::string* why) {
+    switch (code) {
       case kFlagListen:
         o.listen = value;
         break;
@@ -146,20 +110,19 @@ bool ParseSimFlags(int argc, const char* const* argv, SimFlags* out, std::string
         o.topologyFile = value;
         break;
       case kFlagLuns:
-        if (!ParseCount(value, 1L << 20, &o.luns)) return *error = "--luns: a number 0 to 1048576", false;
+        if (!ParseCount(value, 1L << 20, &o.luns)) return *why = "--luns: a number 0 to 1048576", false;
         break;
       case kFlagFileSystems:
-        if (!ParseCount(value, 1L << 16, &o.fileSystems)) return *error = "--filesystems: a number 0 to 65536", false;
+        if (!ParseCount(value, 1L << 16, &o.fileSystems)) return *why = "--filesystems: a number 0 to 65536", false;
         break;
       case kFlagFeatures:
-        if (!ParseFeatures(value, &o.features, error)) return false;
-        break;
+        return ParseFeatures(value, &o.features, why);
       case kFlagSwitch:
-        if (value != "on" && value != "off") return *error = "--switch: on or off", false;
+        if (value != "on" && value != "off") return *why = "--switch: on or off", false;
         o.switchOn = value == "on" ? 1 : 0;
         break;
       case kFlagSeed:
-        if (!ParseDecimal(value, UINT64_MAX, &o.seed)) return *error = "--seed: a decimal number 0 to 2^64-1", false;
+        if (!ParseDecimal(value, UINT64_MAX, &o.seed)) return *why = "--seed: a decimal number 0 to 2^64-1", false;
         break;
       case kFlagDeviceConfig:
         o.deviceConfig = value;
@@ -167,21 +130,14 @@ bool ParseSimFlags(int argc, const char* const* argv, SimFlags* out, std::string
       case kFlagFault:
         flags.faults.push_back(value);
         break;
-      case 'h':
-      case kFlagHelp:
-        flags.help = true;
-        break;
-      case kFlagVersion:
-        flags.version = true;
-        break;
-      case ':':
-        return *error = RefusedFlag(args.data()) + " needs a value", false;
-      default:
-        if (optopt >= kFlagListen) return *error = RefusedFlag(args.data()) + " takes no value", false;
-        return *error = "unknown flag '" + RefusedFlag(args.data()) + "'", false;
     }
-  }
-  if (optind < argc) return *error = "unexpected argument '" + std::string(args[optind]) + "'", false;
+    return true;
+  };
+  VEMCommandLineSyntax syntax;
+  syntax.shortOptions = "h";
+  syntax.longOptions = kFlags;
+  syntax.noun = "flag";
+  if (!VEMParseOptions(argc, argv, syntax, apply, nullptr, &flags.help, &flags.version, error)) return false;
   if (!flags.help && !flags.version && o.listen.empty()) return *error = "--listen is required", false;
   *out = flags;
   return true;

@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <fstream>
 #include <sstream>
 
 #include "snmpcommon/snmp_comm_util.h"
 #include "vempub/vem_decimal.h"
+#include "vempub/vem_text_file.h"
 
 namespace zerva_sim {
 
@@ -240,33 +240,20 @@ void SetFeatureMask(Topology* t, unsigned long mask) {
 
 bool ParseTopology(const std::string& text, Topology* out, std::string* error) {
   Topology t;
-  std::istringstream in(text);
-  std::string line;
-  int lineNo = 0;
-  while (std::getline(in, line)) {
-    ++lineNo;
+  const VEMLineVisitor apply = [&t](const std::string& line, std::string* why) {
     const std::vector<std::string> words = Words(line);
-    if (words.empty()) continue;
-    std::string what;
-    if (!ApplyLine(words, &t, &what)) {
-      *error = "line " + std::to_string(lineNo) + ": " + what;
-      return false;
-    }
-  }
+    return words.empty() || ApplyLine(words, &t, why);
+  };
+  if (!VEMForEachLine(text, apply, error)) return false;
   *out = std::move(t);
   return true;
 }
 
 bool LoadTopologyFile(const std::string& path, Topology* out, std::string* error) {
-  std::ifstream in(path);
-  if (!in) {
-    *error = path + ": cannot be read";
-    return false;
-  }
-  std::ostringstream text;
-  text << in.rdbuf();
+  std::string text;
+  if (!VEMReadTextFile(path, &text, error)) return false;
   std::string what;
-  if (!ParseTopology(text.str(), out, &what)) {
+  if (!ParseTopology(text, out, &what)) {
     *error = path + ": " + what;
     return false;
   }

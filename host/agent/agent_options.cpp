@@ -1,14 +1,14 @@
 #include "host/agent/agent_options.h"
 
-#include <getopt.h>
-
 #include <cstdint>
 #include <cstdlib>
-#include <fstream>
+#include <map>
 #include <sstream>
 
 #include "snmpcommon/snmp_backend_frame.h"
+#include "vempub/vem_command_line.h"
 #include "vempub/vem_decimal.h"
+#include "vempub/vem_text_file.h"
 
 namespace zerva_agent {
 
@@ -41,11 +41,13 @@ bool ParseBool(const std::string& text, bool* out) {
   return false;
 }
 
-// A number token: a decimal number (ParseDecimal's rule) within [lo, hi].
-bool NumberToken(const std::string& value, uint64_t lo, uint64_t hi, uint64_t* out, std::string* error) {
+// A number token: a decimal number (ParseDecimal's rule) within [lo, hi],
+// stored in *out.
+template <typename T>
+bool NumberToken(const std::string& value, uint64_t lo, uint64_t hi, T* out, std::string* error) {
   uint64_t n = 0;
   if (ParseDecimal(value, hi, &n) && n >= lo) {
-    *out = n;
+    *out = static_cast<T>(n);
     return true;
   }
   *error = "'" + value + "' is not a number from " + std::to_string(lo) + " to " + std::to_string(hi);
@@ -87,7 +89,6 @@ const std::vector<AgentToken>& AgentTokens() {
 
 bool ApplyAgentToken(const std::string& token, const std::string& rawValue, AgentOptions* o, std::string* error) {
   const std::string value = Trim(rawValue);
-  uint64_t n = 0;
   if (token == "zervaModule") return PathToken(value, &o->modulePath, error);
   if (token == "zervaMibDir") return PathToken(value, &o->mibDir, error);
   if (token == "zervaDeviceConfig") return PathToken(value, &o->deviceConfig, error);
@@ -107,21 +108,9 @@ bool ApplyAgentToken(const std::string& token, const std::string& rawValue, Agen
     o->backend = value;
     return true;
   }
-  if (token == "zervaBackendTimeout") {
-    if (!NumberToken(value, 1, 3600000, &n, error)) return false;
-    o->backendTimeoutMs = static_cast<unsigned int>(n);
-    return true;
-  }
-  if (token == "zervaSnapshotSeconds") {
-    if (!NumberToken(value, 0, 86400, &n, error)) return false;
-    o->snapshotSeconds = static_cast<unsigned int>(n);
-    return true;
-  }
-  if (token == "zervaBatchRows") {
-    if (!NumberToken(value, 1, 10000, &n, error)) return false;
-    o->batchRows = static_cast<unsigned int>(n);
-    return true;
-  }
+  if (token == "zervaBackendTimeout") return NumberToken(value, 1, 3600000, &o->backendTimeoutMs, error);
+  if (token == "zervaSnapshotSeconds") return NumberToken(value, 0, 86400, &o->snapshotSeconds, error);
+  if (token == "zervaBatchRows") return NumberToken(value, 1, 10000, &o->batchRows, error);
   if (token == "zervaLogLevel") {
     if (VEMParseLogLevel(value, &o->logLevel)) return true;
     *error = "'" + value + "' is not one of trace, debug, warn, error, off";
@@ -140,128 +129,57 @@ bool ApplyAgentToken(const std::string& token, const std::string& rawValue, Agen
     *error = "'" + value + "' is not " + (token == "zervaSyslog" ? "yes or no" : "master or agentx");
     return false;
   }
-  if (token == "zervaSimLuns" || token == "zervaSimFileSystems") {
-    if (!NumberToken(value, 0, 1000000, &n, error)) return false;
-    (token == "zervaSimLuns" ? o->simLuns : o->simFileSystems) = static_cast<long>(n);
-    return true;
-  }
-  if (token == "zervaSimFeatures") {
-    if (!NumberToken(value, 0, 7, &n, error)) return false;
-    o->simFeatures = static_cast<long>(n);
-    return true;
-  }
-  if (token == "zervaSimSeed") {
-    if (!NumberToken(value, 0, UINT64_MAX, &n, error)) return false;
-    o->simSeed = n;
-    return true;
-  }
+  if (token == "zervaSimLuns") return NumberToken(value, 0, 1000000, &o->simLuns, error);
+  if (token == "zervaSimFileSystems") return NumberToken(value, 0, 1000000, &o->simFileSystems, error);
+  if (token == "zervaSimFeatures") return NumberToken(value, 0, 7, &o->simFeatures, error);
+  if (token == "zervaSimSeed") return NumberToken(value, 0, UINT64_MAX, &o->simSeed, error);
   *error = "unknown token '" + token + "'";
   return false;
 }
 
 bool ScanRole(const std::string& path, bool* agentx, std::string* error) {
-  std::ifstream in(path);
-  if (!in) {
-    *error = path + ": cannot be read";
-    return false;
-  }
-  std::string line;
-  int number = 0;
-  while (std::getline(in, line)) {
-    ++number;
+  std::string text;
+  if (!VEMReadTextFile(path, &text, error)) return false;
+  const VEMLineVisitor role = [agentx](const std::string& line, std::string* why) {
     std::istringstream words(line);
     std::string token;
     words >> token;
-    if (token != "zervaRole") continue;
+    if (token != "zervaRole") return true;
     std::string rest;
     std::getline(words, rest);
     AgentOptions scratch;
-    std::string why;
-    if (!ApplyAgentToken(token, rest, &scratch, &why)) {
-      *error = path + ": line " + std::to_string(number) + ": zervaRole: " + why;
+    if (!ApplyAgentToken(token, rest, &scratch, why)) {
+      *why = "zervaRole: " + *why;
       return false;
     }
     *agentx = scratch.agentx;
-  }
-  return true;
+    return true;
+  };
+  if (VEMForEachLine(text, role, error)) return true;
+  *error = path + ": " + *error;
+  return false;
 }
-
-namespace {
-
-// Codes of the long options without a short form (beyond every char).
-enum LongOption { kOptListen = 256, kOptStateDir, kOptHelp, kOptVersion };
-
-const struct option kLongOptions[] = {
-    {"listen", required_argument, nullptr, kOptListen},
-    {"state-dir", required_argument, nullptr, kOptStateDir},
-    {"help", no_argument, nullptr, kOptHelp},
-    {"version", no_argument, nullptr, kOptVersion},
-    {nullptr, 0, nullptr, 0},
-};
-
-// The option getopt_long has just refused, as written on the command line.
-std::string RefusedOption(char* const* argv) {
-  if (optopt >= kOptListen) {
-    for (const struct option* o = kLongOptions; o->name != nullptr; ++o) {
-      if (o->val == optopt) return std::string("--") + o->name;
-    }
-  }
-  if (optopt != 0) return std::string("-") + static_cast<char>(optopt);
-  const std::string arg = argv[optind - 1];
-  return arg.substr(0, arg.find('='));
-}
-
-}  // namespace
 
 bool ParseCommandLine(int argc, const char* const* argv, CommandLine* out, std::string* error) {
-  // getopt_long may reorder the pointers it is given: it gets a copy.
-  std::vector<char*> args;
-  for (int i = 0; i < argc; ++i) args.push_back(const_cast<char*>(argv[i]));
-  args.push_back(nullptr);
-  optind = 0;  // a fresh parse (GNU), so that this can be called again
-  opterr = 0;  // the errors are reported through *error
-  int c;
-  while ((c = getopt_long(argc, args.data(), ":c:fLx:h", kLongOptions, nullptr)) != -1) {
-    switch (c) {
-      case 'c':
-        out->configFile = optarg;
-        break;
-      case 'f':
-        out->foreground = true;
-        break;
-      case 'L':
-        out->logToStderr = true;
-        break;
-      case 'x':
-        out->agentxSocket = optarg;
-        break;
-      case kOptListen:
-        out->listen = optarg;
-        break;
-      case kOptStateDir:
-        out->stateDir = optarg;
-        break;
-      case 'h':
-      case kOptHelp:
-        out->help = true;
-        break;
-      case kOptVersion:
-        out->version = true;
-        break;
-      case ':':
-        *error = "option " + RefusedOption(args.data()) + " needs a value";
-        return false;
-      default:
-        *error = (optopt >= kOptListen ? "option " + RefusedOption(args.data()) + " takes no value"
-                                       : "unknown option '" + RefusedOption(args.data()) + "'");
-        return false;
+  // Codes of the long options, in the order of syntax.longOptions.
+  enum { kOptListen = VEM_LONG_OPTION_BASE, kOptStateDir };
+  VEMCommandLineSyntax syntax;
+  syntax.shortOptions = "c:fLx:h";
+  syntax.longOptions = "listen:,state-dir:";
+  syntax.valuePrefix = "option ";
+  // Where each option's value goes; the options without a value set a flag.
+  const std::map<int, std::string*> texts = {
+      {'c', &out->configFile}, {'x', &out->agentxSocket}, {kOptListen, &out->listen}, {kOptStateDir, &out->stateDir}};
+  const std::map<int, bool*> flags = {{'f', &out->foreground}, {'L', &out->logToStderr}};
+  const VEMOptionHandler apply = [&texts, &flags](int code, const std::string& value, std::string*) {
+    if (texts.count(code) != 0) {
+      *texts.at(code) = value;
+    } else {
+      *flags.at(code) = true;
     }
-  }
-  if (optind < argc) {
-    *error = "unexpected argument '" + std::string(args[optind]) + "'";
-    return false;
-  }
-  return true;
+    return true;
+  };
+  return VEMParseOptions(argc, argv, syntax, apply, nullptr, &out->help, &out->version, error);
 }
 
 std::string Usage(const std::string& program) {

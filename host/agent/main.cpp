@@ -15,6 +15,7 @@
 #include "host/agent/agent_options.h"
 #include "host/agent/agent_runtime.h"
 #include "host/agent/netsnmp_bridge.h"
+#include "vempub/vem_command_line.h"
 #include "zerva_version.h"
 
 // Net-SNMP's headers define short macros (ACTION, FREE, ...): they come last.
@@ -66,18 +67,10 @@ int Fail(const std::string& text) {
 int main(int argc, char** argv) {
   zerva_agent::CommandLine cmd;
   std::string error;
-  if (!zerva_agent::ParseCommandLine(argc, argv, &cmd, &error)) {
-    fprintf(stderr, "zerva-snmp-agent: %s\n%s", error.c_str(), zerva_agent::Usage(argv[0]).c_str());
-    return 2;
-  }
-  if (cmd.help) {
-    fputs(zerva_agent::Usage(argv[0]).c_str(), stdout);
-    return 0;
-  }
-  if (cmd.version) {
-    printf("zerva-snmp-agent %s\n", ZERVA_VERSION);
-    return 0;
-  }
+  const bool parsed = zerva_agent::ParseCommandLine(argc, argv, &cmd, &error);
+  const VEMProgramTexts texts = {kAppType, zerva_agent::Usage(argv[0]), std::string(kAppType) + " " + ZERVA_VERSION};
+  int status = 0;
+  if (VEMAnswerCommandLine(parsed, error, cmd.help, cmd.version, texts, &status)) return status;
 
   bool agentx = !cmd.agentxSocket.empty();
   if (!cmd.configFile.empty()) {

@@ -14,8 +14,8 @@ const int kOptVersion = INT_MAX;
 
 // The long option table getopt_long wants: the program's options, then
 // --help and --version. The names stay in *names.
-std::vector<struct option> LongOptions(const char* spec, std::vector<std::string>* names) {
-  std::istringstream in(spec);
+std::vector<struct option> LongOptions(const char* list, std::vector<std::string>* names) {
+  std::istringstream in(list);
   std::string name;
   while (std::getline(in, name, ',')) names->push_back(name);
   std::vector<struct option> options;

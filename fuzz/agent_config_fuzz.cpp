@@ -41,6 +41,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -48,7 +49,6 @@
 #include "host/agent/agent_options.h"
 #include "host/agent/netsnmp_bridge.h"
 #include "snmpcommon/snmp_backend_frame.h"
-#include "vempub/vem_decimal.h"
 
 // Net-SNMP last: its macros clash with the ACE headers the ones above pull in.
 // clang-format off
@@ -100,11 +100,18 @@ std::string Lower(const std::string& text) {
   return out;
 }
 
-// A decimal number within [lo, hi], read with the rule every number field
-// follows (ParseDecimal: digits only, leading zeros read as the value).
+// A decimal number within [lo, hi] by the rule every number field follows
+// (digits only, leading zeros read as the value), computed here with the
+// standard library rather than with the parser under test.
 bool ValidNumber(const std::string& v, uint64_t lo, uint64_t hi, uint64_t* out) {
-  uint64_t n = 0;
-  if (!ParseDecimal(v, hi, &n) || n < lo) return false;
+  if (v.empty() || v.find_first_not_of("0123456789") != std::string::npos) return false;
+  unsigned long long n = 0;
+  try {
+    n = std::stoull(v);
+  } catch (const std::out_of_range&) {
+    return false;
+  }
+  if (n < lo || n > hi) return false;
   *out = n;
   return true;
 }

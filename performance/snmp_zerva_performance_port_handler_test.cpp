@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "tlv/coding.h"
 #include "tests/support/handler_test_support.h"
 
 namespace zerva_test {
@@ -105,9 +106,7 @@ TEST_F(PerformancePortTest, ListingRequestIsOneRecordWithTheTypeAsAnEightByteTyp
     EXPECT_EQ(cell.tag(), 0);
     EXPECT_EQ(cell.type(), 6);
     ASSERT_EQ(cell.length(), 8);
-    unsigned long long value = 0;
-    for (int b = 0; b < 8; ++b) value |= static_cast<unsigned long long>(cell.value()[b]) << (8 * b);
-    EXPECT_EQ(value, types[i]);
+    EXPECT_EQ(tlv::DecodeFixed64(cell.value()), types[i]);
   }
   EXPECT_THAT(Requests(backend()), ElementsAre(kSwitchRequest, kList213, kList212, kList252, kList235));
   EXPECT_THAT(rsp_.records(), IsEmpty());

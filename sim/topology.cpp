@@ -1,8 +1,6 @@
 #include "sim/topology.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdlib>
 #include <sstream>
 
 #include "snmpcommon/snmp_comm_util.h"

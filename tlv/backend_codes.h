@@ -73,6 +73,12 @@ enum : unsigned short {
   kTagBatchObjectId = 13,  // text: the object a record of a batch answer is for
 };
 
+// Capability answer (GET_SNMP_FEATURES, asked by the host's capability
+// source): one record per supported feature.
+enum : unsigned short {
+  kTagFeature = 0,  // type 3, 4 bytes: the feature number (48, 49, 602, ...)
+};
+
 // --- Object types --------------------------------------------------------------
 
 enum : unsigned int {

@@ -9,11 +9,13 @@
 #include <regex>
 
 #include "tests/support/ace_log_capture.h"
+#include "tests/support/handler_test_support.h"
 #include "tlv/coding.h"
 
 using ::testing::ElementsAre;
 using zerva_test::AceError;
 using zerva_test::AceLogCapture;
+using zerva_test::ThrownText;
 
 namespace {
 
@@ -557,17 +559,6 @@ TEST(EncodeTest, EncodeThenDecodeReproducesRecordsCellsAndHeader) {
 }
 
 // ---------------------------------------------------------------- access
-
-// The text of the CVEM_Exception that f throws, or "no exception".
-template <typename F>
-std::string ThrownText(F f) {
-  try {
-    f();
-  } catch (const CVEM_Exception& e) {
-    return e.what();
-  }
-  return "no exception";
-}
 
 TEST(PackageTest, IndexOnAnEmptyPackageThrows) {
   CTLVPackage pkg;

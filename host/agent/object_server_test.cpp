@@ -12,6 +12,7 @@
 #include "diag/vem_exception.h"
 #include "performance/snmp_zerva_performance_lun_handler.h"
 #include "performance/snmp_zerva_performance_switch.h"
+#include "tlv/backend_codes.h"
 #include "tests/support/fake_backend.h"
 #include "tests/support/kit_log_capture.h"
 
@@ -30,7 +31,6 @@ using Agentpp::Oidx;
 const char kSwitchPrefix[] = "1.3.6.1.4.1.32473.4.1.21.1";
 const char kLunPrefix[] = "1.3.6.1.4.1.32473.4.1.21.4";
 const char kTablePrefix[] = "1.3.6.1.4.1.32473.99.1";
-const unsigned long long kLunStatsCmd = 59594907720ULL;
 
 std::vector<unsigned long> Subids(const std::string& dotted) {
   std::vector<unsigned long> out;
@@ -394,7 +394,7 @@ class LunBackend {
       : listing_(std::move(keys), pageSize) {
     fixture.setSwitch(1);
     fixture.backend().on(zerva_test::kListingCmd, listing_);
-    fixture.backend().on(kLunStatsCmd, [](const CTLVPackage& req, bool) {
+    fixture.backend().on(backend::kLunBatchStatsCmd, [](const CTLVPackage& req, bool) {
       Answer answer;
       std::stringstream ids(req[0]->operator[](12)->toString());
       std::string id;
@@ -434,7 +434,7 @@ TEST(BatchTableTest, AColumnWalkReadsTheTableInBatchesOnce) {
   EXPECT_EQ("1.2.0=Gauge32: 1", walked[400]);
   EXPECT_EQ("1.3.7=Gauge32: 702", walked[800 + 7]);
   // ceil(400 / 160) statistics commands for the whole walk, all 16 columns.
-  EXPECT_EQ(3u, fixture.backend().callsTo(kLunStatsCmd).size());
+  EXPECT_EQ(3u, fixture.backend().callsTo(backend::kLunBatchStatsCmd).size());
   EXPECT_TRUE(server.batchMode());
 }
 
@@ -447,7 +447,7 @@ TEST(BatchTableTest, BatchesAskForRowsAfterTheRequestedIndex) {
   Lookup next = server.getNext(Under(server, "1.3.249"), 0);
   ASSERT_EQ(Lookup::kFound, next.status) << next.error;
   EXPECT_EQ(Under(server, "1.3.250"), next.name);
-  std::vector<zerva_test::Call> stats = fixture.backend().callsTo(kLunStatsCmd);
+  std::vector<zerva_test::Call> stats = fixture.backend().callsTo(backend::kLunBatchStatsCmd);
   ASSERT_EQ(1u, stats.size());
   EXPECT_EQ(0u, stats[0].package()->operator[](0)->operator[](12)->toString().find("250,251"));
 }
@@ -462,7 +462,7 @@ TEST(BatchTableTest, GetOfOneRowReadsOneBatch) {
   ASSERT_EQ(Lookup::kFound, got.status) << got.error;
   EXPECT_EQ(30001u, got.value.number);
   EXPECT_EQ(Lookup::kFound, server.get(Under(server, "1.5.301")).status);
-  EXPECT_EQ(1u, fixture.backend().callsTo(kLunStatsCmd).size());
+  EXPECT_EQ(1u, fixture.backend().callsTo(backend::kLunBatchStatsCmd).size());
   EXPECT_EQ(Lookup::kNoSuchInstance, server.get(Under(server, "1.2.400")).status);
 }
 
@@ -526,9 +526,9 @@ TEST(BatchTableTest, RowsReadWhileTheBackEndFailedServeOnlyTheirRequest) {
   EXPECT_EQ(Under(server, "1.1.0"), next.name);
   // Rows read from a healthy back end are kept for the snapshot time.
   request = 3;
-  const size_t stats = fixture.backend().callsTo(kLunStatsCmd).size();
+  const size_t stats = fixture.backend().callsTo(backend::kLunBatchStatsCmd).size();
   EXPECT_EQ(Lookup::kFound, server.getNext(server.prefix(), 0).status);
-  EXPECT_EQ(stats, fixture.backend().callsTo(kLunStatsCmd).size());
+  EXPECT_EQ(stats, fixture.backend().callsTo(backend::kLunBatchStatsCmd).size());
 }
 
 }  // namespace

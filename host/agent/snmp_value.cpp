@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <limits>
 
+#include "tlv/coding.h"
 #include "vempub/vem_decimal.h"
 
 namespace zerva_agent {
@@ -55,8 +56,7 @@ SnmpType SnmpTypeOf(MibSyntax syntax) {
 
 uint64_t CellNumber(const CTLVCell& cell) {
   const unsigned n = cell.length() > 8 ? 8 : cell.length();
-  uint64_t value = 0;
-  for (unsigned i = 0; i < n; ++i) value |= static_cast<uint64_t>(cell.value()[i]) << (8 * i);
+  uint64_t value = tlv::DecodeFixedUpTo64(cell.value(), n);
   if (cell.type() == CTLVCell::TLV_TYPE_INT && n > 0 && n < 8 && (cell.value()[n - 1] & 0x80) != 0) {
     value |= ~0ULL << (8 * n);  // sign-extend
   }

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "snmpcommon/snmp_configuration.h"
+#include "tlv/backend_codes.h"
 #include "tlv/vem_message_package.h"
 #include "vempub/vem_debug_kit.h"
 #include "vempub/vem_decimal.h"
@@ -21,11 +22,11 @@ unsigned long long FeaturesCommandCode(std::string* text) {
   return ParseDecimal(*text, UINT64_MAX, &code) ? code : 0;
 }
 
-// The feature number of one answer record: its tag-0 cell, type 3, 4 bytes.
-// False when the record has no such cell.
+// The feature number of one answer record: its feature cell, type 3, 4
+// bytes. False when the record has no such cell.
 bool FeatureOfRecord(const CTLVRecordV3& record, int* feature) {
-  if (!record.hasTag(0)) return false;
-  const CTLVCell* cell = record[0];
+  if (!record.hasTag(backend::kTagFeature)) return false;
+  const CTLVCell* cell = record[backend::kTagFeature];
   if (cell->type() != CTLVCell::TLV_TYPE_UINT || cell->length() != 4) return false;
   *feature = static_cast<int>(CTLVCell::ValueCast<unsigned int>()(cell));
   return true;

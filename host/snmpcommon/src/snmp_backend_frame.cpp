@@ -6,7 +6,6 @@
 #include <sys/un.h>
 
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 
 #include "snmpcommon/snmp_configuration.h"

@@ -384,7 +384,10 @@ Lookup TableServer::getNext(const Agentpp::Oidx& oid, unsigned int rowsHint) {
       after = oid.cut_left(p + 2);
       fromStart = after.empty();
     }
-  } else if (!(oid < entry)) {
+  } else if (entry < oid) {
+    // After the entry and not under it (prefix.2 and beyond): past the table.
+    // The prefix itself, anything before the entry and the entry OID alone
+    // start from the first instance.
     return WithStatus(Lookup::kEndOfObject);
   }
 

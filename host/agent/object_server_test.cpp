@@ -295,6 +295,25 @@ TEST_F(WholeTableTest, GetNextFromInsideAndPastTheTable) {
   EXPECT_EQ(Lookup::kEndOfObject, s->getNext(Under(*s, "2"), 0).status);
 }
 
+TEST_F(WholeTableTest, GetNextFromTheEntryOrAColumnWithoutIndexStartsThere) {
+  handler_.rows = {Rec().u32(1, 1).u32(2, 5).str(3, "a"), Rec().u32(1, 3).u32(2, 7).str(3, "c")};
+  auto s = server();
+  // The table itself, its entry and a column without an index all lead to
+  // the first instance at or after them; a column past the last one ends it.
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"", "1.1.1"}, {"1", "1.1.1"}, {"1.1", "1.1.1"}, {"1.2", "1.2.1"}, {"1.3", "1.3.1"}, {"1.2.4294967295", "1.3.1"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE("after '" + c.first + "'");
+    const Agentpp::Oidx from = c.first.empty() ? s->prefix() : Under(*s, c.first);
+    Lookup next = s->getNext(from, 0);
+    ASSERT_EQ(Lookup::kFound, next.status) << next.error;
+    EXPECT_EQ(Under(*s, c.second), next.name);
+  }
+  EXPECT_EQ(Lookup::kEndOfObject, s->getNext(Under(*s, "1.4"), 0).status);
+  EXPECT_EQ(Lookup::kEndOfObject, s->getNext(Under(*s, "1.3.4294967295"), 0).status);
+}
+
 TEST_F(WholeTableTest, StringIndexIsLengthAndBytesWithoutNul) {
   object_ = Table(kTablePrefix, MibIndexEncoding::String, MibSyntax::DisplayString,
                   {MibColumn{2, "count", MibSyntax::Gauge32, false}});

@@ -31,13 +31,14 @@ TEST(MibTablesTest, EveryTableOfTheMibIsCoveredHere) {
 
 class TableGroundTruthTest : public ::testing::TestWithParam<const char*> {};
 
-// The instances of the table in a walk by `program` equal the ground truth:
-// same row indexes, every column's value and type as the MIB says.
-void ExpectTableEqualsTruth(const AgentUnderTest& agent, const TableTruth& truth, const std::string& program,
-                            const std::string& options) {
+// The instances of the table in a walk by `program` from `root` (the table,
+// or its entry) equal the ground truth: same row indexes, every column's
+// value and type as the MIB says.
+void ExpectTableEqualsTruth(const AgentUnderTest& agent, const TableTruth& truth, const Oid& root,
+                            const std::string& program, const std::string& options) {
   int rc = -1;
   std::string raw;
-  const ParsedWalk walk = Walk(agent, truth.prefix, program, options, &rc, &raw);
+  const ParsedWalk walk = Walk(agent, root, program, options, &rc, &raw);
   EXPECT_EQ(0, rc) << program << ":\n" << raw;
   std::vector<std::string> problems;
   const std::map<Oid, Value> served = InstancesUnder(walk, truth.prefix, &problems);
@@ -69,10 +70,14 @@ TEST_P(TableGroundTruthTest, RowsAndValuesEqualTheSimulatorsGroundTruth) {
   ASSERT_TRUE(served);
   ASSERT_FALSE(truth.rowIndexes.empty());
 
-  ExpectTableEqualsTruth(agent, truth, "snmpwalk", "");
+  ExpectTableEqualsTruth(agent, truth, truth.prefix, "snmpwalk", "");
   if (truth.instances.size() > kBulkWalkFrom) {
-    ExpectTableEqualsTruth(agent, truth, "snmpbulkwalk", "-Cr25");
+    ExpectTableEqualsTruth(agent, truth, truth.prefix, "snmpbulkwalk", "-Cr25");
   }
+  // Managers discover a table by walking its entry.
+  Oid entry = truth.prefix;
+  entry.push_back(1);
+  ExpectTableEqualsTruth(agent, truth, entry, "snmpwalk", "");
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryTable, TableGroundTruthTest, ::testing::ValuesIn(kTables),

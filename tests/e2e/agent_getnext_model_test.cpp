@@ -406,10 +406,10 @@ class AgentXModelTest : public ::testing::Test {
     const int port = zerva_test::FreeUdpPort();
     const std::string conf = dir_.file("snmpd.conf", "rocommunity public 127.0.0.1 " + OidText(Subtree()) +
                                                          "\nmaster agentx\nagentXSocket " + socket + "\n");
-    snmpd_.reset(new zerva_test::Process({"/usr/bin/env", "MIBS=", "SNMP_PERSISTENT_DIR=" + dir_.path(),
-                                          ZERVA_E2E_SNMPD, "-f", "-Lo", "-C", "-c", conf, "-I", "-smux",
-                                          "udp:127.0.0.1:" + std::to_string(port)},
-                                         dir_.path() + "/snmpd.log"));
+    snmpd_.reset(
+        new zerva_test::Process({"/usr/bin/env", "MIBS=", "SNMP_PERSISTENT_DIR=" + dir_.path(), ZERVA_E2E_SNMPD, "-f",
+                                 "-Lo", "-C", "-c", conf, "-I", "-smux", "udp:127.0.0.1:" + std::to_string(port)},
+                                dir_.path() + "/snmpd.log"));
     for (int i = 0; i < 50 && access(socket.c_str(), F_OK) != 0; ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }

@@ -4,7 +4,6 @@
 
 #include <cstdio>
 #include <fstream>
-#include <unistd.h>
 #include <cstdlib>
 
 #include "sim/sim_test_util.h"
@@ -257,10 +256,9 @@ TEST(CommandCodesTest, ReadFromAGivenFileWithDefaultsForMissingItems) {
 }
 
 TEST(CommandCodesTest, CodesAreDecimalWithLeadingZerosRead) {
-  char path[] = "/tmp/sim-codes-XXXXXX";
-  const int fd = mkstemp(path);
-  ASSERT_GE(fd, 0);
-  close(fd);
+  const zerva_test::TempDir dir;
+  ASSERT_FALSE(dir.path().empty());
+  const std::string path = dir.path() + "/device.xml";
   auto write = [&path](const std::string& value) {
     std::ofstream(path) << "<device><section name=\"COMMAND\"><item key=\"GET_CUR_STATISTIC_DATA\" value=\"" << value
                         << "\"/></section></device>";
@@ -275,7 +273,6 @@ TEST(CommandCodesTest, CodesAreDecimalWithLeadingZerosRead) {
     EXPECT_FALSE(LoadCommandCodes(path, &c, &error)) << bad;
     EXPECT_NE(error.find("is not a decimal code"), std::string::npos) << bad << ": " << error;
   }
-  unlink(path);
 }
 
 }  // namespace

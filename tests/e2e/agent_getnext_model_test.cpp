@@ -349,6 +349,9 @@ struct Reading {
   const char* config;
   bool modelFromWalk;
 };
+// gtest names a case by its reading, in messages as in test names.
+void PrintTo(const Reading& reading, std::ostream* os) { *os << reading.name; }
+
 const Reading kReadings[] = {
     {"ReadAfresh", "zervaSnapshotSeconds 0\n", true},
     {"KeptSmallBatches", "zervaSnapshotSeconds 600\nzervaBatchRows 3\n", false},

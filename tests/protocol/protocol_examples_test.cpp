@@ -59,7 +59,8 @@ const RefusedDump kRefusedDumps[] = {
      "00000000  41                                                |A|\n"
      "00000001  42                                                |B|\n00000002\n",
      "short"},
-    {"UpperCaseHex", "00000000  4A                                                |J|\n00000001\n", ""},
+    {"UpperCaseHex", "00000000  4A                                                |J|\n00000001\n",
+     "'4A' is not a lower-case hex byte"},
 };
 
 class HexDumpParseRefusesTest : public ::testing::TestWithParam<RefusedDump> {};

@@ -12,6 +12,7 @@
 
 #include "tests/process/agent_under_test.h"
 #include "tests/process/process_harness.h"
+#include "tests/process/stock_snmpd.h"
 #include "zerva_version.h"
 
 namespace {
@@ -25,6 +26,7 @@ using zerva_test::ReadFile;
 using zerva_test::RunShell;
 using zerva_test::Shape;
 using zerva_test::Snmp;
+using zerva_test::StockSnmpd;
 using zerva_test::TempDir;
 
 // The agent's embedded simulated array, small so that a walk stays short.
@@ -197,16 +199,6 @@ const char kDlmodSimTokens[] =
     "zervaSimFeatures 7\n"
     "zervaSimSeed 7\n";
 
-// A stock snmpd on loopback with a temporary configuration: no default
-// configuration files, no SMUX, state in the test's directory.
-std::unique_ptr<Process> StartSnmpd(const TempDir& dir, int port, const std::string& lines) {
-  const std::string conf = dir.file("snmpd.conf", "rocommunity public 127.0.0.1\n" + lines);
-  return std::unique_ptr<Process>(
-      new Process({"/usr/bin/env", "MIBS=", "SNMP_PERSISTENT_DIR=" + dir.path(), ZERVA_SNMPD_PROGRAM, "-f", "-Lo", "-C",
-                   "-c", conf, "-I", "-smux", "udp:127.0.0.1:" + std::to_string(port)},
-                  dir.path() + "/snmpd.log"));
-}
-
 // The walk of the standalone agent (same simulated array) for comparison.
 std::vector<std::string> StandaloneShape() {
   AgentUnderTest agent;
@@ -231,22 +223,17 @@ void ExpectSameShape(const std::vector<std::string>& expected, const std::vector
 }
 
 TEST(AgentXTest, SubAgentOfAStockSnmpdGivesTheStandaloneWalk) {
-  ASSERT_FALSE(std::string(ZERVA_SNMPD_PROGRAM).empty());
   TempDir dir;
   const int port = FreeUdpPort();
-  const std::string socket = dir.path() + "/agentx.sock";
-  auto snmpd = StartSnmpd(dir, port, "master agentx\nagentXSocket " + socket + "\n");
-  for (int i = 0; i < 50 && access(socket.c_str(), F_OK) != 0; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
-  ASSERT_EQ(0, access(socket.c_str(), F_OK)) << ReadFile(dir.path() + "/snmpd.log");
+  StockSnmpd snmpd(dir);
+  std::string error;
+  ASSERT_TRUE(snmpd.startMaster(port, "", &error)) << error;
   AgentUnderTest agent;
   AgentUnderTest::Options options = SmallEmbeddedArray();
   options.communities = false;  // the master holds the access control
-  options.agentxMaster = socket;
+  options.agentxMaster = snmpd.agentxSocket();
   options.port = port;
-  std::string error;
-  ASSERT_TRUE(agent.start(options, &error)) << error << ReadFile(dir.path() + "/snmpd.log");
+  ASSERT_TRUE(agent.start(options, &error)) << error << snmpd.log();
   const std::vector<std::string> walk = Shape(agent.snmp().walk());
   EXPECT_GT(walk.size(), 30u * 16);
   ExpectSameShape(StandaloneShape(), walk);
@@ -257,14 +244,16 @@ TEST(DlmodTest, ModuleOfAStockSnmpdGivesTheStandaloneWalk) {
   if (ZERVA_AGENT_SANITIZED) GTEST_SKIP() << "a sanitized module cannot be loaded into an unsanitized snmpd";
   TempDir dir;
   const int port = FreeUdpPort();
-  auto snmpd =
-      StartSnmpd(dir, port, std::string("dlmod zerva_snmp_dlmod ") + ZERVA_AGENT_DLMOD + "\n" + kDlmodSimTokens);
+  StockSnmpd snmpd(dir);
+  std::string error;
+  ASSERT_TRUE(snmpd.start(port, "rocommunity public 127.0.0.1\n" + StockSnmpd::DlmodLine() + kDlmodSimTokens, &error))
+      << error;
   Snmp snmp(dir.path(), port);
-  ASSERT_TRUE(snmp.ready()) << ReadFile(dir.path() + "/snmpd.log");
+  ASSERT_TRUE(snmp.ready()) << snmpd.log();
   const std::vector<std::string> walk = Shape(snmp.walk());
   EXPECT_GT(walk.size(), 30u * 16);
   ExpectSameShape(StandaloneShape(), walk);
-  EXPECT_EQ(0, snmpd->stop());
+  EXPECT_EQ(0, snmpd.stop());
 }
 
 }  // namespace

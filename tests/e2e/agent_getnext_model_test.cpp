@@ -6,19 +6,17 @@
 // (tables, entries, columns, instances, neighbours of them, partial and
 // extreme indexes, gaps between tables) and random OIDs around them.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <memory>
 #include <random>
 #include <set>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "tests/e2e/e2e_support.h"
+#include "tests/process/stock_snmpd.h"
 #include "tests/support/temp_dir.h"
 
 namespace zerva_e2e {
@@ -405,29 +403,19 @@ INSTANTIATE_TEST_SUITE_P(Readings, GetNextModelTest, ::testing::ValuesIn(kReadin
 class AgentXModelTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    const std::string socket = dir_.path() + "/agentx.sock";
     const int port = zerva_test::FreeUdpPort();
-    const std::string conf = dir_.file("snmpd.conf", "rocommunity public 127.0.0.1 " + OidText(Subtree()) +
-                                                         "\nmaster agentx\nagentXSocket " + socket + "\n");
-    snmpd_.reset(
-        new zerva_test::Process({"/usr/bin/env", "MIBS=", "SNMP_PERSISTENT_DIR=" + dir_.path(), ZERVA_E2E_SNMPD, "-f",
-                                 "-Lo", "-C", "-c", conf, "-I", "-smux", "udp:127.0.0.1:" + std::to_string(port)},
-                                dir_.path() + "/snmpd.log"));
-    for (int i = 0; i < 50 && access(socket.c_str(), F_OK) != 0; ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    ASSERT_EQ(0, access(socket.c_str(), F_OK)) << zerva_test::ReadFile(dir_.path() + "/snmpd.log");
+    std::string error;
+    ASSERT_TRUE(snmpd_.startMaster(port, OidText(Subtree()), &error)) << error;
     AgentUnderTest::Options options = SmallArray();
     options.communities = false;  // the master holds the access control
-    options.agentxMaster = socket;
+    options.agentxMaster = snmpd_.agentxSocket();
     options.port = port;
-    std::string error;
-    ASSERT_TRUE(agent_.start(options, &error)) << error << zerva_test::ReadFile(dir_.path() + "/snmpd.log");
+    ASSERT_TRUE(agent_.start(options, &error)) << error << snmpd_.log();
     model_ = WalkModel(agent_);
     ASSERT_GT(model_.names.size(), 100u);
   }
   zerva_test::TempDir dir_;  // declared first: removed last
-  std::unique_ptr<zerva_test::Process> snmpd_;
+  zerva_test::StockSnmpd snmpd_{dir_};
   AgentUnderTest agent_;
   Model model_;
 };

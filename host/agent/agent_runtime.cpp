@@ -2,6 +2,8 @@
 
 #include <chrono>
 
+#include "snmpcommon/snmp_backend_capability.h"
+#include "snmpcommon/snmp_socket_transport.h"
 #include "snmpcommon/snmp_table_base.h"
 
 namespace zerva_agent {
@@ -37,8 +39,25 @@ bool AgentRuntime::start(const AgentOptions& optionsIn, const std::string& where
   // The back end first: the module asks it for capabilities while it
   // creates its handlers.
   if (!backend_.start(options, error)) return false;
-  if (!module_.load(options.modulePath, options.mibDir, error)) {
+  options_ = options;
+  where_ = where;
+  std::string summary;
+  if (!serve(&summary, error)) {
     stop();
+    return false;
+  }
+
+  // The start-up line.
+  VEMLog(VEM_KIT_AGENT, VEM_LOG_WARN, "start", __LINE__, "%s", summary.c_str());
+  watchFeatures();
+  return true;
+}
+
+bool AgentRuntime::serve(std::string* summary, std::string* error) {
+  const AgentOptions& options = options_;
+  backend_.capabilities()->clearAsked();  // the questions of this load only
+  if (!module_.load(options.modulePath, options.mibDir, error)) {
+    unserve();
     return false;
   }
 
@@ -57,31 +76,78 @@ bool AgentRuntime::start(const AgentOptions& optionsIn, const std::string& where
     }
     if (!registrations_.add(
             server.get(), [this] { invalidateTables(); }, error)) {
-      stop();
+      unserve();
       return false;
     }
     servers_.push_back(std::move(server));
     prefixes += (prefixes.empty() ? "" : ", ") + h.object->name + " " + h.prefix;
   }
 
-  // The start-up line.
-  const std::string summary = "serving " + options.modulePath + " (MIB " + module_.mib().moduleName + " from " +
-                              module_.mibPath() + "): " + std::to_string(servers_.size()) + " handlers [" + prefixes +
-                              "] on " + where + ", back end " + backend_.description();
-  VEMLog(VEM_KIT_AGENT, VEM_LOG_WARN, "start", __LINE__, "%s", summary.c_str());
+  *summary = "serving " + options.modulePath + " (MIB " + module_.mib().moduleName + " from " + module_.mibPath() +
+             "): " + std::to_string(servers_.size()) + " handlers [" + prefixes + "] on " + where_ + ", back end " +
+             backend_.description();
   return true;
 }
 
-void AgentRuntime::stop() {
+void AgentRuntime::unserve() {
   registrations_.unregister();
   servers_.clear();
   module_.unload();  // handlers, module, library
+}
+
+void AgentRuntime::stop() {
+  featureAlarm_.stop();
+  featureWatch_.reset();
+  featureSource_.reset();
+  unserve();
   backend_.stop();
 }
 
 void AgentRuntime::invalidateTables() {
   // A write (the collection switch) changes what every table answers.
   for (auto& s : servers_) s->invalidate();
+}
+
+// ---------------------------------------------------------------- the array's features
+
+void AgentRuntime::watchFeatures() {
+  std::shared_ptr<CSnmpSocketTransport> transport = backend_.transport();
+  featureSource_.reset(
+      new BackendFeatureSource(backend_.capabilities(), [transport] { return transport->connectCount(); }));
+  featureWatch_.reset(new FeatureWatch(featureSource_.get()));
+  featureWatch_->loaded(backend_.capabilities()->asked());
+  // Four times a second: the watch itself decides when to ask the back end.
+  if (!featureAlarm_.start(std::chrono::milliseconds(250), [this] { followFeatures(); })) {
+    VEMLog(VEM_KIT_AGENT, VEM_LOG_ERROR, "watchFeatures", __LINE__,
+           "Net-SNMP refuses an alarm: the array's features are not asked again, the module keeps what it got "
+           "at start");
+  }
+}
+
+void AgentRuntime::followFeatures() {
+  if (following_ || !featureWatch_ || !featureWatch_->poll()) return;
+  following_ = true;
+  const std::string change =
+      featureWatch_->lastLoadFailed()
+          ? "nothing is served since a load of the module failed; the array's features are " +
+                featureWatch_->currentText()
+          : "the array's features changed from " + featureWatch_->loadedText() + " to " + featureWatch_->currentText();
+  // Between two requests: nothing is in flight while the module goes.
+  unserve();
+  std::string summary;
+  std::string error;
+  if (serve(&summary, &error)) {
+    featureWatch_->loaded(backend_.capabilities()->asked());
+    VEMLog(VEM_KIT_AGENT, VEM_LOG_WARN, "followFeatures", __LINE__, "%s; module loaded again, %s", change.c_str(),
+           summary.c_str());
+  } else {
+    featureWatch_->loadFailed();
+    const long long wait = std::chrono::duration_cast<std::chrono::seconds>(featureWatch_->reloadWait()).count();
+    VEMLog(VEM_KIT_AGENT, VEM_LOG_ERROR, "followFeatures", __LINE__,
+           "%s, but loading the module again failed: %s; serving nothing, trying again in %lld s", change.c_str(),
+           error.c_str(), wait);
+  }
+  following_ = false;
 }
 
 }  // namespace zerva_agent

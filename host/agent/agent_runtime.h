@@ -5,6 +5,12 @@
 // start-up line. stop() (and the destructor) undo it in reverse: the
 // registrations, the servers, the handlers, the module, the library, the
 // back end. Used by the zerva-snmp-agent program and by the dlmod module.
+//
+// While it serves, a Net-SNMP alarm watches the array's feature list
+// (FeatureWatch): when the list the back end gives differs from the answers
+// the module was built with, the module is loaded again between two
+// requests (registrations, servers, handlers, module, library out; the
+// library, module, handlers, servers and registrations in again).
 #ifndef ZERVA_AGENT_AGENT_RUNTIME_H_
 #define ZERVA_AGENT_AGENT_RUNTIME_H_
 
@@ -14,6 +20,7 @@
 
 #include "host/agent/agent_options.h"
 #include "host/agent/backend.h"
+#include "host/agent/feature_watch.h"
 #include "host/agent/module_host.h"
 #include "host/agent/netsnmp_bridge.h"
 #include "host/agent/object_server.h"
@@ -44,11 +51,26 @@ class AgentRuntime {
 
  private:
   void invalidateTables();
+  // Loads the module, creates its servers and registers them; *summary says
+  // what is served (the start-up line). On failure none of it stays.
+  bool serve(std::string* summary, std::string* error);
+  // Undoes serve().
+  void unserve();
+  // Starts watching the array's features; loads the module again when they
+  // change (from the alarm).
+  void watchFeatures();
+  void followFeatures();
 
+  AgentOptions options_;
+  std::string where_;
   Backend backend_;
   ModuleHost module_;
   std::vector<std::unique_ptr<ObjectServer>> servers_;
   SnmpRegistrations registrations_;
+  std::unique_ptr<FeatureSource> featureSource_;
+  std::unique_ptr<FeatureWatch> featureWatch_;
+  SnmpAlarm featureAlarm_;
+  bool following_ = false;
 };
 
 }  // namespace zerva_agent

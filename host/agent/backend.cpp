@@ -70,8 +70,10 @@ bool Backend::start(const AgentOptions& options, std::string* error) {
     transport.listingTimeout = std::chrono::milliseconds(2ULL * options.backendTimeoutMs);
     transport.connectTimeout = std::chrono::milliseconds(options.backendTimeoutMs);
   }
-  CSNMP_Configuration::instance()->setTransport(std::make_shared<CSnmpSocketTransport>(transport));
-  SetSnmpCapabilitySource(std::make_shared<CBackendCapabilitySource>());
+  transport_ = std::make_shared<CSnmpSocketTransport>(transport);
+  capabilities_ = std::make_shared<CBackendCapabilitySource>();
+  CSNMP_Configuration::instance()->setTransport(transport_);
+  SetSnmpCapabilitySource(capabilities_);
   installed_ = true;
   return true;
 }
@@ -82,6 +84,8 @@ void Backend::stop() {
     SetSnmpCapabilitySource(nullptr);
     installed_ = false;
   }
+  transport_.reset();
+  capabilities_.reset();
   if (sim_) sim_->stop();
   sim_.reset();
   if (!tempDir_.empty()) {

@@ -18,6 +18,8 @@
 namespace zerva_sim {
 class ArraySimServer;
 }
+class CBackendCapabilitySource;
+class CSnmpSocketTransport;
 
 namespace zerva_agent {
 
@@ -37,8 +39,13 @@ class Backend {
 
   // What the handlers talk to, for the start-up line.
   const std::string& description() const { return description_; }
+  // The installed transport and capability source (null when stopped).
+  const std::shared_ptr<CSnmpSocketTransport>& transport() const { return transport_; }
+  const std::shared_ptr<CBackendCapabilitySource>& capabilities() const { return capabilities_; }
 
  private:
+  std::shared_ptr<CSnmpSocketTransport> transport_;
+  std::shared_ptr<CBackendCapabilitySource> capabilities_;
   std::unique_ptr<zerva_sim::ArraySimServer> sim_;
   std::string tempDir_;
   std::string description_;

@@ -330,4 +330,30 @@ void RouteNetSnmpLog() {
 
 void SetNetSnmpLogCapture(std::vector<std::string>* capture) { g_capture = capture; }
 
+// ---------------------------------------------------------------- alarm
+
+SnmpAlarm::~SnmpAlarm() { stop(); }
+
+bool SnmpAlarm::start(std::chrono::milliseconds period, std::function<void()> run) {
+  stop();
+  run_ = std::move(run);
+  struct timeval every;
+  every.tv_sec = static_cast<time_t>(period.count() / 1000);
+  every.tv_usec = static_cast<suseconds_t>((period.count() % 1000) * 1000);
+  id_ = snmp_alarm_register_hr(every, SA_REPEAT, Fire, this);
+  return id_ != 0;
+}
+
+void SnmpAlarm::stop() {
+  if (id_ != 0) snmp_alarm_unregister(id_);
+  id_ = 0;
+  run_ = nullptr;
+}
+
+void SnmpAlarm::Fire(unsigned int, void* self) {
+  // A copy: the function may stop the alarm.
+  const std::function<void()> run = static_cast<SnmpAlarm*>(self)->run_;
+  if (run) run();
+}
+
 }  // namespace zerva_agent

@@ -4,6 +4,7 @@
 #ifndef ZERVA_AGENT_NETSNMP_BRIDGE_H_
 #define ZERVA_AGENT_NETSNMP_BRIDGE_H_
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -57,6 +58,25 @@ void UnregisterAgentTokens(const char* appType);
 // problems Net-SNMP only logs).
 void RouteNetSnmpLog();
 void SetNetSnmpLogCapture(std::vector<std::string>* capture);
+
+// Runs a function from Net-SNMP's alarms, every period: in the agent's
+// loop (or snmpd's), between requests, never while one is being answered.
+class SnmpAlarm {
+ public:
+  SnmpAlarm() {}
+  ~SnmpAlarm();  // stop()
+  SnmpAlarm(const SnmpAlarm&) = delete;
+  SnmpAlarm& operator=(const SnmpAlarm&) = delete;
+
+  // False when Net-SNMP refuses the alarm. REQUIRES: Net-SNMP is initialised.
+  bool start(std::chrono::milliseconds period, std::function<void()> run);
+  void stop();
+
+ private:
+  static void Fire(unsigned int id, void* self);
+  unsigned int id_ = 0;
+  std::function<void()> run_;
+};
 
 }  // namespace zerva_agent
 

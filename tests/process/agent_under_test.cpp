@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <map>
+#include <thread>
 #include <vector>
 
 #include "sim/topology.h"
@@ -60,6 +62,8 @@ bool AgentUnderTest::launch(const Options& options, std::string* error) {
   if (options.array == Array::kInThisProcess) {
     if (!restartSimulator(error)) return false;
     conf += "zervaBackend " + sim_->address() + "\n";
+  } else if (options.array == Array::kExternal) {
+    conf += "zervaBackend " + options.backend + "\n";
   } else {
     if (!options.topology.empty()) conf += "zervaSimTopology " + dir_.file("topology.conf", options.topology) + "\n";
     if (options.luns >= 0) conf += "zervaSimLuns " + std::to_string(options.luns) + "\n";
@@ -84,6 +88,16 @@ bool AgentUnderTest::launch(const Options& options, std::string* error) {
 
 bool AgentUnderTest::start(const Options& options, std::string* error) {
   if (!launch(options, error)) return false;
+  if (options.array == Array::kExternal) {
+    for (int i = 0; i < 50 && log().find("serving ") == std::string::npos; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    if (log().find("serving ") == std::string::npos) {
+      *error = "the agent logs no start-up line; its log:\n" + log();
+      return false;
+    }
+    return true;
+  }
   if (!snmp_->ready(options.readyAuth)) {
     *error = "the agent does not answer on port " + std::to_string(port_) + "; its log:\n" + log();
     return false;

@@ -23,6 +23,7 @@ class AgentUnderTest {
   enum class Array {
     kInThisProcess,  // a simulator server in the test process: zervaBackend unix:PATH
     kEmbedded,       // the agent's own simulated array (zervaSim... lines)
+    kExternal,       // an array the test runs itself at `backend`: zervaBackend BACKEND
   };
 
   struct Options {
@@ -30,6 +31,10 @@ class AgentUnderTest {
     // The array: a topology file's text ("" for the simulator's built-in
     // array) and overrides of it (negative: as the topology says).
     std::string topology;
+    // Array::kExternal: the array's address ("unix:PATH"). Nothing needs to
+    // listen there yet: start() waits for the agent's start-up line instead
+    // of an answer.
+    std::string backend;
     long features = 7;      // bit 0: 48 NFS, bit 1: 49 SMB, bit 2: 602 file systems
     long luns = -1;         // LUN IDs 0..n-1
     long fileSystems = -1;  // file-system IDs 1..n

@@ -32,9 +32,22 @@ bool FeatureOfRecord(const CTLVRecordV3& record, int* feature) {
   return true;
 }
 
-void LogFailure(const std::string& what) {
-  VEMLog(VEM_KIT_HOST, VEM_LOG_ERROR, "supports", __LINE__,
-         "%s %s; every feature reads as unsupported until the back end answers", kSnmpFeaturesCommand, what.c_str());
+// "{48,49,602}".
+std::string ListText(const std::set<int>& features) {
+  std::string list;
+  for (int f : features) list += (list.empty() ? "" : ",") + std::to_string(f);
+  return "{" + list + "}";
+}
+
+// kept: the list answered before, null when there is none.
+void LogFailure(const std::string& what, const std::set<int>* kept) {
+  if (kept == nullptr) {
+    VEMLog(VEM_KIT_HOST, VEM_LOG_ERROR, "supports", __LINE__,
+           "%s %s; every feature reads as unsupported until the back end answers", kSnmpFeaturesCommand, what.c_str());
+  } else {
+    VEMLog(VEM_KIT_HOST, VEM_LOG_ERROR, "askAgain", __LINE__, "%s %s; the features stay %s until the back end answers",
+           kSnmpFeaturesCommand, what.c_str(), ListText(*kept).c_str());
+  }
 }
 
 }  // namespace
@@ -43,11 +56,17 @@ bool CBackendCapabilitySource::supports(int feature) {
   std::lock_guard<std::mutex> lock(mu_);
   if (!answered_) {
     std::set<int> features;
-    if (!query_i(&features)) return false;
+    if (!query_i(&features)) {
+      asked_.answers[feature] = false;
+      asked_.unanswered = true;
+      return false;
+    }
     features_.swap(features);
     answered_ = true;
   }
-  return features_.count(feature) != 0;
+  const bool yes = features_.count(feature) != 0;
+  asked_.answers[feature] = yes;
+  return yes;
 }
 
 bool CBackendCapabilitySource::answered() const {
@@ -55,11 +74,36 @@ bool CBackendCapabilitySource::answered() const {
   return answered_;
 }
 
+std::set<int> CBackendCapabilitySource::features() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return features_;
+}
+
+bool CBackendCapabilitySource::askAgain() {
+  std::lock_guard<std::mutex> lock(mu_);
+  std::set<int> features;
+  if (!query_i(&features)) return false;
+  features_.swap(features);
+  answered_ = true;
+  return true;
+}
+
+CSnmpAskedFeatures CBackendCapabilitySource::asked() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return asked_;
+}
+
+void CBackendCapabilitySource::clearAsked() {
+  std::lock_guard<std::mutex> lock(mu_);
+  asked_ = CSnmpAskedFeatures();
+}
+
 bool CBackendCapabilitySource::query_i(std::set<int>* features) {
+  const std::set<int>* kept = answered_ ? &features_ : nullptr;
   std::string text;
   const unsigned long long code = FeaturesCommandCode(&text);
   if (code == 0) {
-    LogFailure("has no usable command code in the device configuration (section COMMAND, value '" + text + "')");
+    LogFailure("has no usable command code in the device configuration (section COMMAND, value '" + text + "')", kept);
     return false;
   }
   CTLVPackage req;
@@ -70,20 +114,18 @@ bool CBackendCapabilitySource::query_i(std::set<int>* features) {
     char number[16];
     snprintf(number, sizeof number, "0x%08X", static_cast<unsigned int>(rc));
     const std::string meaning = IsSnmpTransportError(rc) ? SnmpTransportErrorText(rc) : "the back end's code";
-    LogFailure(std::string("failed with ") + number + " (" + meaning + ")");
+    LogFailure(std::string("failed with ") + number + " (" + meaning + ")", kept);
     return false;
   }
   for (size_t i = 0; i < rsp.size(); ++i) {
     int feature = 0;
     if (!FeatureOfRecord(*rsp[i], &feature)) {
-      LogFailure("answer record " + std::to_string(i) + " has no 4-byte unsigned cell with tag 0");
+      LogFailure("answer record " + std::to_string(i) + " has no 4-byte unsigned cell with tag 0", kept);
       return false;
     }
     features->insert(feature);
   }
-  std::string list;
-  for (int f : *features) list += (list.empty() ? "" : ",") + std::to_string(f);
-  VEMLog(VEM_KIT_HOST, VEM_LOG_DEBUG, "supports", __LINE__, "%s: the array supports features {%s}",
-         kSnmpFeaturesCommand, list.c_str());
+  VEMLog(VEM_KIT_HOST, VEM_LOG_DEBUG, "supports", __LINE__, "%s: the array supports features %s", kSnmpFeaturesCommand,
+         ListText(*features).c_str());
   return true;
 }

@@ -4,6 +4,8 @@
 
 #include <atomic>
 #include <cstdio>
+#include <map>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -82,10 +84,11 @@ TEST_F(BackendCapabilityTest, AsksTheBackEndOnceAndRemembersTheAnswer) {
   EXPECT_TRUE(source.supports(602));
   EXPECT_TRUE(source.supports(48));
   EXPECT_EQ(queries(), 1u);
-  // Even a changed back end is not asked again.
+  // A question does not ask a changed back end again: only askAgain() does.
   backend().on(kFeaturesCmd, Features({49}));
   EXPECT_FALSE(source.supports(49));
   EXPECT_EQ(queries(), 1u);
+  EXPECT_EQ(source.features(), (std::set<int>{48, 602}));
 }
 
 TEST_F(BackendCapabilityTest, AnswersTheHostsFeatureQuestions) {
@@ -219,6 +222,97 @@ TEST_F(BackendCapabilityTest, MissingCommandCodeAsksNothing) {
   // Once the configuration names it, the back end is asked.
   ASSERT_TRUE(CVEMXmlConfig::instance()->loadFromString(kDeviceConfig, &error));
   EXPECT_TRUE(source.supports(48));
+}
+
+TEST_F(BackendCapabilityTest, AskAgainReplacesTheKeptList) {
+  backend().on(kFeaturesCmd, Features({48, 602}));
+  EXPECT_TRUE(source.supports(48));
+  backend().on(kFeaturesCmd, Features({49}));
+  EXPECT_TRUE(source.askAgain());
+  EXPECT_EQ(queries(), 2u);
+  EXPECT_EQ(source.features(), std::set<int>{49});
+  EXPECT_FALSE(source.supports(48));
+  EXPECT_TRUE(source.supports(49));
+  EXPECT_FALSE(source.supports(602));
+  EXPECT_EQ(queries(), 2u);
+}
+
+TEST_F(BackendCapabilityTest, AskAgainBeforeAnyQuestionAnswersEveryLaterOne) {
+  backend().on(kFeaturesCmd, Features({602}));
+  EXPECT_TRUE(source.askAgain());
+  EXPECT_TRUE(source.answered());
+  EXPECT_TRUE(source.supports(602));
+  EXPECT_FALSE(source.supports(48));
+  EXPECT_EQ(queries(), 1u);
+}
+
+TEST_F(BackendCapabilityTest, FailedAskAgainKeepsTheListAndSaysSo) {
+  backend().on(kFeaturesCmd, Features({48, 49}));
+  EXPECT_TRUE(source.supports(48));
+  KitLogCapture log;
+  backend().push(Answer(SNMP_TRANSPORT_E_CLOSED));
+  EXPECT_FALSE(source.askAgain());
+  EXPECT_TRUE(source.answered());
+  EXPECT_EQ(source.features(), (std::set<int>{48, 49}));
+  EXPECT_TRUE(source.supports(49));
+  EXPECT_EQ(queries(), 2u);
+  auto errors = Errors(log);
+  ASSERT_EQ(errors.size(), 1u);
+  EXPECT_TRUE(Contains(errors[0].message, "GET_SNMP_FEATURES failed with 0x4E540004")) << errors[0].message;
+  EXPECT_TRUE(Contains(errors[0].message, "the features stay {48,49} until the back end answers")) << errors[0].message;
+}
+
+TEST_F(BackendCapabilityTest, FailedAskAgainWithoutAListLeavesEveryFeatureUnsupported) {
+  KitLogCapture log;
+  backend().push(Answer(SNMP_TRANSPORT_E_CONNECT));
+  backend().push(Answer(SNMP_TRANSPORT_E_CONNECT));
+  backend().on(kFeaturesCmd, Features({48}));
+  EXPECT_FALSE(source.askAgain());
+  EXPECT_FALSE(source.answered());
+  EXPECT_TRUE(source.features().empty());
+  EXPECT_FALSE(source.supports(48));  // asks, fails again
+  EXPECT_EQ(queries(), 2u);
+  auto errors = Errors(log);
+  ASSERT_EQ(errors.size(), 2u);
+  EXPECT_TRUE(Contains(errors[0].message, "every feature reads as unsupported until the back end answers"))
+      << errors[0].message;
+  EXPECT_TRUE(source.askAgain());
+  EXPECT_TRUE(source.supports(48));
+}
+
+TEST_F(BackendCapabilityTest, RecordsEveryQuestionWithItsAnswer) {
+  backend().on(kFeaturesCmd, Features({48, 602}));
+  EXPECT_TRUE(source.asked().answers.empty());
+  source.supports(602);
+  source.supports(48);
+  source.supports(49);
+  source.supports(602);
+  CSnmpAskedFeatures asked = source.asked();
+  EXPECT_EQ(asked.answers, (std::map<int, bool>{{48, true}, {49, false}, {602, true}}));
+  EXPECT_FALSE(asked.unanswered);
+  // A new list changes the answers recorded from then on, not those before.
+  backend().on(kFeaturesCmd, Features({49}));
+  ASSERT_TRUE(source.askAgain());
+  EXPECT_EQ(source.asked().answers, asked.answers);
+  source.supports(49);
+  EXPECT_EQ(source.asked().answers, (std::map<int, bool>{{48, true}, {49, true}, {602, true}}));
+  source.clearAsked();
+  EXPECT_TRUE(source.asked().answers.empty());
+  EXPECT_FALSE(source.asked().unanswered);
+}
+
+TEST_F(BackendCapabilityTest, QuestionWithoutAnAnswerIsRecordedAsUnanswered) {
+  KitLogCapture log;
+  backend().push(Answer(SNMP_TRANSPORT_E_TIMEOUT));
+  backend().on(kFeaturesCmd, Features({48}));
+  EXPECT_FALSE(source.supports(48));
+  EXPECT_TRUE(source.supports(48));
+  CSnmpAskedFeatures asked = source.asked();
+  EXPECT_TRUE(asked.unanswered);  // stays set until clearAsked()
+  EXPECT_EQ(asked.answers, (std::map<int, bool>{{48, true}}));
+  source.clearAsked();
+  EXPECT_FALSE(source.supports(49));  // answered from the kept list
+  EXPECT_FALSE(source.asked().unanswered);
 }
 
 TEST_F(BackendCapabilityTest, ConcurrentFirstQuestionsShareOneQuery) {

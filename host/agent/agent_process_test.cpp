@@ -240,6 +240,118 @@ TEST(AgentXTest, SubAgentOfAStockSnmpdGivesTheStandaloneWalk) {
   EXPECT_EQ(0, agent.stop());
 }
 
+// Two sub-agents of one master: the first serves, the master refuses the
+// second's registrations (duplicateRegistration).
+class AgentXTwoInstancesTest : public ::testing::Test {
+ protected:
+  void startMaster() {
+    std::string error;
+    ASSERT_TRUE(snmpd_.startMaster(port_, "", &error)) << error;
+  }
+  // The small embedded array as a sub-agent of the master.
+  AgentUnderTest::Options subAgent() const {
+    AgentUnderTest::Options options = SmallEmbeddedArray();
+    options.communities = false;  // the master holds the access control
+    options.agentxMaster = snmpd_.agentxSocket();
+    options.port = port_;
+    return options;
+  }
+  // What the first instance serves through the master now: the switch's GET
+  // and the walk's names and types.
+  struct Served {
+    std::string switchGet;
+    std::vector<std::string> walk;
+  };
+  Served served(const AgentUnderTest& agent) const {
+    return Served{agent.snmp().get(kSwitch), Shape(agent.snmp().walk())};
+  }
+  void expectStillServed(const AgentUnderTest& agent, const Served& before) const {
+    const Served after = served(agent);
+    EXPECT_NE(std::string::npos, after.switchGet.find(std::string(kSwitch) + " = Gauge32: 1")) << after.switchGet;
+    EXPECT_EQ(before.switchGet, after.switchGet);
+    ExpectSameShape(before.walk, after.walk);
+  }
+
+  TempDir dir_;  // declared first: removed last
+  const int port_ = FreeUdpPort();
+  StockSnmpd snmpd_{dir_};
+};
+
+const char kRefusedSwitch[] =
+    "cannot register vemPerfSwitch 1.3.6.1.4.1.32473.4.1.21.1 at the AgentX master: duplicateRegistration (263) "
+    "(another agent serves it?)";
+
+TEST_F(AgentXTwoInstancesTest, SecondInstanceExitsNonZeroAndTheFirstStaysServed) {
+  ASSERT_NO_FATAL_FAILURE(startMaster());
+  AgentUnderTest first;
+  std::string error;
+  ASSERT_TRUE(first.start(subAgent(), &error)) << error << snmpd_.log();
+  const Served before = served(first);
+  EXPECT_GT(before.walk.size(), 30u * 16);
+
+  AgentUnderTest second;
+  const int status = second.runToExit(subAgent());
+  const std::string log = second.log();
+  EXPECT_EQ(1, status) << log;
+  EXPECT_NE(std::string::npos, log.find(std::string("zerva-snmp-agent: ") + kRefusedSwitch)) << log;
+  EXPECT_EQ(std::string::npos, log.find("serving ")) << log;
+
+  // Its exit took none of the first instance's registrations with it.
+  expectStillServed(first, before);
+}
+
+TEST_F(AgentXTwoInstancesTest, InstanceRefusedWhenItsMasterComesLeavesTheServingOneAlone) {
+  // The second instance starts while the master is away: Net-SNMP sends its
+  // registrations once it reconnects (every agentxPingInterval, 5 s), when
+  // the first instance serves the subtree already.
+  AgentUnderTest second;
+  std::string error;
+  ASSERT_TRUE(second.launch(subAgent(), &error)) << error;
+  for (int i = 0; i < 50 && second.log().find("serving ") == std::string::npos; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  ASSERT_NE(std::string::npos, second.log().find("Failed to connect to the agentx master")) << second.log();
+
+  ASSERT_NO_FATAL_FAILURE(startMaster());
+  AgentUnderTest first;
+  ASSERT_TRUE(first.start(subAgent(), &error)) << error << snmpd_.log();
+  const Served before = served(first);
+  for (int i = 0; i < 100 && second.log().find(kRefusedSwitch) == std::string::npos; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  EXPECT_NE(std::string::npos, second.log().find(kRefusedSwitch)) << second.log();
+
+  // Refused, it is dropped without an AgentX unregister: the first
+  // instance's registrations stay with the master.
+  EXPECT_EQ(0, second.stop()) << second.log();
+  expectStillServed(first, before);
+}
+
+TEST(AgentXTest, SubAgentStartedBeforeItsMasterServesOnceTheMasterIsThere) {
+  TempDir dir;
+  const int port = FreeUdpPort();
+  StockSnmpd snmpd(dir);
+  AgentUnderTest agent;
+  AgentUnderTest::Options options = SmallEmbeddedArray();
+  options.communities = false;
+  options.agentxMaster = snmpd.agentxSocket();
+  options.port = port;
+  options.extraConfig = "agentxPingInterval 1\n";  // how often it tries to reconnect
+  std::string error;
+  ASSERT_TRUE(agent.launch(options, &error)) << error;
+  for (int i = 0; i < 50 && agent.log().find("serving ") == std::string::npos; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  ASSERT_NE(std::string::npos, agent.log().find("Failed to connect to the agentx master")) << agent.log();
+
+  ASSERT_TRUE(snmpd.startMaster(port, "", &error)) << error;
+  ASSERT_TRUE(agent.snmp().ready()) << agent.log() << snmpd.log();
+  const std::vector<std::string> walk = Shape(agent.snmp().walk());
+  EXPECT_GT(walk.size(), 30u * 16);
+  ExpectSameShape(StandaloneShape(), walk);
+  EXPECT_EQ(0, agent.stop());
+}
+
 TEST(DlmodTest, ModuleOfAStockSnmpdGivesTheStandaloneWalk) {
   if (ZERVA_AGENT_SANITIZED) GTEST_SKIP() << "a sanitized module cannot be loaded into an unsanitized snmpd";
   TempDir dir;

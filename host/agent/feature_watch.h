@@ -52,8 +52,7 @@ class FeatureSource {
 class BackendFeatureSource : public FeatureSource {
  public:
   // REQUIRES: capabilities is not null; connectCount is callable.
-  BackendFeatureSource(std::shared_ptr<CBackendCapabilitySource> capabilities,
-                       std::function<uint64_t()> connectCount)
+  BackendFeatureSource(std::shared_ptr<CBackendCapabilitySource> capabilities, std::function<uint64_t()> connectCount)
       : capabilities_(std::move(capabilities)), connectCount_(std::move(connectCount)) {}
   bool answered() override { return capabilities_->answered(); }
   std::set<int> features() override { return capabilities_->features(); }

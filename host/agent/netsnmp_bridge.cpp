@@ -9,6 +9,7 @@
 #include <exception>
 #include <memory>
 
+#include "host/agent/agentx_registration.h"
 #include "vempub/vem_debug_kit.h"
 
 namespace zerva_agent {
@@ -73,6 +74,9 @@ struct SnmpRegistrations::Entry {
   ObjectServer* server = nullptr;
   std::function<void()> onWrite;
   netsnmp_handler_registration* reginfo = nullptr;
+  // An AgentX sub-agent's: the master accepted the registration. Only then
+  // does unregistering it tell the master.
+  bool atMaster = false;
 };
 
 namespace {
@@ -222,6 +226,26 @@ int HandleRequests(netsnmp_mib_handler* handler, netsnmp_handler_registration*, 
   return SNMP_ERR_NOERROR;
 }
 
+// ---------------------------------------------------------------- AgentX
+
+// The registrations Net-SNMP sends to a master that came or came back; the
+// master's answer decides whether unregistering tells it.
+int g_watchingRegistrations = 0;  // the SnmpRegistrations with entries
+
+void OnMasterAnswer(netsnmp_handler_registration* reginfo, bool accepted, const std::string& reason) {
+  for (netsnmp_mib_handler* h = reginfo->handler; h != nullptr; h = h->next) {
+    if (h->access_method != HandleRequests) continue;
+    auto* entry = static_cast<SnmpRegistrations::Entry*>(h->myvoid);
+    entry->atMaster = accepted;
+    if (!accepted) {
+      const std::string text =
+          AgentxRefusalMessage(entry->server->object().name + " " + entry->server->object().prefix, reason);
+      VEMLog(VEM_KIT_AGENT, VEM_LOG_ERROR, "OnMasterAnswer", __LINE__, "%s; it is not served", text.c_str());
+    }
+    return;
+  }
+}
+
 }  // namespace
 
 uint64_t CurrentSnmpRequest() { return g_requestNumber; }
@@ -243,22 +267,42 @@ bool SnmpRegistrations::add(ObjectServer* server, const std::function<void()>& o
     return false;
   }
   reginfo->handler->myvoid = entry.get();
-  const int rc = netsnmp_register_handler(reginfo);  // frees reginfo on failure
+  // A sub-agent connected to its master registers there first: a subtree
+  // the master refuses must not enter the local registry (see
+  // agentx_registration.h). Otherwise Net-SNMP registers it at the master
+  // once one is connected, and OnMasterAnswer hears how that went.
+  std::string refusal;
+  entry->atMaster = AgentxSessionOpen();
+  const int rc = entry->atMaster ? RegisterAtMasterFirst(reginfo, &refusal)
+                                 : netsnmp_register_handler(reginfo);  // both free reginfo on failure
+  if (!refusal.empty()) {
+    *error = AgentxRefusalMessage(server->object().name + " " + server->object().prefix, refusal);
+    return false;
+  }
   if (rc != MIB_REGISTERED_OK) {
     *error = "Net-SNMP refuses the registration of " + server->object().prefix + " (code " + std::to_string(rc) +
              (rc == MIB_DUPLICATE_REGISTRATION ? ": already registered)" : ")");
     return false;
   }
   entry->reginfo = reginfo;
+  if (entries_.empty() && g_watchingRegistrations++ == 0) WatchAgentxRegistrations(OnMasterAnswer);
   entries_.push_back(entry.release());
   return true;
 }
 
 void SnmpRegistrations::unregister() {
+  const bool connected = AgentxSessionOpen();
   for (Entry* e : entries_) {
-    if (e->reginfo != nullptr) netsnmp_unregister_handler(e->reginfo);
+    // The master removes a subtree by its OID, whoever registered it: one it
+    // refused us is dropped here only.
+    if (e->reginfo != nullptr && connected && !e->atMaster) {
+      UnregisterLocally(e->reginfo);
+    } else if (e->reginfo != nullptr) {
+      netsnmp_unregister_handler(e->reginfo);
+    }
     delete e;
   }
+  if (!entries_.empty() && --g_watchingRegistrations == 0) WatchAgentxRegistrations(nullptr);
   entries_.clear();
 }
 
@@ -299,6 +343,7 @@ int LogCallback(int, int, void* serverarg, void*) {
     level = VEM_LOG_WARN;
   }
   VEMLog(VEM_KIT_AGENT, level, "net-snmp", 0, "%s", text.c_str());
+  NoteAgentxLogLine(text);  // the master's answer to a registration
   // Problems in the configuration file name it and the line ("FILE: line N: ...").
   if (g_capture != nullptr && message->priority <= LOG_WARNING && text.find(": line ") != std::string::npos) {
     g_capture->push_back(text);

@@ -27,10 +27,12 @@ class SnmpRegistrations {
 
   // Registers one handler for the server's prefix (read-write for a
   // writable scalar, else read-only). onWrite runs after every SET that
-  // reached the back end. False with *error when Net-SNMP refuses it.
+  // reached the back end. False with *error when Net-SNMP refuses it, or
+  // (an AgentX sub-agent) the master does: "cannot register NAME PREFIX at
+  // the AgentX master: ...".
   // REQUIRES: Net-SNMP's agent is initialised; server outlives the registration.
   bool add(ObjectServer* server, const std::function<void()>& onWrite, std::string* error);
-  // Removes every registration.
+  // Removes every registration (at an AgentX master only those it accepted).
   void unregister();
 
   // One registration (what Net-SNMP's handler callback gets back).

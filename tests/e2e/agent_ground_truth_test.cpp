@@ -59,11 +59,13 @@ void ExpectTableEqualsTruth(const AgentUnderTest& agent, const TableTruth& truth
   EXPECT_EQ(std::set<Oid>(truth.rowIndexes.begin(), truth.rowIndexes.end()), indexes) << program;
 }
 
-TEST_P(TableGroundTruthTest, RowsAndValuesEqualTheSimulatorsGroundTruth) {
+// Starts the agent as `options` say and checks the walks of the table
+// `name` (its OID and its entry's) against the ground truth.
+void ExpectServedTableEqualsTruth(const AgentUnderTest::Options& options, const char* name) {
   AgentUnderTest agent;
   std::string error;
-  ASSERT_TRUE(agent.start(SmallArray(), &error)) << error;
-  const zerva_agent::MibObject* table = MibTable(GetParam());
+  ASSERT_TRUE(agent.start(options, &error)) << error;
+  const zerva_agent::MibObject* table = MibTable(name);
   ASSERT_NE(nullptr, table);
   bool served = false;
   const TableTruth truth = Truth(agent, *table, &served);
@@ -80,7 +82,24 @@ TEST_P(TableGroundTruthTest, RowsAndValuesEqualTheSimulatorsGroundTruth) {
   ExpectTableEqualsTruth(agent, truth, entry, "snmpwalk", "");
 }
 
+TEST_P(TableGroundTruthTest, RowsAndValuesEqualTheSimulatorsGroundTruth) {
+  ExpectServedTableEqualsTruth(SmallArray(), GetParam());
+}
+
 INSTANTIATE_TEST_SUITE_P(EveryTable, TableGroundTruthTest, ::testing::ValuesIn(kTables),
+                         [](const ::testing::TestParamInfo<const char*>& info) { return std::string(info.param); });
+
+// The same through a stock snmpd that loaded the agent as its dlmod module.
+class DlmodTableGroundTruthTest : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(DlmodTableGroundTruthTest, RowsAndValuesEqualTheSimulatorsGroundTruth) {
+  if (ZERVA_AGENT_SANITIZED) GTEST_SKIP() << "a sanitized module cannot be loaded into an unsanitized snmpd";
+  AgentUnderTest::Options options = SmallArray();
+  options.dlmod = true;
+  ExpectServedTableEqualsTruth(options, GetParam());
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryTable, DlmodTableGroundTruthTest, ::testing::ValuesIn(kTables),
                          [](const ::testing::TestParamInfo<const char*>& info) { return std::string(info.param); });
 
 class AgentTruthTest : public ::testing::Test {

@@ -140,8 +140,8 @@ class ServedAgent {
   Mode mode_ = Mode::kStandalone;
   int port_ = 0;
   TempDir snmpdDir_;
-  StockSnmpd snmpd_;       // stopped after the agent
-  AgentUnderTest agent_;   // stopped first
+  StockSnmpd snmpd_;      // stopped after the agent
+  AgentUnderTest agent_;  // stopped first
 };
 
 // What one walk of the subtree shows.
@@ -217,7 +217,9 @@ class SlowWalker {
 
   explicit SlowWalker(const Snmp& snmp) : snmp_(snmp) {}
   ~SlowWalker() { stop(); }
-  void start() { thread_ = std::thread([this] { run(); }); }
+  void start() {
+    thread_ = std::thread([this] { run(); });
+  }
   void stop() {
     {
       std::lock_guard<std::mutex> lock(mu_);
@@ -419,8 +421,7 @@ TEST(LateBackendReloadTest, FailedReloadIsLoggedAndTriedAgain) {
       << agent.log();
 }
 
-INSTANTIATE_TEST_SUITE_P(EveryMode, LateBackendTest,
-                         ::testing::Values(Mode::kStandalone, Mode::kAgentX, Mode::kDlmod),
+INSTANTIATE_TEST_SUITE_P(EveryMode, LateBackendTest, ::testing::Values(Mode::kStandalone, Mode::kAgentX, Mode::kDlmod),
                          [](const ::testing::TestParamInfo<Mode>& info) { return std::string(ModeName(info.param)); });
 
 }  // namespace

@@ -13,13 +13,14 @@ namespace zerva_test {
 
 AgentUnderTest::~AgentUnderTest() {
   // The agent first: it must not see its back end vanish under it.
-  if (agent_ && agent_->pid() > 0) {
-    const int status = agent_->stop();
+  if ((agent_ && agent_->pid() > 0) || (snmpd_ && snmpd_->running())) {
+    const int status = stop();
     if (options_.expectCleanExit) {
       EXPECT_EQ(0, status) << "agent exit status; its log:\n" << log();
     }
   }
   agent_.reset();
+  snmpd_.reset();
   stopSimulator();
 }
 
@@ -53,25 +54,40 @@ uint64_t AgentUnderTest::requests(unsigned long long command) const {
   return it == counts.end() ? 0 : it->second;
 }
 
+std::string AgentUnderTest::arrayConfig(const Options& options) {
+  if (options.array == Array::kInThisProcess) return "zervaBackend " + sim_->address() + "\n";
+  if (options.array == Array::kExternal) return "zervaBackend " + options.backend + "\n";
+  std::string conf;
+  if (!options.topology.empty()) conf += "zervaSimTopology " + dir_.file("topology.conf", options.topology) + "\n";
+  if (options.luns >= 0) conf += "zervaSimLuns " + std::to_string(options.luns) + "\n";
+  if (options.fileSystems >= 0) conf += "zervaSimFileSystems " + std::to_string(options.fileSystems) + "\n";
+  if (options.features >= 0) conf += "zervaSimFeatures " + std::to_string(options.features) + "\n";
+  conf += "zervaSimSeed " + std::to_string(options.seed) + "\n";
+  return conf;
+}
+
 bool AgentUnderTest::launch(const Options& options, std::string* error) {
   options_ = options;
   if (dir_.path().empty()) return *error = "no temporary directory", false;
+  if (options.array == Array::kInThisProcess && !restartSimulator(error)) return false;
+
+  if (options.dlmod) {
+    // snmpd serves more than the agent: the communities see the subtree.
+    std::string conf;
+    if (options.communities) {
+      conf += std::string("rocommunity public 127.0.0.1 ") + kSubtree + "\nrwcommunity private 127.0.0.1 " + kSubtree +
+              "\n";
+    }
+    conf += StockSnmpd::DlmodLine() + arrayConfig(options) + options.extraConfig;
+    port_ = options.port != 0 ? options.port : FreeUdpPort();
+    snmpd_.reset(new StockSnmpd(dir_));
+    snmp_.reset(new Snmp(dir_.path(), port_));
+    return snmpd_->start(port_, conf, error);
+  }
 
   std::string conf;
   if (options.communities) conf += "rocommunity public 127.0.0.1\nrwcommunity private 127.0.0.1\n";
-  if (options.array == Array::kInThisProcess) {
-    if (!restartSimulator(error)) return false;
-    conf += "zervaBackend " + sim_->address() + "\n";
-  } else if (options.array == Array::kExternal) {
-    conf += "zervaBackend " + options.backend + "\n";
-  } else {
-    if (!options.topology.empty()) conf += "zervaSimTopology " + dir_.file("topology.conf", options.topology) + "\n";
-    if (options.luns >= 0) conf += "zervaSimLuns " + std::to_string(options.luns) + "\n";
-    if (options.fileSystems >= 0) conf += "zervaSimFileSystems " + std::to_string(options.fileSystems) + "\n";
-    if (options.features >= 0) conf += "zervaSimFeatures " + std::to_string(options.features) + "\n";
-    conf += "zervaSimSeed " + std::to_string(options.seed) + "\n";
-  }
-  conf += options.extraConfig;
+  conf += arrayConfig(options) + options.extraConfig;
 
   std::vector<std::string> argv = {Program(),     "-f",       "-L", "-c", dir_.file("agent.conf", conf),
                                    "--state-dir", dir_.path()};
@@ -107,6 +123,10 @@ bool AgentUnderTest::start(const Options& options, std::string* error) {
 
 int AgentUnderTest::runToExit(const Options& options) {
   std::string error;
+  if (options.dlmod) {
+    ADD_FAILURE() << "runToExit runs the agent program, not snmpd";
+    return -1;
+  }
   if (!launch(options, &error)) {
     ADD_FAILURE() << error;
     return -1;
@@ -114,9 +134,12 @@ int AgentUnderTest::runToExit(const Options& options) {
   return agent_->wait();
 }
 
-int AgentUnderTest::stop() { return agent_ ? agent_->stop() : -1; }
+int AgentUnderTest::stop() {
+  if (snmpd_) return snmpd_->stop();
+  return agent_ ? agent_->stop() : -1;
+}
 
-std::string AgentUnderTest::log() const { return ReadFile(dir_.path() + "/agent.log"); }
+std::string AgentUnderTest::log() const { return snmpd_ ? snmpd_->log() : ReadFile(dir_.path() + "/agent.log"); }
 
 std::string AgentUnderTest::Program() { return ZERVA_AGENT_PROGRAM; }
 

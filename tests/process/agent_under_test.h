@@ -3,7 +3,8 @@
 // agent reaches over a Unix socket (its model is then the test's ground
 // truth and fault control), or the agent's own embedded simulated array.
 // The agent serves on a loopback UDP port of its own, or as the AgentX
-// sub-agent of a master the test runs.
+// sub-agent of a master the test runs, or as the dlmod module of a stock
+// snmpd the harness runs.
 #ifndef ZERVA_TESTS_PROCESS_AGENT_UNDER_TEST_H_
 #define ZERVA_TESTS_PROCESS_AGENT_UNDER_TEST_H_
 
@@ -14,6 +15,7 @@
 #include "sim/array_simulator.h"
 #include "sim/sim_server.h"
 #include "tests/process/process_harness.h"
+#include "tests/process/stock_snmpd.h"
 
 namespace zerva_test {
 
@@ -52,6 +54,12 @@ class AgentUnderTest {
     int port = 0;
     // The master's AgentX socket: the agent runs as its sub-agent.
     std::string agentxMaster;
+    // The agent is the dlmod module of a stock snmpd on `port` instead of
+    // the program: our tokens follow the dlmod line, and the communities
+    // see the subtree only (as the program serves nothing else). The
+    // process, its log and its exit status are then snmpd's. REQUIRES: no
+    // sanitizer build (the module cannot be loaded into snmpd then).
+    bool dlmod = false;
     // The credentials the agent must answer a GET of the switch with before
     // start() returns true.
     std::string readyAuth = "-v2c -c public";
@@ -68,9 +76,13 @@ class AgentUnderTest {
   // Starts the array and the agent; true once the agent answers, else false
   // with *error (the agent's log included).
   bool start(const Options& options, std::string* error);
+  // Starts the array and the agent without waiting for an answer (an
+  // AgentX sub-agent whose master is not there yet). False with *error
+  // when the array cannot start.
+  bool launch(const Options& options, std::string* error);
   // Starts the agent as start() does and waits for it to exit (at most
   // about 5 s): its exit status, or -1 when it is still running. Its output
-  // is then log().
+  // is then log(). Not with Options::dlmod.
   int runToExit(const Options& options);
 
   // The in-process array's server and model (only with Array::kInThisProcess).
@@ -84,6 +96,7 @@ class AgentUnderTest {
   // Requests the in-process array answered with this record identifier.
   uint64_t requests(unsigned long long command) const;
 
+  // The agent program (not with Options::dlmod).
   Process& process() { return *agent_; }
   // Stops the agent (SIGTERM) and returns its exit status (-1 when it is
   // not running).
@@ -93,19 +106,23 @@ class AgentUnderTest {
   int port() const { return port_; }
   const TempDir& dir() const { return dir_; }
   std::string socketPath() const { return dir_.path() + "/backend.sock"; }
-  // Everything the agent wrote to stdout and stderr.
+  // Everything the agent (with Options::dlmod: snmpd) wrote to stdout and
+  // stderr.
   std::string log() const;
 
   // The agent program.
   static std::string Program();
 
  private:
-  bool launch(const Options& options, std::string* error);
+  // The configuration lines of our tokens for the array of `options`.
+  // REQUIRES: the in-process array runs (Array::kInThisProcess).
+  std::string arrayConfig(const Options& options);
 
   TempDir dir_;  // declared first: removed last
   Options options_;
   std::unique_ptr<zerva_sim::ArraySimServer> sim_;
   std::unique_ptr<Process> agent_;
+  std::unique_ptr<StockSnmpd> snmpd_;  // Options::dlmod
   std::unique_ptr<Snmp> snmp_;
   int port_ = 0;
 };

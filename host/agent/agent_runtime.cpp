@@ -44,6 +44,7 @@ bool AgentRuntime::start(const AgentOptions& optionsIn, const std::string& where
 
   ServerSettings settings;
   settings.snapshotTime = std::chrono::seconds(options.snapshotSeconds);
+  settings.walkTime = std::chrono::seconds(options.walkSeconds);
   settings.batchRows = options.batchRows;
   settings.request = CurrentSnmpRequest;
   std::string prefixes;

@@ -46,8 +46,8 @@ std::map<Oid, Value> SlowBulkWalk(const AgentUnderTest& agent, const Oid& prefix
   *requests = 0;
   for (int guard = 0; guard < 10000; ++guard) {
     int rc = -1;
-    const std::string out = Tool(agent, "snmpbulkget", kReadCommunity,
-                                 "-Cn0 -Cr" + std::to_string(repetitions) + " " + OidText(from), &rc);
+    const std::string out =
+        Tool(agent, "snmpbulkget", kReadCommunity, "-Cn0 -Cr" + std::to_string(repetitions) + " " + OidText(from), &rc);
     ++*requests;
     EXPECT_EQ(0, rc) << out;
     const ParsedWalk answer = ParseWalk(out);

@@ -81,10 +81,10 @@ void Record(const char* token, char* line) { g_handed.push_back({token, line != 
 bool SameOptions(const AgentOptions& a, const AgentOptions& b) {
   return a.modulePath == b.modulePath && a.mibDir == b.mibDir && a.backend == b.backend &&
          a.backendTimeoutMs == b.backendTimeoutMs && a.snapshotSeconds == b.snapshotSeconds &&
-         a.batchRows == b.batchRows && a.logLevel == b.logLevel && a.logFile == b.logFile && a.syslog == b.syslog &&
-         a.deviceConfig == b.deviceConfig && a.simTopology == b.simTopology && a.simLuns == b.simLuns &&
-         a.simFileSystems == b.simFileSystems && a.simFeatures == b.simFeatures && a.simSeed == b.simSeed &&
-         a.agentx == b.agentx;
+         a.walkSeconds == b.walkSeconds && a.batchRows == b.batchRows && a.logLevel == b.logLevel &&
+         a.logFile == b.logFile && a.syslog == b.syslog && a.deviceConfig == b.deviceConfig &&
+         a.simTopology == b.simTopology && a.simLuns == b.simLuns && a.simFileSystems == b.simFileSystems &&
+         a.simFeatures == b.simFeatures && a.simSeed == b.simSeed && a.agentx == b.agentx;
 }
 
 // The value as the token sees it: without blanks, tabs and line ends around it.
@@ -145,6 +145,11 @@ bool Expect(const std::string& token, const std::string& v, AgentOptions* expect
   if (token == "zervaSnapshotSeconds") {
     if (!ValidNumber(v, 0, 86400, &n)) return false;
     expected->snapshotSeconds = static_cast<unsigned int>(n);
+    return true;
+  }
+  if (token == "zervaWalkSeconds") {
+    if (!ValidNumber(v, 0, 86400, &n)) return false;
+    expected->walkSeconds = static_cast<unsigned int>(n);
     return true;
   }
   if (token == "zervaBatchRows") {
@@ -216,6 +221,7 @@ bool IsOurToken(const std::string& token) {
 void CheckRanges(const AgentOptions& o) {
   FUZZ_CHECK(o.backendTimeoutMs <= 3600000);
   FUZZ_CHECK(o.snapshotSeconds <= 86400);
+  FUZZ_CHECK(o.walkSeconds <= 86400);
   FUZZ_CHECK(o.batchRows >= 1 && o.batchRows <= 10000);
   FUZZ_CHECK(o.logLevel >= VEM_LOG_TRACE && o.logLevel <= VEM_LOG_OFF);
   FUZZ_CHECK(o.simLuns >= -1 && o.simLuns <= 1000000);

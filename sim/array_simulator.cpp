@@ -62,6 +62,35 @@ int FeatureOf(uint32_t t) {
 // Node number of a controller ID of the form the topology admits ("1B" -> 5).
 uint64_t NodeOf(const std::string& id) { return CSnmpCommUtil::ParseCtrlNodeID(id); }
 
+// The text a values cell (tag 9) carries under the bad-values fault.
+const char kBadValuesText[] = "12,n/a,7";
+
+// The answer frame with every values text replaced by kBadValuesText; the
+// result code, the records and their other cells as they were.
+std::vector<unsigned char> SpoilValues(std::vector<unsigned char> frame) {
+  CTLVPackage in;
+  if (in.decode(frame.data(), static_cast<unsigned int>(frame.size())) == CTLVPackage::FAILED) return frame;
+  CTLVPackage out;
+  out.head() = in.head();
+  for (const CTLVRecordV3* record : in.records()) {
+    std::unique_ptr<CTLVRecordV3> copy(new CTLVRecordV3(record->id(), CTLVRecordV3::DEFAULT_BUCKETS));
+    for (const CTLVCell* cell : record->cells()) {
+      std::unique_ptr<CTLVCell> c(new CTLVCell());
+      const unsigned short tagWord = static_cast<unsigned short>((cell->tag() << 4) | (cell->type() & 0xF));
+      if (cell->tag() == kTagStatsValues && cell->type() == CTLVCell::TLV_TYPE_STRING) {
+        c->setCell(tagWord, kBadValuesText, sizeof kBadValuesText);  // with its NUL
+      } else {
+        c->setCell(tagWord, reinterpret_cast<const char*>(cell->value()), cell->length());
+      }
+      copy->append(c.release());
+    }
+    out.push_back(copy.release());
+  }
+  std::vector<unsigned char> bytes(TLVMsgHeadV3::SIZE + out.bodyLength());
+  out.encode(bytes.data(), static_cast<unsigned int>(bytes.size()));
+  return bytes;
+}
+
 std::string JoinNumbers(const std::vector<uint32_t>& values) {
   std::string text;
   for (size_t i = 0; i < values.size(); ++i) {
@@ -329,6 +358,10 @@ Reply ArraySimulator::faulted(const FaultRule& fault, std::vector<unsigned char>
       normal.resize(TLVMsgHeadV3::SIZE);
       tlv::EncodeFixed32(normal.data() + 24, 0xFFFFFFF0u);
       reply.bytes = std::move(normal);
+      break;
+    case FaultKind::kBadValues:
+      reply.bytes = SpoilValues(std::move(normal));
+      reply.closeAfter = false;
       break;
   }
   return reply;

@@ -201,6 +201,34 @@ TEST_F(ArraySimulatorTest, FaultsShapeTheReply) {
   EXPECT_TRUE(sim_.faults().empty());
 }
 
+TEST_F(ArraySimulatorTest, BadValuesFaultSpoilsOnlyTheValuesTexts) {
+  FaultRule f;
+  std::string error;
+  ASSERT_TRUE(sim_.parseFault("bad-values,cmd=LUN_BATCH_STATS,count=1", &f, &error)) << error;
+  sim_.addFault(f);
+  const Rec batch = Rec(kLunBatchStatsCmd).u32(11, 11).str(12, "3,4").str(8, kLunItems).t6(2, 4);
+  const std::vector<unsigned char> frame = batch.frame();
+  const Reply r = sim_.handle(frame.data(), frame.size());
+  EXPECT_FALSE(r.closeAfter);
+  auto a = DecodeAnswer(r.bytes);
+  ASSERT_EQ(a->code, 0u);
+  ASSERT_EQ(a->pkg.size(), 2u);
+  EXPECT_EQ(Text(*a->pkg[0], 13), "3");
+  EXPECT_EQ(Text(*a->pkg[0], 9), "12,n/a,7");
+  EXPECT_EQ(Text(*a->pkg[1], 13), "4");
+  EXPECT_EQ(Text(*a->pkg[1], 9), "12,n/a,7");
+  // Used up: the next answer is the healthy one.
+  auto healthy = Ask(batch);
+  ASSERT_EQ(healthy->pkg.size(), 2u);
+  std::vector<uint32_t> truth;
+  sim_.statistics(11, "3", {303, 22, 25, 28, 21, 23, 26, 5, 307, 370, 371, 384, 385}, &truth);
+  EXPECT_EQ(Text(*healthy->pkg[0], 9).substr(0, std::to_string(truth[0]).size() + 1), std::to_string(truth[0]) + ",");
+  // A refusal keeps its code.
+  ASSERT_TRUE(sim_.parseFault("bad-values", &f, &error)) << error;
+  sim_.addFault(f);
+  EXPECT_EQ(Stats("11:400", "22")->code, kSimErrNoObject);
+}
+
 TEST_F(ArraySimulatorTest, ControlCommandAddsListsAndCounts) {
   EXPECT_EQ(Ask(Rec(kSimControlCmd).str(0, "fault").str(1, "delay=5,cmd=LISTING"))->code, 0u);
   auto l = Ask(Rec(kSimControlCmd).str(0, "list-faults"));

@@ -27,6 +27,8 @@ TEST(FaultTest, ParsesEveryKind) {
   EXPECT_EQ(Parse("bad-magic").kind, FaultKind::kBadMagic);
   EXPECT_EQ(Parse("bad-version").kind, FaultKind::kBadVersion);
   EXPECT_EQ(Parse("huge-len").kind, FaultKind::kHugeLength);
+  EXPECT_EQ(Parse("bad-values").kind, FaultKind::kBadValues);
+  EXPECT_EQ(FaultText(Parse("bad-values,cmd=GET_CUR_STATISTIC_DATA,count=1")), "bad-values,cmd=0xDE0222010,count=1");
 }
 
 TEST(FaultTest, ParsesOptions) {
@@ -43,7 +45,7 @@ TEST(FaultTest, RefusesBadTexts) {
   FaultRule s;
   std::string error;
   for (const char* bad : {"", "explode", "refuse", "refuse=0", "delay=abc", "delay=999999", "close=1", "close,cmd=NOPE",
-                          "close,rate=0", "close,rate=2", "close,count=0", "close,colour=red"}) {
+                          "close,rate=0", "close,rate=2", "close,count=0", "close,colour=red", "bad-values=1"}) {
     EXPECT_FALSE(ParseFault(bad, Resolve, &s, &error)) << bad;
     EXPECT_FALSE(error.empty());
   }

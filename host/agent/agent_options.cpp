@@ -72,6 +72,7 @@ const std::vector<AgentToken>& AgentTokens() {
       {"zervaBackend", "embedded | unix:PATH | tcp:HOST:PORT: the management back end"},
       {"zervaBackendTimeout", "MS: back-end call timeout (listings get twice as long)"},
       {"zervaSnapshotSeconds", "N: how long table rows are reused (0: never)"},
+      {"zervaWalkSeconds", "N: how long a walk goes on with the rows it began on (0: no longer than the snapshot)"},
       {"zervaBatchRows", "N: rows asked per batch of a batch table"},
       {"zervaLogLevel", "trace|debug|warn|error|off: level of the debug kits"},
       {"zervaLogFile", "PATH: append log lines to this file"},
@@ -110,6 +111,7 @@ bool ApplyAgentToken(const std::string& token, const std::string& rawValue, Agen
   }
   if (token == "zervaBackendTimeout") return NumberToken(value, 1, 3600000, &o->backendTimeoutMs, error);
   if (token == "zervaSnapshotSeconds") return NumberToken(value, 0, 86400, &o->snapshotSeconds, error);
+  if (token == "zervaWalkSeconds") return NumberToken(value, 0, 86400, &o->walkSeconds, error);
   if (token == "zervaBatchRows") return NumberToken(value, 1, 10000, &o->batchRows, error);
   if (token == "zervaLogLevel") {
     if (VEMParseLogLevel(value, &o->logLevel)) return true;

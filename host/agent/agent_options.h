@@ -18,7 +18,8 @@ struct AgentOptions {
   std::string mibDir;                    // zervaMibDir: where the module's MIB description lies
   std::string backend = "embedded";      // zervaBackend: unix:/path | tcp:host:port | embedded
   unsigned int backendTimeoutMs = 0;     // zervaBackendTimeout: 0 keeps the transport's defaults
-  unsigned int snapshotSeconds = 3;      // zervaSnapshotSeconds: 0 reads the back end every time
+  unsigned int snapshotSeconds = 3;      // zervaSnapshotSeconds: 0 reads the back end for every request
+  unsigned int walkSeconds = 60;         // zervaWalkSeconds: a walk's snapshot age limit; 0: no extension
   unsigned int batchRows = 160;          // zervaBatchRows: rows per batch of a batch table
   EVEMLogLevel logLevel = VEM_LOG_WARN;  // zervaLogLevel
   std::string logFile;                   // zervaLogFile: append log lines to this file

@@ -19,6 +19,7 @@ TEST(AgentOptionsTest, DefaultsAreDocumented) {
   AgentOptions o;
   EXPECT_EQ("embedded", o.backend);
   EXPECT_EQ(3u, o.snapshotSeconds);
+  EXPECT_EQ(60u, o.walkSeconds);
   EXPECT_EQ(160u, o.batchRows);
   EXPECT_EQ(VEM_LOG_WARN, o.logLevel);
   EXPECT_FALSE(o.agentx);
@@ -32,6 +33,7 @@ TEST(AgentOptionsTest, EveryTokenAcceptsAGoodValue) {
   EXPECT_TRUE(Apply("zervaBackend", "tcp:127.0.0.1:9000", &o, &e)) << e;
   EXPECT_TRUE(Apply("zervaBackendTimeout", "250", &o, &e));
   EXPECT_TRUE(Apply("zervaSnapshotSeconds", "0", &o, &e));
+  EXPECT_TRUE(Apply("zervaWalkSeconds", "0", &o, &e));
   EXPECT_TRUE(Apply("zervaBatchRows", "16", &o, &e));
   EXPECT_TRUE(Apply("zervaLogLevel", "debug", &o, &e));
   EXPECT_TRUE(Apply("zervaLogFile", "/tmp/a.log", &o, &e));
@@ -48,6 +50,7 @@ TEST(AgentOptionsTest, EveryTokenAcceptsAGoodValue) {
   EXPECT_EQ("tcp:127.0.0.1:9000", o.backend);
   EXPECT_EQ(250u, o.backendTimeoutMs);
   EXPECT_EQ(0u, o.snapshotSeconds);
+  EXPECT_EQ(0u, o.walkSeconds);
   EXPECT_EQ(16u, o.batchRows);
   EXPECT_EQ(VEM_LOG_DEBUG, o.logLevel);
   EXPECT_TRUE(o.syslog);
@@ -65,6 +68,9 @@ TEST(AgentOptionsTest, BadValuesAreRefusedWithAReason) {
   EXPECT_NE(std::string::npos, e.find("http://x"));
   EXPECT_FALSE(Apply("zervaBackendTimeout", "0", &o, &e));
   EXPECT_FALSE(Apply("zervaSnapshotSeconds", "-1", &o, &e));
+  EXPECT_FALSE(Apply("zervaWalkSeconds", "sixty", &o, &e));
+  EXPECT_NE(std::string::npos, e.find("'sixty' is not a number from 0 to 86400")) << e;
+  EXPECT_FALSE(Apply("zervaWalkSeconds", "86401", &o, &e));
   EXPECT_FALSE(Apply("zervaBatchRows", "ten", &o, &e));
   EXPECT_FALSE(Apply("zervaLogLevel", "loud", &o, &e));
   EXPECT_FALSE(Apply("zervaSyslog", "maybe", &o, &e));
@@ -74,6 +80,7 @@ TEST(AgentOptionsTest, BadValuesAreRefusedWithAReason) {
   EXPECT_FALSE(Apply("zervaNoSuchThing", "1", &o, &e));
   EXPECT_EQ("embedded", o.backend);  // nothing bad was stored
   EXPECT_EQ(3u, o.snapshotSeconds);
+  EXPECT_EQ(60u, o.walkSeconds);
 }
 
 TEST(AgentOptionsTest, CommandLineOptions) {

@@ -63,6 +63,7 @@ bool AgentRuntime::serve(std::string* summary, std::string* error) {
 
   ServerSettings settings;
   settings.snapshotTime = std::chrono::seconds(options.snapshotSeconds);
+  settings.walkTime = std::chrono::seconds(options.walkSeconds);
   settings.batchRows = options.batchRows;
   settings.request = CurrentSnmpRequest;
   std::string prefixes;

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "snmpcommon/snmp_configuration.h"
+#include "snmpcommon/snmp_read_failures.h"
 #include "vempub/vem_debug_kit.h"
 
 namespace zerva_agent {
@@ -32,6 +33,21 @@ int CallHandler(Fn fn, std::string* why) {
     *why = "unknown exception";
   }
   return -1;
+}
+
+// What the failure count says about a read the handler answered: n calls
+// failed (the last with code `last`) and m value lists did not parse.
+std::string ReadFailureText(uint64_t calls, int last, uint64_t texts) {
+  std::string text = "the handler answered, but";
+  if (calls != 0) {
+    text += " " + std::to_string(calls) + (calls == 1 ? " back-end call" : " back-end calls") + " failed (" +
+            (calls == 1 ? "" : "the last ") + "with " + ResultText(last) + ")";
+  }
+  if (texts != 0) {
+    text += std::string(calls != 0 ? " and" : "") + " " + std::to_string(texts) +
+            (texts == 1 ? " value list" : " value lists") + " from the back end did not parse";
+  }
+  return text + " during the read";
 }
 
 Lookup Error(const std::string& why) {
@@ -170,8 +186,8 @@ int ScalarServer::write(uint32_t value, std::string* why) {
 
 TableServer::TableServer(const MibObject& object, CSnmpHandler* handler, const ServerSettings& settings, bool batch)
     : ObjectServer(object, handler, settings),
-      batch_(batch),
-      snapshot_(settings.snapshotTime, settings.now, settings.request) {}
+      batch_(batch && object.indexEncoding == MibIndexEncoding::Integer),
+      snapshot_(settings.snapshotTime, settings.walkTime, settings.now, settings.request) {}
 
 void TableServer::invalidate() {
   rows_.clear();
@@ -179,8 +195,15 @@ void TableServer::invalidate() {
   snapshot_.drop();
 }
 
-void TableServer::expire() {
-  if (snapshot_.expired()) invalidate();
+void TableServer::begin(SnapshotLifetime::Use use) {
+  if (snapshot_.begin(use)) invalidate();
+}
+
+TableServer::Fetch TableServer::fail(const std::string& why) {
+  invalidate();
+  snapshot_.noteFailure();
+  failure_ = why;
+  return kFailed;
 }
 
 void TableServer::Row::set(size_t i, const SnmpValue& value) {
@@ -208,16 +231,23 @@ bool TableServer::Row::get(size_t i, SnmpValue* value) const {
   return true;
 }
 
-bool TableServer::query(const CVEM_SnmpContext& ctx, std::vector<std::pair<Agentpp::Oidx, Row>>* rows, bool* degraded,
+bool TableServer::query(const CVEM_SnmpContext& ctx, std::vector<std::pair<Agentpp::Oidx, Row>>* rows,
                         std::string* why) {
   CTLVPackage req;
   CTLVPackage rsp;
-  const uint64_t failures = CSNMP_Configuration::instance()->transportFailures();
+  const uint64_t calls = CSnmpReadFailures::failedCalls();
+  const uint64_t texts = CSnmpReadFailures::refusedTexts();
   if (CallHandler([&] { return handler_->OnQueryTable(ctx, req, rsp); }, why) != 0) {
     reportFailure("OnQueryTable: " + *why);
     return false;
   }
-  *degraded = CSNMP_Configuration::instance()->transportFailures() != failures;
+  const uint64_t failedCalls = CSnmpReadFailures::failedCalls() - calls;
+  const uint64_t refusedTexts = CSnmpReadFailures::refusedTexts() - texts;
+  if (failedCalls != 0 || refusedTexts != 0) {
+    *why = ReadFailureText(failedCalls, CSnmpReadFailures::lastFailedResult(), refusedTexts);
+    reportFailure("OnQueryTable: " + *why);
+    return false;
+  }
   reportSuccess();
   rows->clear();
   rows->reserve(rsp.size());
@@ -252,7 +282,7 @@ bool TableServer::query(const CVEM_SnmpContext& ctx, std::vector<std::pair<Agent
   return true;
 }
 
-void TableServer::keepWhole(std::vector<std::pair<Agentpp::Oidx, Row>>& rows, bool degraded) {
+void TableServer::keepWhole(std::vector<std::pair<Agentpp::Oidx, Row>>& rows) {
   invalidate();
   for (auto& r : rows) {
     if (!rows_.emplace(r.first, std::move(r.second)).second) {
@@ -260,14 +290,13 @@ void TableServer::keepWhole(std::vector<std::pair<Agentpp::Oidx, Row>>& rows, bo
     }
   }
   known_.add(RowIntervalSet::Whole());
-  snapshot_.noteRead(degraded);
+  snapshot_.noteRead();
 }
 
 TableServer::Fetch TableServer::fetchWhole(ESnmpOperation op, const Agentpp::Oidx& index, std::string* why) {
   std::vector<std::pair<Agentpp::Oidx, Row>> rows;
-  bool degraded = false;
-  if (!query(CVEM_SnmpContext(op, index, 0), &rows, &degraded, why)) return kFailed;
-  keepWhole(rows, degraded);
+  if (!query(CVEM_SnmpContext(op, index, 0), &rows, why)) return fail(*why);
+  keepWhole(rows);
   return kFetched;
 }
 
@@ -276,10 +305,11 @@ TableServer::Fetch TableServer::fetchBatch(bool fromStart, const Agentpp::Oidx& 
   const unsigned int wanted = std::max(rowsHint, std::max(settings_.batchRows, 1u));
   std::vector<std::pair<Agentpp::Oidx, Row>> rows;
   const Agentpp::Oidx index = fromStart ? Agentpp::Oidx() : after;
-  bool degraded = false;
-  if (!query(CVEM_SnmpContext(SNMP_OP_GETNEXT, index, wanted), &rows, &degraded, why)) return kFailed;
-  if (fromStart && handler_->isWholeTable()) {
-    keepWhole(rows, degraded);
+  if (!query(CVEM_SnmpContext(SNMP_OP_GETNEXT, index, wanted), &rows, why)) return fail(*why);
+  if (handler_->isWholeTable()) {
+    // The walk began at the first object and reached the end (also when the
+    // handler did not continue after the index it was given).
+    keepWhole(rows);
     return kFetched;
   }
   // A batch continues after `after` in index order; a table whose listing
@@ -302,12 +332,12 @@ TableServer::Fetch TableServer::fetchBatch(bool fromStart, const Agentpp::Oidx& 
   if (!rows.empty()) read.hi = rows.back().first;
   if (!read.toEnd && rows.empty()) {
     // Nothing learnt; the snapshot's time starts all the same.
-    snapshot_.noteRead(false);
+    snapshot_.noteRead();
     return kFetched;
   }
   for (auto& r : rows) rows_.emplace(r.first, std::move(r.second));
   known_.add(read);
-  snapshot_.noteRead(degraded);
+  snapshot_.noteRead();
   return kFetched;
 }
 
@@ -317,8 +347,11 @@ bool TableServer::coversAfter(bool fromStart, const Agentpp::Oidx& after) const 
 
 TableServer::Fetch TableServer::nextRow(bool fromStart, const Agentpp::Oidx& after, unsigned int rowsHint,
                                         const Rows::value_type** row, std::string* why) {
-  expire();
   if (!coversAfter(fromStart, after)) {
+    if (snapshot_.failedInThisRequest()) {
+      *why = failure_;
+      return kFailed;
+    }
     if (!batch_) {
       if (fetchWhole(fromStart ? SNMP_OP_WALK : SNMP_OP_GETNEXT, after, why) != kFetched) return kFailed;
     } else if (fetchBatch(fromStart, after, rowsHint, why) != kFetched) {
@@ -328,7 +361,7 @@ TableServer::Fetch TableServer::nextRow(bool fromStart, const Agentpp::Oidx& aft
   if (!coversAfter(fromStart, after)) {
     *why = "the table's batch answered nothing new";
     reportFailure(*why);
-    return kFailed;
+    return fail(*why);
   }
   auto it = fromStart ? rows_.begin() : rows_.upper_bound(after);
   *row = it == rows_.end() ? nullptr : &*it;
@@ -336,8 +369,11 @@ TableServer::Fetch TableServer::nextRow(bool fromStart, const Agentpp::Oidx& aft
 }
 
 TableServer::Fetch TableServer::ensureRow(const Agentpp::Oidx& index, std::string* why) {
-  expire();
   if (known_.covers(index)) return kFetched;
+  if (snapshot_.failedInThisRequest()) {
+    *why = failure_;
+    return kFailed;
+  }
   if (!batch_ || object_.indexEncoding != MibIndexEncoding::Integer) {
     return fetchWhole(SNMP_OP_GET, index, why);
   }
@@ -356,6 +392,7 @@ Lookup TableServer::get(const Agentpp::Oidx& oid) {
   if (col == nullptr) return WithStatus(Lookup::kNoSuchObject);
   const Agentpp::Oidx index = oid.cut_left(p + 2);
   if (!IsValidIndex(index, object_.indexEncoding)) return WithStatus(Lookup::kNoSuchInstance);
+  begin(SnapshotLifetime::kStart);
   std::string why;
   if (ensureRow(index, &why) != kFetched) return Error(why);
   auto row = rows_.find(index);
@@ -390,6 +427,8 @@ Lookup TableServer::getNext(const Agentpp::Oidx& oid, unsigned int rowsHint) {
     // start from the first instance.
     return WithStatus(Lookup::kEndOfObject);
   }
+  // An OID with a row index continues a walk; any other starts one.
+  begin(fromStart ? SnapshotLifetime::kStart : SnapshotLifetime::kContinue);
 
   for (size_t i = first; i < object_.columns.size(); ++i) {
     const MibColumn& col = object_.columns[i];

@@ -5,13 +5,16 @@
 // OnSetLeaf. TableServer asks OnQueryTable for rows, turns them into values
 // by the MIB description, keeps them sorted by row index and answers GET and
 // GETNEXT from that copy:
-//  - a table answered whole is kept as one snapshot for the snapshot time,
-//    so a walk over every column reads one consistent copy and the back end
-//    is asked once per snapshot;
-//  - a batch table (a CSnmpTableBase: LUNs, file systems) is read in batches
-//    (GETNEXT after an index, rowsWanted rows); every batch is kept for the
-//    snapshot time too, with the index ranges it covers, so a column walk
-//    asks the back end O(rows / batch) times and the next columns none.
+//  - a table answered whole is kept as one snapshot (SnapshotLifetime says
+//    for how long), so a walk over every column reads one consistent copy
+//    and the back end is asked once per snapshot;
+//  - a batch table (a CSnmpTableBase with a numeric index: LUNs) is read in
+//    batches (GETNEXT after an index, rowsWanted rows); every batch joins the
+//    snapshot with the index ranges it covers, so a column walk asks the
+//    back end O(rows / batch) times and the next columns none;
+//  - a read fails when the handler fails or when any back-end call failed
+//    during it (CSnmpReadFailures), even if the handler answered anyway: the
+//    lookup is an error (genErr) and nothing of the read is kept.
 // Nothing here depends on Net-SNMP; netsnmp_bridge adapts it.
 #ifndef ZERVA_AGENT_OBJECT_SERVER_H_
 #define ZERVA_AGENT_OBJECT_SERVER_H_
@@ -36,15 +39,20 @@
 namespace zerva_agent {
 
 struct ServerSettings {
-  // How long rows read from the back end are reused; zero: never.
+  // How long rows read from the back end serve GETs and walks that start;
+  // zero: only the request that read them.
   std::chrono::milliseconds snapshotTime{3000};
+  // How long a walk goes on with the snapshot it began on, when longer than
+  // the snapshot time; zero: no longer than the snapshot time.
+  std::chrono::milliseconds walkTime{60000};
   // Rows asked of a batch table per request (at least; a GETBULK may ask more).
   unsigned int batchRows = 160;
   // The time source (tests step it by hand).
   std::function<Clock::time_point()> now = [] { return Clock::now(); };
   // The number of the SNMP request being answered (the Net-SNMP bridge
-  // counts them). Rows read while a back-end call failed serve that request
-  // only. Without a count every lookup is a request of its own.
+  // counts them): rows read for a request serve all of it, and a read that
+  // failed is not tried again within it. Without a count every lookup is a
+  // request of its own.
   std::function<uint64_t()> request = [] {
     static std::atomic<uint64_t> n{0};
     return ++n;
@@ -58,7 +66,7 @@ struct Lookup {
     kNoSuchObject,    // GET of an OID that is no column of the object
     kNoSuchInstance,  // GET of a row or instance that does not exist
     kEndOfObject,     // GETNEXT: nothing after the OID in this object
-    kError,           // the handler or the back end failed: error says why
+    kError,           // the read failed (handler or back end): error says why
   };
   Status status = kEndOfObject;
   Agentpp::Oidx name;
@@ -141,14 +149,17 @@ class ScalarServer : public ObjectServer {
 class TableServer : public ObjectServer {
  public:
   // batch: read the table in batches after an index (CSnmpTableBase tables).
+  // Only a numeric index names a listing key a batch can continue after, so a
+  // table with a text index is read whole all the same.
   TableServer(const MibObject& object, CSnmpHandler* handler, const ServerSettings& settings, bool batch);
 
   Lookup get(const Agentpp::Oidx& oid) override;
   Lookup getNext(const Agentpp::Oidx& oid, unsigned int rowsHint) override;
   void invalidate() override;
 
-  // False once a batch table turned out to list rows out of index order; it
-  // is read whole from then on.
+  // False for a table read whole: not a batch table, a text index, or a
+  // batch table that turned out to list rows out of index order (read whole
+  // from then on).
   bool batchMode() const { return batch_; }
 
  private:
@@ -178,8 +189,12 @@ class TableServer : public ObjectServer {
 
   enum Fetch { kFetched, kFailed };
 
-  // Drops the kept rows once their snapshot may no longer be served.
-  void expire();
+  // Begins a lookup of this use: drops the kept rows when their snapshot may
+  // not serve it.
+  void begin(SnapshotLifetime::Use use);
+  // Records a failed read: nothing is kept, and the rest of the request
+  // answers the same error without reading again. Returns kFailed.
+  Fetch fail(const std::string& why);
   // The first kept row after `after` (from the first row when fromStart),
   // fetching what is missing. *row is null at the end of the table.
   Fetch nextRow(bool fromStart, const Agentpp::Oidx& after, unsigned int rowsHint, const Rows::value_type** row,
@@ -190,13 +205,14 @@ class TableServer : public ObjectServer {
   Fetch fetchWhole(ESnmpOperation op, const Agentpp::Oidx& index, std::string* why);
   // Reads one batch after `after` (from the first row when fromStart).
   Fetch fetchBatch(bool fromStart, const Agentpp::Oidx& after, unsigned int rowsHint, std::string* why);
-  // Calls OnQueryTable; on success fills *rows in answer order and sets
-  // *degraded when a back-end call failed during it (the handler answered
-  // anyway, e.g. an empty table because the switch query failed).
-  bool query(const CVEM_SnmpContext& ctx, std::vector<std::pair<Agentpp::Oidx, Row>>* rows, bool* degraded,
-             std::string* why);
+  // Calls OnQueryTable; on success fills *rows in answer order. The read
+  // fails when the handler does, and also when a back-end call failed or a
+  // value list did not parse during it (the handler answered anyway: an
+  // empty table when the switch query failed, a table without the row whose
+  // statistics were refused).
+  bool query(const CVEM_SnmpContext& ctx, std::vector<std::pair<Agentpp::Oidx, Row>>* rows, std::string* why);
   // Stores rows as the whole table.
-  void keepWhole(std::vector<std::pair<Agentpp::Oidx, Row>>& rows, bool degraded);
+  void keepWhole(std::vector<std::pair<Agentpp::Oidx, Row>>& rows);
   // True when the first row after `after` (from the first row when
   // fromStart) is kept or known to be missing.
   bool coversAfter(bool fromStart, const Agentpp::Oidx& after) const;
@@ -204,7 +220,8 @@ class TableServer : public ObjectServer {
   bool batch_;
   Rows rows_;
   RowIntervalSet known_;       // the indexes rows_ covers completely
-  SnapshotLifetime snapshot_;  // how long rows_ and known_ may be served
+  SnapshotLifetime snapshot_;  // which lookups rows_ and known_ may serve
+  std::string failure_;        // why the last read failed
 };
 
 }  // namespace zerva_agent

@@ -10,8 +10,11 @@
 #include <vector>
 
 #include "diag/vem_exception.h"
+#include "performance/snmp_zerva_performance_fileSystem_handler.h"
 #include "performance/snmp_zerva_performance_lun_handler.h"
 #include "performance/snmp_zerva_performance_switch.h"
+#include "snmpcommon/snmp_comm_util.h"
+#include "snmpcommon/snmp_configuration.h"
 #include "tlv/backend_codes.h"
 #include "tests/support/fake_backend.h"
 #include "tests/support/kit_log_capture.h"
@@ -519,12 +522,12 @@ TEST(BatchTableTest, UnreachableBackEndIsAnError) {
   EXPECT_EQ(Lookup::kError, server.getNext(server.prefix(), 0).status);
 }
 
-TEST(BatchTableTest, RowsReadWhileTheBackEndFailedServeOnlyTheirRequest) {
+TEST(BatchTableTest, ARefusedSwitchQueryIsAnErrorNotAnEmptyTable) {
   BackendFixture fixture;
   LunBackend backend(fixture, Keys(3), 256);
-  // The switch query times out: the module reads that as "collection off"
-  // and answers an empty table, successfully.
-  fixture.backend().on(zerva_test::kGetSwitchCmd, Answer(SNMP_TRANSPORT_E_TIMEOUT));
+  // The array refuses the switch query with a code of its own: the module
+  // reads that as "collection off" and answers an empty table, result 0.
+  fixture.backend().on(zerva_test::kGetSwitchCmd, Answer(0x53494D7E));
   CPerformanceLunHandler handler;
   MibObject object = LunTable();
   ServerSettings settings;
@@ -532,13 +535,17 @@ TEST(BatchTableTest, RowsReadWhileTheBackEndFailedServeOnlyTheirRequest) {
   uint64_t request = 1;
   settings.request = [&request] { return request; };
   TableServer server(object, &handler, settings, true);
-  EXPECT_EQ(Lookup::kEndOfObject, server.getNext(server.prefix(), 0).status);
+  KitLogCapture log;
+  Lookup failed = server.getNext(server.prefix(), 0);
+  ASSERT_EQ(Lookup::kError, failed.status);
+  EXPECT_NE(std::string::npos, failed.error.find("1 back-end call failed (with result 1397312894)")) << failed.error;
+  // The rest of the request answers the same error without asking again.
   const size_t switchQueries = fixture.backend().callsTo(zerva_test::kGetSwitchCmd).size();
-  fixture.setSwitch(1);
-  // The same request goes on with what it read ...
-  EXPECT_EQ(Lookup::kEndOfObject, server.getNext(server.prefix(), 0).status);
+  EXPECT_EQ(Lookup::kError, server.getNext(Under(server, "1.3.1"), 0).status);
+  EXPECT_EQ(Lookup::kError, server.get(Under(server, "1.2.0")).status);
   EXPECT_EQ(switchQueries, fixture.backend().callsTo(zerva_test::kGetSwitchCmd).size());
-  // ... the next one reads the table again and finds its rows.
+  // The next request reads the table again and finds its rows.
+  fixture.setSwitch(1);
   request = 2;
   Lookup next = server.getNext(server.prefix(), 0);
   ASSERT_EQ(Lookup::kFound, next.status) << next.error;
@@ -548,6 +555,339 @@ TEST(BatchTableTest, RowsReadWhileTheBackEndFailedServeOnlyTheirRequest) {
   const size_t stats = fixture.backend().callsTo(backend::kLunBatchStatsCmd).size();
   EXPECT_EQ(Lookup::kFound, server.getNext(server.prefix(), 0).status);
   EXPECT_EQ(stats, fixture.backend().callsTo(backend::kLunBatchStatsCmd).size());
+}
+
+TEST(BatchTableTest, ATimedOutSwitchQueryIsAnError) {
+  BackendFixture fixture;
+  LunBackend backend(fixture, Keys(3), 256);
+  fixture.backend().on(zerva_test::kGetSwitchCmd, Answer(SNMP_TRANSPORT_E_TIMEOUT));
+  CPerformanceLunHandler handler;
+  MibObject object = LunTable();
+  TableServer server(object, &handler, ServerSettings(), true);
+  Lookup failed = server.getNext(server.prefix(), 0);
+  ASSERT_EQ(Lookup::kError, failed.status);
+  EXPECT_NE(std::string::npos, failed.error.find("back end timed out")) << failed.error;
+}
+
+TEST(BatchTableTest, AFailedBatchInTheMiddleOfAWalkKeepsNothing) {
+  BackendFixture fixture;
+  LunBackend backend(fixture, Keys(400), 256);
+  CPerformanceLunHandler handler;
+  MibObject object = LunTable();
+  ServerSettings settings;
+  settings.snapshotTime = std::chrono::hours(1);
+  uint64_t request = 1;
+  settings.request = [&request] { return request; };
+  TableServer server(object, &handler, settings, true);
+  ASSERT_EQ(Lookup::kFound, server.getNext(server.prefix(), 0).status);  // LUNs 0-159
+  fixture.backend().push(Answer(0x53494D7E));                            // the next back-end call is refused
+  request = 2;
+  EXPECT_EQ(Lookup::kError, server.getNext(Under(server, "1.1.159"), 0).status);
+  // Nothing of the snapshot is kept: the next request reads from the start.
+  request = 3;
+  const size_t stats = fixture.backend().callsTo(backend::kLunBatchStatsCmd).size();
+  Lookup next = server.getNext(Under(server, "1.2.5"), 0);
+  ASSERT_EQ(Lookup::kFound, next.status) << next.error;
+  EXPECT_EQ(Under(server, "1.2.6"), next.name);
+  EXPECT_EQ(stats + 1, fixture.backend().callsTo(backend::kLunBatchStatsCmd).size());
+}
+
+// A walk of the whole LUN table, one GETNEXT per request, the clock moving
+// `step` per request: the batch statistics commands it cost.
+size_t SlowWalkCommands(std::chrono::milliseconds walkTime) {
+  BackendFixture fixture;
+  LunBackend backend(fixture, Keys(400), 256);
+  CPerformanceLunHandler handler;
+  MibObject object = LunTable();
+  ServerSettings settings;
+  settings.snapshotTime = std::chrono::seconds(3);
+  settings.walkTime = walkTime;
+  Clock::time_point now = Clock::time_point() + std::chrono::hours(1);
+  settings.now = [&now] { return now; };
+  TableServer server(object, &handler, settings, true);
+  Oidx at = server.prefix();
+  size_t found = 0;
+  for (;;) {
+    now += std::chrono::milliseconds(5);  // 6400 requests: 32 s
+    Lookup next = server.getNext(at, 0);
+    if (next.status != Lookup::kFound) {
+      EXPECT_EQ(Lookup::kEndOfObject, next.status) << next.error;
+      break;
+    }
+    ++found;
+    at = next.name;
+  }
+  EXPECT_EQ(400u * 16, found);
+  return fixture.backend().callsTo(backend::kLunBatchStatsCmd).size();
+}
+
+TEST(BatchTableTest, AWalkOutlastingTheSnapshotTimeReadsEachBatchOnce) {
+  // ceil(400 / 160) batches for all 16 columns, though the walk takes 32 s.
+  EXPECT_EQ(3u, SlowWalkCommands(std::chrono::seconds(60)));
+}
+
+TEST(BatchTableTest, WithoutTheWalkExtensionAWalkReadsAgainAfterTheSnapshotTime) {
+  EXPECT_GT(SlowWalkCommands(std::chrono::seconds(0)), 3u);
+}
+
+// A batch handler that answers every row from the first, whatever index it
+// is given, and says its answer is the whole table.
+class IndexIgnoringTable : public ScriptedTable {
+ public:
+  bool isWholeTable() override { return true; }
+};
+
+TEST(BatchTableTest, AWholeAnswerToABatchAfterAnIndexIsKeptWhole) {
+  IndexIgnoringTable handler;
+  handler.rows = {Rec().u32(1, 3).u32(2, 30), Rec().u32(1, 5).u32(2, 50), Rec().u32(1, 9).u32(2, 90)};
+  MibObject object = Table(kTablePrefix, MibIndexEncoding::Integer, MibSyntax::Unsigned32,
+                           {MibColumn{2, "count", MibSyntax::Gauge32, false}});
+  ServerSettings settings;
+  settings.snapshotTime = std::chrono::hours(1);
+  TableServer server(object, &handler, settings, true);
+  Lookup next = server.getNext(Under(server, "1.2.5"), 0);
+  ASSERT_EQ(Lookup::kFound, next.status) << next.error;
+  EXPECT_EQ(Under(server, "1.2.9"), next.name);
+  EXPECT_EQ(1, handler.calls);
+  EXPECT_THAT(Walk(server), ElementsAre("1.1.3=Gauge32: 3", "1.1.5=Gauge32: 5", "1.1.9=Gauge32: 9", "1.2.3=Gauge32: 30",
+                                        "1.2.5=Gauge32: 50", "1.2.9=Gauge32: 90"));
+  EXPECT_EQ(1, handler.calls);
+}
+
+// ------------------------------------------------------------------ file-system table
+
+MibObject FileSystemTable() {
+  std::vector<MibColumn> cols;
+  for (unsigned c = 2; c <= 9; ++c) cols.push_back(MibColumn{c, "fs" + std::to_string(c), MibSyntax::Gauge32, false});
+  return Table("1.3.6.1.4.1.32473.4.1.21.14", MibIndexEncoding::String, MibSyntax::DisplayString, cols);
+}
+
+TEST(FileSystemTableTest, AGetNextInsideTheTableWithNothingKeptReadsItOnce) {
+  BackendFixture fixture({SNMP_FEATURE_FILESYSTEM_PERF});
+  fixture.setSwitch(1);
+  std::vector<std::string> ids;
+  for (int i = 1; i <= 12; ++i) ids.push_back(std::to_string(i));
+  fixture.backend().on(backend::kSortedListingCmd, PagedListing(ids, 8));
+  for (const std::string& id : ids) fixture.backend().onStats("40:" + id, id + ",1,2,3,4,5,6,7");
+  CPerformanceFileSystemHandler handler;
+  MibObject object = FileSystemTable();
+  TableServer server(object, &handler, ServerSettings(), true);
+  EXPECT_FALSE(server.batchMode());  // a text index: read whole
+  // Column 2 after the row of "5" ("5" is 1.53): the row of "6".
+  Lookup next = server.getNext(Under(server, "1.2.1.53"), 0);
+  ASSERT_EQ(Lookup::kFound, next.status) << next.error;
+  EXPECT_EQ(Under(server, "1.2.1.54"), next.name);
+  EXPECT_EQ(6u, next.value.number);
+  // One pass: two listing pages, one statistics command per file system.
+  EXPECT_EQ(2u, fixture.backend().callsTo(backend::kSortedListingCmd).size());
+  EXPECT_EQ(12u, fixture.backend().callsTo(zerva_test::kGetStatsCmd).size());
+}
+
+TEST(FileSystemTableTest, ARefusedStatisticsCommandForOneFileSystemIsAnError) {
+  BackendFixture fixture({SNMP_FEATURE_FILESYSTEM_PERF});
+  fixture.setSwitch(1);
+  fixture.backend().on(backend::kSortedListingCmd, PagedListing({"1", "2", "3"}, 8));
+  fixture.backend().onStats("40:1", "1,1,2,3,4,5,6,7");
+  fixture.backend().onStatsError("40:2", 0x53494D03);  // gone since the listing, says the array
+  fixture.backend().onStats("40:3", "3,1,2,3,4,5,6,7");
+  CPerformanceFileSystemHandler handler;
+  MibObject object = FileSystemTable();
+  TableServer server(object, &handler, ServerSettings(), true);
+  // The module leaves the row out and answers the others; the agent answers
+  // an error, not a table without the row.
+  Lookup failed = server.getNext(server.prefix(), 0);
+  ASSERT_EQ(Lookup::kError, failed.status);
+  EXPECT_NE(std::string::npos, failed.error.find("1 back-end call failed")) << failed.error;
+}
+
+// ------------------------------------------------------------------ failed reads
+
+// A whole-table handler that makes one back-end call per read (the fake back
+// end answers it as scripted) and parses one value list, then answers its
+// rows with result 0 whatever happened.
+class ForgivingTable : public ScriptedTable {
+ public:
+  int OnQueryTable(const CVEM_SnmpContext& ctx, const CTLVPackage& req, CTLVPackage& rsp) override {
+    CTLVPackage call;
+    CTLVPackage answer;
+    call.push_back(Rec(0x42).build());
+    CSNMP_Configuration::instance()->configure(call, answer, false);
+    std::vector<unsigned int> values;
+    SplitToUint(valueText, ',', values);
+    return ScriptedTable::OnQueryTable(ctx, req, rsp);
+  }
+  std::string valueText = "1,2";
+};
+
+class FailedReadTest : public ::testing::Test {
+ protected:
+  FailedReadTest()
+      : object_(Table(kTablePrefix, MibIndexEncoding::Integer, MibSyntax::Unsigned32,
+                      {MibColumn{2, "count", MibSyntax::Counter32, false}})) {
+    handler_.rows = {Rec().u32(1, 1).u32(2, 5), Rec().u32(1, 2).u32(2, 6)};
+    settings_.snapshotTime = std::chrono::hours(1);
+    settings_.request = [this] { return request_; };
+    fixture_.backend().on(0x42, Answer());
+  }
+  TableServer& server() {
+    if (!server_) server_.reset(new TableServer(object_, &handler_, settings_, false));
+    return *server_;
+  }
+
+  BackendFixture fixture_;
+  MibObject object_;
+  ForgivingTable handler_;
+  ServerSettings settings_;
+  uint64_t request_ = 1;
+  std::unique_ptr<TableServer> server_;
+};
+
+TEST_F(FailedReadTest, AHealthyReadServesItsRows) {
+  EXPECT_THAT(Walk(server()),
+              ElementsAre("1.1.1=Gauge32: 1", "1.1.2=Gauge32: 2", "1.2.1=Counter32: 5", "1.2.2=Counter32: 6"));
+  EXPECT_EQ(1, handler_.calls);
+}
+
+TEST_F(FailedReadTest, ABackEndCallThatFailedDuringTheReadIsAnErrorThoughTheHandlerAnswered) {
+  fixture_.backend().on(0x42, Answer(SNMP_TRANSPORT_E_TIMEOUT));
+  KitLogCapture log;
+  Lookup failed = server().getNext(server().prefix(), 0);
+  ASSERT_EQ(Lookup::kError, failed.status);
+  EXPECT_EQ(
+      "the handler answered, but 1 back-end call failed (with result 1314127875 (back end timed out)) during the read",
+      failed.error);
+  size_t logged = 0;
+  for (const CVEMLogRecord& r : log.records(VEM_LOG_ERROR)) {
+    logged += r.kitNo == VEM_KIT_AGENT && r.message.find("testTable (" + object_.prefix + ") failed: OnQueryTable: " +
+                                                         failed.error + "; answering genErr") == 0;
+  }
+  EXPECT_EQ(1u, logged);
+}
+
+TEST_F(FailedReadTest, AValueListThatDidNotParseDuringTheReadIsAnError) {
+  handler_.valueText = "1,x";
+  Lookup failed = server().get(Under(server(), "1.2.1"));
+  ASSERT_EQ(Lookup::kError, failed.status);
+  EXPECT_EQ("the handler answered, but 1 value list from the back end did not parse during the read", failed.error);
+}
+
+TEST_F(FailedReadTest, BothKindsOfFailureAreNamed) {
+  fixture_.backend().on(0x42, Answer(7));
+  handler_.valueText = "";
+  Lookup failed = server().getNext(server().prefix(), 0);
+  EXPECT_EQ(
+      "the handler answered, but 1 back-end call failed (with result 7) and 1 value list from the back end did not "
+      "parse during the read",
+      failed.error);
+}
+
+TEST_F(FailedReadTest, AFailedReadIsNotTriedAgainInItsRequestAndTheNextRequestReadsAgain) {
+  fixture_.backend().on(0x42, Answer(7));
+  EXPECT_EQ(Lookup::kError, server().getNext(server().prefix(), 0).status);
+  EXPECT_EQ(Lookup::kError, server().getNext(Under(server(), "1.2.1"), 5).status);
+  EXPECT_EQ(Lookup::kError, server().get(Under(server(), "1.2.2")).status);
+  EXPECT_EQ(1, handler_.calls);
+  // Lookups that need no rows answer as usual.
+  EXPECT_EQ(Lookup::kNoSuchObject, server().get(Under(server(), "1.9.1")).status);
+  EXPECT_EQ(Lookup::kEndOfObject, server().getNext(Under(server(), "2"), 0).status);
+  // The next request reads again: nothing of the failed read was kept.
+  fixture_.backend().on(0x42, Answer());
+  request_ = 2;
+  Lookup got = server().get(Under(server(), "1.2.2"));
+  ASSERT_EQ(Lookup::kFound, got.status) << got.error;
+  EXPECT_EQ(6u, got.value.number);
+  EXPECT_EQ(2, handler_.calls);
+}
+
+TEST_F(FailedReadTest, AFailureOfAnotherTableDoesNotCount) {
+  fixture_.backend().on(0x42, Answer(7));
+  CTLVPackage call;
+  CTLVPackage answer;
+  call.push_back(Rec(0x42).build());
+  CSNMP_Configuration::instance()->configure(call, answer, false);  // before the read, not during it
+  fixture_.backend().on(0x42, Answer());
+  EXPECT_EQ(Lookup::kFound, server().get(Under(server(), "1.2.1")).status);
+}
+
+// ------------------------------------------------------------------ one request, one snapshot
+
+class SnapshotUseTest : public WholeTableTest {
+ protected:
+  SnapshotUseTest() {
+    handler_.rows = {Rec().u32(1, 1).u32(2, 5), Rec().u32(1, 2).u32(2, 6)};
+    settings_.request = [this] { return request_; };
+  }
+  // Starts the next request.
+  void next() { ++request_; }
+  uint64_t request_ = 1;
+};
+
+TEST_F(SnapshotUseTest, NoRequestReadsATableTwiceEvenWithoutSnapshotTime) {
+  settings_.snapshotTime = std::chrono::seconds(0);
+  settings_.walkTime = std::chrono::seconds(0);
+  auto s = server();
+  // Every lookup of one request (the repetitions of a GETBULK) uses one read.
+  EXPECT_EQ(4u, Walk(*s).size());
+  readCount(*s);
+  now_ += std::chrono::hours(1);
+  readCount(*s);
+  EXPECT_EQ(1, handler_.calls);
+  next();
+  readCount(*s);
+  EXPECT_EQ(2, handler_.calls);
+}
+
+TEST_F(SnapshotUseTest, AContinuingGetNextIsAnsweredFromItsSnapshotUpToTheWalkTime) {
+  settings_.snapshotTime = std::chrono::seconds(3);
+  settings_.walkTime = std::chrono::seconds(60);
+  auto s = server();
+  ASSERT_EQ(Lookup::kFound, s->getNext(s->prefix(), 0).status);  // the walk starts
+  now_ += std::chrono::seconds(10);
+  next();
+  Lookup next1 = s->getNext(Under(*s, "1.1.2"), 0);  // the walk goes on to column 2
+  ASSERT_EQ(Lookup::kFound, next1.status);
+  EXPECT_EQ(Under(*s, "1.2.1"), next1.name);
+  EXPECT_EQ(1, handler_.calls);
+  now_ += std::chrono::seconds(49);
+  next();
+  EXPECT_EQ(Lookup::kFound, s->getNext(Under(*s, "1.2.1"), 0).status);
+  EXPECT_EQ(1, handler_.calls);
+  now_ += std::chrono::seconds(1);  // 60 s: the walk age limit
+  next();
+  EXPECT_EQ(Lookup::kFound, s->getNext(Under(*s, "1.2.1"), 0).status);
+  EXPECT_EQ(2, handler_.calls);
+}
+
+TEST_F(SnapshotUseTest, AWalkThatStartsOrAGetAfterTheSnapshotTimeReadsAgain) {
+  settings_.snapshotTime = std::chrono::seconds(3);
+  settings_.walkTime = std::chrono::seconds(60);
+  auto s = server();
+  ASSERT_EQ(Lookup::kFound, s->getNext(s->prefix(), 0).status);
+  now_ += std::chrono::seconds(3);
+  // From the table, its entry or a column without index: a new walk.
+  for (const char* start : {"", "1", "1.2"}) {
+    next();
+    const int before = handler_.calls;
+    Lookup first = s->getNext(*start == '\0' ? s->prefix() : Under(*s, start), 0);
+    ASSERT_EQ(Lookup::kFound, first.status) << start;
+    EXPECT_EQ(before + 1, handler_.calls) << "from '" << start << "'";
+    now_ += std::chrono::seconds(3);
+  }
+  next();
+  const int before = handler_.calls;
+  EXPECT_EQ(Lookup::kFound, readCount(*s).status);
+  EXPECT_EQ(before + 1, handler_.calls);
+}
+
+TEST_F(SnapshotUseTest, WithoutTheWalkExtensionAContinuingGetNextReadsAgainAfterTheSnapshotTime) {
+  settings_.snapshotTime = std::chrono::seconds(3);
+  settings_.walkTime = std::chrono::seconds(0);
+  auto s = server();
+  ASSERT_EQ(Lookup::kFound, s->getNext(s->prefix(), 0).status);
+  now_ += std::chrono::seconds(3);
+  next();
+  EXPECT_EQ(Lookup::kFound, s->getNext(Under(*s, "1.1.1"), 0).status);
+  EXPECT_EQ(2, handler_.calls);
 }
 
 }  // namespace

@@ -10,12 +10,27 @@ namespace {
 
 using std::chrono::milliseconds;
 
+const SnapshotLifetime::Use kStart = SnapshotLifetime::kStart;
+const SnapshotLifetime::Use kContinue = SnapshotLifetime::kContinue;
+
 // A snapshot lifetime on a hand-stepped clock and request number.
 class SnapshotLifetimeTest : public ::testing::Test {
  protected:
-  SnapshotLifetime lifetime(milliseconds time) {
+  SnapshotLifetime lifetime(milliseconds time, milliseconds walkTime = milliseconds(0)) {
     return SnapshotLifetime(
-        time, [this] { return now_; }, [this] { return request_; });
+        time, walkTime, [this] { return now_; }, [this] { return request_; });
+  }
+
+  // A lookup of the next request: true when the snapshot may not serve it.
+  bool nextRequest(SnapshotLifetime& life, SnapshotLifetime::Use use) {
+    ++request_;
+    return life.begin(use);
+  }
+
+  // A first lookup that reads: the snapshot starts.
+  void read(SnapshotLifetime& life, SnapshotLifetime::Use use = kStart) {
+    life.begin(use);
+    life.noteRead();
   }
 
   Clock::time_point now_ = Clock::time_point() + std::chrono::hours(1);
@@ -25,147 +40,189 @@ class SnapshotLifetimeTest : public ::testing::Test {
 TEST_F(SnapshotLifetimeTest, NothingHeldNeverExpires) {
   SnapshotLifetime life = lifetime(milliseconds(0));
   EXPECT_FALSE(life.held());
-  EXPECT_FALSE(life.expired());
+  EXPECT_FALSE(life.begin(kStart));
+  EXPECT_FALSE(nextRequest(life, kContinue));
 }
 
 TEST_F(SnapshotLifetimeTest, ExpiresAtExactlyTheSnapshotTime) {
   SnapshotLifetime life = lifetime(milliseconds(3000));
-  life.noteRead(false);
+  read(life);
   EXPECT_TRUE(life.held());
-  EXPECT_FALSE(life.expired());
+  EXPECT_FALSE(nextRequest(life, kStart));
   now_ += milliseconds(2999);
-  EXPECT_FALSE(life.expired());
+  EXPECT_FALSE(nextRequest(life, kStart));
   now_ += milliseconds(1);
-  EXPECT_TRUE(life.expired());
+  EXPECT_TRUE(nextRequest(life, kStart));
 }
 
-TEST_F(SnapshotLifetimeTest, ZeroTimeExpiresAtOnce) {
+TEST_F(SnapshotLifetimeTest, ZeroTimeServesOnlyTheRequestThatRead) {
   SnapshotLifetime life = lifetime(milliseconds(0));
-  life.noteRead(false);
-  EXPECT_TRUE(life.expired());
+  read(life);
+  EXPECT_FALSE(life.begin(kStart));  // the same request goes on with it
+  EXPECT_TRUE(nextRequest(life, kStart));
 }
 
-TEST_F(SnapshotLifetimeTest, NegativeTimeExpiresAtOnce) {
+TEST_F(SnapshotLifetimeTest, NegativeTimeServesOnlyTheRequestThatRead) {
   SnapshotLifetime life = lifetime(milliseconds(-1));
-  life.noteRead(false);
-  EXPECT_TRUE(life.expired());
+  read(life);
+  EXPECT_FALSE(life.begin(kStart));
+  EXPECT_TRUE(nextRequest(life, kStart));
 }
 
 TEST_F(SnapshotLifetimeTest, LaterReadsIntoTheSnapshotDoNotExtendIt) {
   SnapshotLifetime life = lifetime(milliseconds(3000));
-  life.noteRead(false);
+  read(life);
   now_ += milliseconds(2000);
-  life.noteRead(false);  // a further batch
+  EXPECT_FALSE(nextRequest(life, kContinue));
+  life.noteRead();  // a further batch
   now_ += milliseconds(1000);
-  EXPECT_TRUE(life.expired());
+  EXPECT_TRUE(nextRequest(life, kStart));
 }
 
 TEST_F(SnapshotLifetimeTest, DropEndsTheSnapshotAndTheNextReadStartsANewOne) {
   SnapshotLifetime life = lifetime(milliseconds(3000));
-  life.noteRead(false);
+  read(life);
   now_ += milliseconds(2000);
   life.drop();
   EXPECT_FALSE(life.held());
-  EXPECT_FALSE(life.expired());
-  life.noteRead(false);
+  EXPECT_FALSE(nextRequest(life, kStart));
+  life.noteRead();
   now_ += milliseconds(2999);
-  EXPECT_FALSE(life.expired());
+  EXPECT_FALSE(nextRequest(life, kStart));
   now_ += milliseconds(1);
-  EXPECT_TRUE(life.expired());
+  EXPECT_TRUE(nextRequest(life, kStart));
 }
 
-TEST_F(SnapshotLifetimeTest, TheTimeDoesNotDependOnRequests) {
+TEST_F(SnapshotLifetimeTest, OtherRequestsAreServedForTheSnapshotTime) {
   SnapshotLifetime life = lifetime(milliseconds(3000));
-  life.noteRead(false);
-  request_ = 2;
-  EXPECT_FALSE(life.expired());
-  request_ = 3;
-  now_ += milliseconds(1000);
-  EXPECT_FALSE(life.expired());
-}
-
-TEST_F(SnapshotLifetimeTest, DegradedReadServesOnlyItsRequest) {
-  SnapshotLifetime life = lifetime(std::chrono::hours(1));
-  life.noteRead(true);
-  EXPECT_TRUE(life.degraded());
-  EXPECT_FALSE(life.expired());  // the request that read it goes on with it
-  request_ = 2;
-  EXPECT_TRUE(life.expired());
-}
-
-TEST_F(SnapshotLifetimeTest, DegradedReadIsNotReusedEvenByAnEarlierRequestNumber) {
-  SnapshotLifetime life = lifetime(std::chrono::hours(1));
-  request_ = 5;
-  life.noteRead(true);
-  request_ = 4;
-  EXPECT_TRUE(life.expired());
-}
-
-TEST_F(SnapshotLifetimeTest, ADegradedBatchTiesTheWholeSnapshotToItsRequest) {
-  SnapshotLifetime life = lifetime(std::chrono::hours(1));
-  life.noteRead(false);
-  request_ = 2;
-  life.noteRead(true);
-  EXPECT_FALSE(life.expired());
-  request_ = 3;
-  EXPECT_TRUE(life.expired());
-}
-
-TEST_F(SnapshotLifetimeTest, TheLastDegradedReadNamesTheRequest) {
-  SnapshotLifetime life = lifetime(std::chrono::hours(1));
-  life.noteRead(true);
-  request_ = 2;
-  life.noteRead(true);
-  EXPECT_FALSE(life.expired());
-  request_ = 1;
-  EXPECT_TRUE(life.expired());
-}
-
-TEST_F(SnapshotLifetimeTest, AHealthyReadAfterADegradedOneKeepsTheSnapshotDegraded) {
-  SnapshotLifetime life = lifetime(std::chrono::hours(1));
-  life.noteRead(true);
-  life.noteRead(false);
-  EXPECT_TRUE(life.degraded());
-  request_ = 2;
-  EXPECT_TRUE(life.expired());
-}
-
-TEST_F(SnapshotLifetimeTest, DropClearsTheDegradedMark) {
-  SnapshotLifetime life = lifetime(std::chrono::hours(1));
-  life.noteRead(true);
-  life.drop();
-  EXPECT_FALSE(life.degraded());
-  request_ = 2;
-  life.noteRead(false);
-  request_ = 3;
-  EXPECT_FALSE(life.expired());
-}
-
-TEST_F(SnapshotLifetimeTest, HealthyReadsAreServedToEveryRequestForTheirTime) {
-  SnapshotLifetime life = lifetime(milliseconds(3000));
-  life.noteRead(false);
-  EXPECT_FALSE(life.degraded());
-  for (uint64_t r = 2; r < 10; ++r) {
-    request_ = r;
+  read(life);
+  for (int i = 0; i < 9; ++i) {
     now_ += milliseconds(300);
-    EXPECT_FALSE(life.expired()) << "request " << r;
+    EXPECT_FALSE(nextRequest(life, i % 2 == 0 ? kStart : kContinue)) << "request " << request_;
   }
 }
 
-TEST_F(SnapshotLifetimeTest, AsksForTheRequestOnlyWhenADegradedReadIsHeld) {
+TEST_F(SnapshotLifetimeTest, AContinuingWalkIsServedUpToTheWalkTime) {
+  SnapshotLifetime life = lifetime(milliseconds(3000), milliseconds(60000));
+  read(life);
+  now_ += milliseconds(3000);
+  EXPECT_FALSE(nextRequest(life, kContinue));  // past the snapshot time, a walk goes on
+  now_ += milliseconds(56999);
+  EXPECT_FALSE(nextRequest(life, kContinue));
+  now_ += milliseconds(1);
+  EXPECT_TRUE(nextRequest(life, kContinue));  // the walk age limit
+}
+
+TEST_F(SnapshotLifetimeTest, AStartOrAGetAfterTheSnapshotTimeTakesAFreshSnapshotDuringAWalk) {
+  SnapshotLifetime life = lifetime(milliseconds(3000), milliseconds(60000));
+  read(life);
+  now_ += milliseconds(5000);
+  EXPECT_FALSE(nextRequest(life, kContinue));
+  EXPECT_TRUE(nextRequest(life, kStart));
+}
+
+TEST_F(SnapshotLifetimeTest, RowsAWalkStillNeedsJoinTheSnapshotItBeganOn) {
+  SnapshotLifetime life = lifetime(milliseconds(3000), milliseconds(10000));
+  read(life);
+  now_ += milliseconds(4000);
+  EXPECT_FALSE(nextRequest(life, kContinue));
+  life.noteRead();  // the next batch of the walk: same snapshot, same age
+  now_ += milliseconds(5999);
+  EXPECT_FALSE(nextRequest(life, kContinue));
+  now_ += milliseconds(1);
+  EXPECT_TRUE(nextRequest(life, kContinue));
+}
+
+TEST_F(SnapshotLifetimeTest, AWalkTimeShorterThanTheSnapshotTimeShortensNothing) {
+  SnapshotLifetime life = lifetime(milliseconds(3000), milliseconds(1000));
+  read(life);
+  now_ += milliseconds(2999);
+  EXPECT_FALSE(nextRequest(life, kContinue));
+  now_ += milliseconds(1);
+  EXPECT_TRUE(nextRequest(life, kContinue));
+}
+
+TEST_F(SnapshotLifetimeTest, ZeroWalkTimeGivesWalksNoExtension) {
+  SnapshotLifetime life = lifetime(milliseconds(3000), milliseconds(0));
+  read(life);
+  now_ += milliseconds(3000);
+  EXPECT_TRUE(nextRequest(life, kContinue));
+}
+
+TEST_F(SnapshotLifetimeTest, WithZeroSnapshotTimeAWalkStillGoesOnForTheWalkTime) {
+  SnapshotLifetime life = lifetime(milliseconds(0), milliseconds(60000));
+  read(life);
+  now_ += milliseconds(1000);
+  EXPECT_FALSE(nextRequest(life, kContinue));
+  EXPECT_TRUE(nextRequest(life, kStart));
+}
+
+TEST_F(SnapshotLifetimeTest, TheRequestThatLastReadGoesOnWithTheSnapshotWhateverItsAge) {
+  SnapshotLifetime life = lifetime(milliseconds(3000));
+  read(life);
+  now_ += milliseconds(2000);
+  ++request_;
+  EXPECT_FALSE(life.begin(kContinue));
+  life.noteRead();  // request 2 reads a further batch
+  now_ += std::chrono::hours(1);
+  EXPECT_FALSE(life.begin(kStart));  // still request 2
+  EXPECT_FALSE(life.begin(kContinue));
+  EXPECT_TRUE(nextRequest(life, kContinue));
+}
+
+TEST_F(SnapshotLifetimeTest, AFailedReadKeepsNothingAndIsRememberedForItsRequestOnly) {
+  SnapshotLifetime life = lifetime(std::chrono::hours(1), std::chrono::hours(1));
+  read(life);
+  ++request_;
+  life.begin(kContinue);
+  EXPECT_FALSE(life.failedInThisRequest());
+  life.noteFailure();  // the next batch failed
+  EXPECT_FALSE(life.held());
+  EXPECT_TRUE(life.failedInThisRequest());
+  EXPECT_FALSE(life.begin(kContinue));  // the same request: nothing held, the failure known
+  EXPECT_TRUE(life.failedInThisRequest());
+  EXPECT_FALSE(nextRequest(life, kContinue));
+  EXPECT_FALSE(life.failedInThisRequest());  // the next request reads again
+}
+
+TEST_F(SnapshotLifetimeTest, AReadAfterAFailureStartsANewSnapshot) {
+  SnapshotLifetime life = lifetime(milliseconds(3000));
+  read(life);
+  now_ += milliseconds(2000);
+  ++request_;
+  life.begin(kStart);
+  life.noteFailure();
+  now_ += milliseconds(500);
+  EXPECT_FALSE(nextRequest(life, kStart));
+  life.noteRead();
+  now_ += milliseconds(2999);
+  EXPECT_FALSE(nextRequest(life, kStart));  // its age counts from the new read
+  now_ += milliseconds(1);
+  EXPECT_TRUE(nextRequest(life, kStart));
+}
+
+TEST_F(SnapshotLifetimeTest, DropKeepsTheFailureOfTheRequest) {
+  SnapshotLifetime life = lifetime(milliseconds(3000));
+  life.begin(kStart);
+  life.noteFailure();
+  life.drop();  // a switch write drops every snapshot
+  EXPECT_TRUE(life.failedInThisRequest());
+}
+
+TEST_F(SnapshotLifetimeTest, AsksForTheRequestOncePerLookup) {
   int asked = 0;
   SnapshotLifetime life(
-      std::chrono::hours(1), [this] { return now_; },
+      milliseconds(0), milliseconds(0), [this] { return now_; },
       [&asked] {
         ++asked;
-        return uint64_t{1};
+        return static_cast<uint64_t>(asked);  // every call a new request, as without a count
       });
-  life.noteRead(false);
-  EXPECT_FALSE(life.expired());
-  EXPECT_EQ(0, asked);  // without a count every call would be a new request
-  life.noteRead(true);
+  EXPECT_FALSE(life.begin(kStart));
+  life.noteRead();
+  life.noteRead();
   EXPECT_EQ(1, asked);
-  EXPECT_FALSE(life.expired());
+  // The lookup that read keeps its rows for all it does; the next one reads.
+  EXPECT_TRUE(life.begin(kStart));
   EXPECT_EQ(2, asked);
 }
 

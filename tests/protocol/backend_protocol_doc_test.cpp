@@ -7,7 +7,11 @@
 // documented one and the handler's outcome to be the documented one. It also
 // checks the decoded listings beside the dumps, the tables of command codes,
 // transport codes and transport defaults, and carries one documented exchange
-// over the real socket transport.
+// over the real socket transport. The statements about paged listings (the
+// keys the agent sends, what a listing answers for a key, the file-system
+// sort order, what a walk costs for a page size, the batch sizes) are
+// checked by running the agent's table server and the handlers against the
+// simulated array, the reference back end.
 #include <gtest/gtest.h>
 
 #include <poll.h>
@@ -25,19 +29,31 @@
 #include <thread>
 #include <vector>
 
+#include "host/agent/agent_options.h"
+#include "host/agent/mib_description.h"
+#include "host/agent/object_server.h"
+#include "performance/snmp_zerva_performance_fileSystem_handler.h"
+#include "performance/snmp_zerva_performance_lun_handler.h"
 #include "performance/snmp_zerva_performance_switch.h"
+#include "sim/array_simulator.h"
+#include "sim/topology.h"
 #include "snmpcommon/snmp_backend_frame.h"
 #include "snmpcommon/snmp_configuration.h"
 #include "snmpcommon/snmp_context.h"
 #include "snmpcommon/snmp_socket_transport.h"
 #include "tests/protocol/protocol_examples.h"
 #include "tests/support/fake_backend.h"
+#include "tests/support/handler_test_support.h"
 #include "tests/support/temp_dir.h"
+#include "tlv/coding.h"
 #include "tlv/vem_message_package.h"
 #include "vempub/vem_xml_config.h"
 
 #ifndef ZERVA_BACKEND_PROTOCOL_DOC
 #error "ZERVA_BACKEND_PROTOCOL_DOC must name docs/backend-protocol.md"
+#endif
+#ifndef ZERVA_MIB_XML
+#error "ZERVA_MIB_XML must name mibs/VEM-PERFORMANCE.xml"
 #endif
 
 namespace {
@@ -292,6 +308,269 @@ TEST(BackendProtocolDocTest, DocumentedSwitchReadTravelsUnchangedOverTheSocketTr
   for (const CTLVRecordV3* row : rsp.records()) outcome.push_back("row " + zerva_test::RecordText(*row));
   EXPECT_EQ(zerva_protocol::HexDump(backend.received()), zerva_protocol::HexDump(DumpBytes("switch-read.request")));
   EXPECT_EQ(outcome, BlockLines("switch-read.outcome"));
+}
+
+// --- paged listings: what the agent sends, what a back end answers ----------
+
+// The document has this table row.
+void ExpectRow(const std::string& row) {
+  EXPECT_NE(DocText().find(row), std::string::npos) << "missing table row: " << row;
+}
+
+// One request the simulated back end received: its record identifier, the
+// listing key (tag 1 of a listing) and the LUN IDs of a batch command.
+struct Seen {
+  unsigned long long id = 0;
+  bool hasKey = false;
+  std::string key;
+  std::string ids;
+};
+
+// The simulated array, the reference back end, answering in this process:
+// each request goes through ArraySimulator::handle as the simulator's socket
+// carries it, and its answer is decoded as the socket transport decodes it.
+class SimulatedBackEnd : public ISnmpBackendTransport {
+ public:
+  explicit SimulatedBackEnd(const std::string& topology) {
+    zerva_sim::Topology t;
+    std::string error;
+    EXPECT_TRUE(zerva_sim::ParseTopology(topology, &t, &error)) << error;
+    sim_.reset(new zerva_sim::ArraySimulator(t, 1, zerva_sim::CommandCodes()));
+  }
+
+  int exchange(CTLVPackage& req, CTLVPackage& rsp, bool) override {
+    const Bytes frame = zerva_test::Encode(req);
+    Seen seen;
+    seen.id = req[0]->id();
+    if ((seen.id == backend::kObjectListingCmd || seen.id == backend::kSortedListingCmd) &&
+        req[0]->hasTag(backend::kTagListingKey)) {
+      seen.hasKey = true;
+      seen.key = (*req[0])[backend::kTagListingKey]->toString();
+    }
+    if (seen.id == backend::kLunBatchStatsCmd) seen.ids = (*req[0])[backend::kTagBatchObjectIds]->toString();
+    seen_.push_back(seen);
+    Bytes answer = sim_->handle(frame.data(), frame.size()).bytes;
+    if (answer.size() < TLVMsgHeadV3::SIZE ||
+        rsp.decode(answer.data(), static_cast<unsigned int>(answer.size())) == CTLVPackage::FAILED) {
+      return SNMP_TRANSPORT_E_BAD_FRAME;
+    }
+    return static_cast<int>(tlv::DecodeFixed32(answer.data() + 8));
+  }
+
+  std::vector<Seen> seenOf(unsigned long long id) const {
+    std::vector<Seen> out;
+    for (const Seen& s : seen_) {
+      if (s.id == id) out.push_back(s);
+    }
+    return out;
+  }
+  zerva_sim::ArraySimulator& sim() { return *sim_; }
+
+ private:
+  std::unique_ptr<zerva_sim::ArraySimulator> sim_;
+  std::vector<Seen> seen_;
+};
+
+// Installs a SimulatedBackEnd and the shipped command codes for its lifetime.
+class SimulatedScene {
+ public:
+  explicit SimulatedScene(const std::string& topology) : backend_(std::make_shared<SimulatedBackEnd>(topology)) {
+    zerva_protocol::LoadShippedDeviceConfig(nullptr);
+    previous_ = CSNMP_Configuration::instance()->setTransport(backend_);
+  }
+  ~SimulatedScene() { CSNMP_Configuration::instance()->setTransport(previous_); }
+  SimulatedBackEnd& backend() { return *backend_; }
+
+ private:
+  std::shared_ptr<SimulatedBackEnd> backend_;
+  std::shared_ptr<ISnmpBackendTransport> previous_;
+};
+
+// The served MIB description's table of this name.
+const zerva_agent::MibObject& ServedTable(const std::string& name) {
+  static zerva_agent::MibDescription mib;
+  static bool loaded = false;
+  if (!loaded) {
+    std::string error;
+    loaded = zerva_agent::LoadMibDescription(ZERVA_MIB_XML, mib, &error);
+    EXPECT_TRUE(loaded) << error;
+  }
+  for (const zerva_agent::MibObject& o : mib.objects) {
+    if (o.name == name) return o;
+  }
+  throw std::runtime_error("no table " + name);
+}
+
+// The agent's settings for a table server: rows kept for an hour, the
+// agent's default rows per read.
+zerva_agent::ServerSettings AgentSettings() {
+  zerva_agent::ServerSettings settings;
+  settings.snapshotTime = std::chrono::hours(1);
+  settings.walkTime = std::chrono::hours(1);
+  settings.batchRows = zerva_agent::AgentOptions().batchRows;
+  return settings;
+}
+
+Agentpp::Oidx Under(const zerva_agent::ObjectServer& server, const std::string& suffix) {
+  Agentpp::Oidx oid = server.prefix();
+  oid += Agentpp::Oidx(suffix);
+  return oid;
+}
+
+// "`a`, `b`, …" of the first objects a listing answer names (two, or all
+// when all is set), or "no object, control 1".
+std::string ListedObjects(const CTLVPackage& answer, bool all) {
+  std::vector<std::string> ids;
+  long long control = -1;
+  for (const CTLVRecordV3* r : answer.records()) {
+    if (r->hasTag(backend::kTagControl)) {
+      control = CSnmpTableBase::ControlValue(*r);
+    } else if (r->hasTag(backend::kTagObjectId)) {
+      ids.push_back((*r)[backend::kTagObjectId]->toString());
+    }
+  }
+  if (ids.empty()) return "no object, control " + std::to_string(control);
+  std::string out;
+  const size_t shown = all ? ids.size() : std::min<size_t>(2, ids.size());
+  for (size_t i = 0; i < shown; ++i) out += (i ? ", `" : "`") + ids[i] + "`";
+  if (shown < ids.size()) out += ", …";
+  return out;
+}
+
+const char kLunIds[] = "lun_ids 0-9 100 205-214 4000\n";
+
+TEST(BackendProtocolDocTest, BatchSizesAreTheHostsAndTheAgents) {
+  zerva_test::WithTableState<CPerformanceLunHandler> lun;
+  zerva_test::WithTableState<CPerformanceFileSystemHandler> fs;
+  EXPECT_EQ(lun.m_usBatchSize, CSnmpTableBase::DEFAULT_BATCH_SIZE);
+  EXPECT_EQ(fs.m_usBatchSize, CSnmpTableBase::DEFAULT_BATCH_SIZE);
+  ExpectRow(
+      "| objects one walk step takes from a listing page, at most (`CSnmpTableBase::DEFAULT_BATCH_SIZE`, kept by "
+      "the LUN and file-system tables) | " +
+      std::to_string(CSnmpTableBase::DEFAULT_BATCH_SIZE) + " |");
+  ExpectRow("| rows the agent asks of the LUN table per read (`zervaBatchRows`, its default) | " +
+            std::to_string(zerva_agent::AgentOptions().batchRows) + " |");
+}
+
+TEST(BackendProtocolDocTest, ListingKeysAreWhatTheAgentSends) {
+  const struct {
+    const char* read;  // as the document's table names it
+    std::function<zerva_agent::Lookup(zerva_agent::TableServer&)> lookup;
+  } reads[] = {
+      {"GETNEXT from the LUN table, its entry or a column without row index",
+       [](zerva_agent::TableServer& s) { return s.getNext(Under(s, "1.2"), 0); }},
+      {"GETNEXT after the row of LUN 9", [](zerva_agent::TableServer& s) { return s.getNext(Under(s, "1.2.9"), 0); }},
+      {"GETNEXT after row 150, no LUN", [](zerva_agent::TableServer& s) { return s.getNext(Under(s, "1.2.150"), 0); }},
+      {"GET of the row of LUN 205", [](zerva_agent::TableServer& s) { return s.get(Under(s, "1.2.205")); }},
+      {"GET of the row of LUN 0", [](zerva_agent::TableServer& s) { return s.get(Under(s, "1.2.0")); }},
+  };
+  for (const auto& r : reads) {
+    SimulatedScene scene(kLunIds);
+    CPerformanceLunHandler handler;
+    zerva_agent::TableServer server(ServedTable("vemPerfLunTable"), &handler, AgentSettings(), true);
+    const zerva_agent::Lookup found = r.lookup(server);
+    EXPECT_EQ(zerva_agent::Lookup::kFound, found.status) << r.read << ": " << found.error;
+    const std::vector<Seen> listings = scene.backend().seenOf(backend::kObjectListingCmd);
+    ASSERT_FALSE(listings.empty()) << r.read;
+    ExpectRow(std::string("| ") + r.read + " | " + (listings[0].hasKey ? "`" + listings[0].key + "`" : "none") + " |");
+  }
+}
+
+TEST(BackendProtocolDocTest, FileSystemListingKeysAreWhatTheAgentSends) {
+  SimulatedScene scene("filesystem_ids 1-12 100\npage_size 8\nfeatures 602\n");
+  CPerformanceFileSystemHandler handler;
+  zerva_agent::TableServer server(ServedTable("vemPerfFsTable"), &handler, AgentSettings(), true);
+  // Column 2 after the row of file system "5".
+  EXPECT_EQ(zerva_agent::Lookup::kFound, server.getNext(Under(server, "1.2.1.53"), 0).status);
+  std::string keys;
+  for (const Seen& s : scene.backend().seenOf(backend::kSortedListingCmd)) {
+    keys += std::string(keys.empty() ? "" : ", then ") + (s.hasKey ? "`" + s.key + "`" : "none");
+  }
+  ExpectRow("| GETNEXT after the row of file system `5`, pages of 8 | " + keys + " |");
+}
+
+TEST(BackendProtocolDocTest, PagedListingAnswersAreTheReferenceBackEnds) {
+  SimulatedScene scene(kLunIds);
+  const struct {
+    const char* keyCell;  // as the document's table names it
+    const char* key;      // nullptr: no tag 1
+  } keys[] = {
+      {"none", nullptr},
+      {"`9`, a LUN ID", "9"},
+      {"`150`, no LUN ID (between 100 and 205)", "150"},
+      {"`0`", "0"},
+      {"`4000`, the last LUN ID", "4000"},
+      {"`5000`, after the last LUN ID", "5000"},
+  };
+  for (const auto& k : keys) {
+    zerva_test::Rec request(backend::kObjectListingCmd);
+    request.t6(backend::kTagListingType, backend::kObjTypeLun);
+    if (k.key != nullptr) request.str(backend::kTagListingKey, k.key);
+    std::unique_ptr<CTLVPackage> req = request.package();
+    CTLVPackage rsp;
+    ASSERT_EQ(0, scene.backend().exchange(*req, rsp, true)) << k.keyCell;
+    ExpectRow(std::string("| ") + k.keyCell + " | " + ListedObjects(rsp, false) + " |");
+  }
+}
+
+TEST(BackendProtocolDocTest, FileSystemSortOrderIsTheReferenceBackEnds) {
+  SimulatedScene scene("filesystem_ids 1-12 100\nfeatures 602\n");
+  const struct {
+    const char* sort;
+    const char* key;  // nullptr: no tag 1
+  } cases[] = {{"1 ASC", nullptr}, {"1 ASC", "9"}, {"1 DESC", nullptr}, {"1 DESC", "10"}};
+  for (const auto& c : cases) {
+    zerva_test::Rec request(backend::kSortedListingCmd);
+    request.t6(backend::kTagListingType, backend::kObjTypeFileSystem);
+    if (c.key != nullptr) request.str(backend::kTagListingKey, c.key);
+    request.str(backend::kTagListingSort, std::string("{\"sortby\":\"") + c.sort + "\"}");
+    std::unique_ptr<CTLVPackage> req = request.package();
+    CTLVPackage rsp;
+    ASSERT_EQ(0, scene.backend().exchange(*req, rsp, true)) << c.sort;
+    ExpectRow(std::string("| `") + c.sort + "` | " + (c.key != nullptr ? "`" + std::string(c.key) + "`" : "none") +
+              " | " + ListedObjects(rsp, true) + " |");
+  }
+}
+
+// "v" or "v ×n" for each run of equal numbers.
+std::string Runs(const std::vector<size_t>& values) {
+  std::string out;
+  for (size_t i = 0; i < values.size();) {
+    size_t j = i;
+    while (j < values.size() && values[j] == values[i]) ++j;
+    out += (out.empty() ? "" : ", ") + std::to_string(values[i]) + (j - i > 1 ? " ×" + std::to_string(j - i) : "");
+    i = j;
+  }
+  return out;
+}
+
+TEST(BackendProtocolDocTest, WhatAWalkOfTheLunTableCostsIsWhatTheAgentSends) {
+  for (size_t page : {256, 160, 100, 8}) {
+    SimulatedScene scene("lun_ids 0-399\npage_size " + std::to_string(page) + "\n");
+    CPerformanceLunHandler handler;
+    zerva_agent::TableServer server(ServedTable("vemPerfLunTable"), &handler, AgentSettings(), true);
+    // A walk of every column, one GETNEXT at a time.
+    Agentpp::Oidx at = server.prefix();
+    size_t instances = 0;
+    for (;;) {
+      const zerva_agent::Lookup next = server.getNext(at, 0);
+      if (next.status != zerva_agent::Lookup::kFound) break;
+      at = next.name;
+      ++instances;
+    }
+    EXPECT_EQ(400u * 16, instances) << "page " << page;
+    std::vector<size_t> perBatch;
+    for (const Seen& s : scene.backend().seenOf(backend::kLunBatchStatsCmd)) {
+      size_t n = 0;
+      std::stringstream ids(s.ids);
+      std::string id;
+      while (std::getline(ids, id, ',')) n += id.empty() ? 0 : 1;
+      perBatch.push_back(n);
+    }
+    ExpectRow("| 400 | " + std::to_string(page) + " | " +
+              std::to_string(scene.backend().seenOf(backend::kObjectListingCmd).size()) + " | " +
+              std::to_string(perBatch.size()) + " | " + Runs(perBatch) + " |");
+  }
 }
 
 }  // namespace

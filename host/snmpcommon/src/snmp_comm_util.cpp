@@ -2,6 +2,7 @@
 
 #include <cstdint>
 
+#include "snmpcommon/snmp_read_failures.h"
 #include "vempub/vem_decimal.h"
 
 namespace {
@@ -44,7 +45,10 @@ bool SplitToUint(std::string text, char separator, std::vector<unsigned int>& ou
     size_t end = text.find(separator, begin);
     if (end == std::string::npos) end = text.size();
     uint64_t v = 0;
-    if (!ParseDecimal(text, begin, end, 0xFFFFFFFFu, &v)) return false;
+    if (!ParseDecimal(text, begin, end, 0xFFFFFFFFu, &v)) {
+      CSnmpReadFailures::noteRefusedText();
+      return false;
+    }
     values.push_back(static_cast<unsigned int>(v));
     if (end == text.size()) break;
     begin = end + 1;

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "snmpcommon/snmp_read_failures.h"
+
 using ::testing::ElementsAre;
 
 namespace {
@@ -62,6 +64,18 @@ TEST(SplitToUintTest, RefusesBadTextsWholeAndLeavesOutAlone) {
     EXPECT_FALSE(SplitToUint(bad, ',', out)) << bad;
     EXPECT_THAT(out, ElementsAre(7u)) << bad;
   }
+}
+
+TEST(SplitToUintTest, EveryRefusedTextIsCountedAsAFailedRead) {
+  const uint64_t texts = CSnmpReadFailures::refusedTexts();
+  const uint64_t calls = CSnmpReadFailures::failedCalls();
+  std::vector<unsigned int> out;
+  EXPECT_TRUE(SplitToUint("1,2", ',', out));
+  EXPECT_EQ(texts, CSnmpReadFailures::refusedTexts());
+  EXPECT_FALSE(SplitToUint("1,x", ',', out));
+  EXPECT_FALSE(SplitToUint("", ',', out));
+  EXPECT_EQ(texts + 2, CSnmpReadFailures::refusedTexts());
+  EXPECT_EQ(calls, CSnmpReadFailures::failedCalls());
 }
 
 TEST(SplitToUintTest, OtherSeparators) {

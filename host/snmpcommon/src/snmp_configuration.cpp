@@ -1,5 +1,6 @@
 #include "snmpcommon/snmp_configuration.h"
 
+#include "snmpcommon/snmp_read_failures.h"
 #include "vempub/vem_debug_kit.h"
 
 const char* SnmpTransportErrorText(int code) {
@@ -34,12 +35,14 @@ int CSNMP_Configuration::configure(CTLVPackageV3<TLVMsgHeadV3>& req, CTLVPackage
   std::shared_ptr<ISnmpBackendTransport> t = transport();
   if (!t) {
     failures_.fetch_add(1);
+    CSnmpReadFailures::noteFailedCall(SNMP_TRANSPORT_E_NOT_CONFIGURED);
     VEMLog(VEM_KIT_HOST, VEM_LOG_ERROR, "configure", __LINE__, "no back end configured, request 0x%llX refused",
            req.empty() ? 0ULL : req[0]->id());
     return SNMP_TRANSPORT_E_NOT_CONFIGURED;
   }
   const int result = t->exchange(req, rsp, listing);
   if (IsSnmpTransportError(result)) failures_.fetch_add(1);
+  if (result != 0) CSnmpReadFailures::noteFailedCall(result);
   return result;
 }
 

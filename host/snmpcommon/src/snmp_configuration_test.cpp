@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "snmpcommon/snmp_read_failures.h"
+
 #include "tests/support/fake_backend.h"
 #include "tests/support/kit_log_capture.h"
 
@@ -63,6 +65,36 @@ TEST(ConfigurationTest, CountsTheCallsThatEndedWithATransportCode) {
   CTLVPackage rsp;
   EXPECT_EQ(SNMP_TRANSPORT_E_NOT_CONFIGURED, config->configure(req, rsp, false));
   EXPECT_EQ(before + 2, config->transportFailures());
+  config->setTransport(previous);
+}
+
+TEST(ConfigurationTest, CountsEveryNonZeroResultAsAFailedRead) {
+  auto fake = std::make_shared<FakeBackend>();
+  auto previous = CSNMP_Configuration::instance()->setTransport(fake);
+  CSNMP_Configuration* config = CSNMP_Configuration::instance();
+  const uint64_t calls = CSnmpReadFailures::failedCalls();
+  const uint64_t texts = CSnmpReadFailures::refusedTexts();
+  const uint64_t all = CSnmpReadFailures::count();
+  fake->push(Answer{Rec(7).u32(0, 1)});
+  fake->push(Answer(0x53494D05));  // the back end's own refusal
+  fake->push(Answer(-1));
+  fake->push(Answer(SNMP_TRANSPORT_E_TIMEOUT));
+  fake->push(Answer{Rec(7).u32(0, 0)});
+  CTLVPackage req;
+  req.push_back(Rec(0x42).build());
+  for (int i = 0; i < 5; ++i) {
+    CTLVPackage rsp;
+    config->configure(req, rsp, false);
+  }
+  EXPECT_EQ(calls + 3, CSnmpReadFailures::failedCalls());
+  EXPECT_EQ(SNMP_TRANSPORT_E_TIMEOUT, CSnmpReadFailures::lastFailedResult());  // a success after it changes nothing
+  config->setTransport(nullptr);
+  CTLVPackage rsp;
+  EXPECT_EQ(SNMP_TRANSPORT_E_NOT_CONFIGURED, config->configure(req, rsp, false));
+  EXPECT_EQ(calls + 4, CSnmpReadFailures::failedCalls());
+  EXPECT_EQ(SNMP_TRANSPORT_E_NOT_CONFIGURED, CSnmpReadFailures::lastFailedResult());
+  EXPECT_EQ(texts, CSnmpReadFailures::refusedTexts());
+  EXPECT_EQ(all + 4, CSnmpReadFailures::count());
   config->setTransport(previous);
 }
 

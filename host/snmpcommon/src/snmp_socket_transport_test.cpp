@@ -371,6 +371,81 @@ TEST_F(SocketTransportTest, NoAnswerTimesOutAndTheLateAnswerIsNotTakenForTheNext
   ExpectOneTransportError(log, "no whole answer within 200 ms");
 }
 
+// A back end that serves one connection at a time on one thread, as a simple
+// back end does: it accepts a connection and answers its requests until the
+// peer closes it, then accepts the next. Its first answer comes late, after
+// the caller's timeout. The transport must have closed the timed-out
+// connection before it opens the next one: otherwise this back end would
+// still be waiting on the first connection and never see the second.
+TEST_F(SocketTransportTest, ASingleThreadedBackEndThatAnsweredLateServesTheNextConnection) {
+  const std::string path = socketPath();
+  const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_GE(listener, 0);
+  sockaddr_un sun{};
+  sun.sun_family = AF_UNIX;
+  strncpy(sun.sun_path, path.c_str(), sizeof sun.sun_path - 1);
+  ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr*>(&sun), sizeof sun));
+  ASSERT_EQ(0, listen(listener, 8));
+
+  std::atomic<bool> lateAnswerRefused{false};  // writing the late answer failed: the peer was gone
+  std::atomic<bool> firstClosedBeforeSecond{false};
+  std::atomic<int> served{0};
+  std::thread backEnd([&] {
+    auto acceptOne = [&]() {
+      pollfd pfd{listener, POLLIN, 0};
+      return poll(&pfd, 1, static_cast<int>(kBound.count())) == 1 ? accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)
+                                                                  : -1;
+    };
+    const int first = acceptOne();
+    if (first < 0) return;
+    Conn c1(first, 0);
+    CTLVPackage req;
+    if (c1.read(req)) {
+      std::this_thread::sleep_for(Ms(700));  // the caller gave up after 400 ms
+      lateAnswerRefused = !c1.answer(0, {Rec().u32(0, TokenOf(req))});
+      ++served;
+    }
+    // The end of the first connection is there before any second
+    // connection is looked at (read would wait for kBound otherwise).
+    const auto waitFrom = std::chrono::steady_clock::now();
+    firstClosedBeforeSecond = !c1.read(req) && std::chrono::steady_clock::now() - waitFrom < Ms(200);
+    close(first);
+    const int second = acceptOne();
+    if (second < 0) return;
+    Conn c2(second, 1);
+    while (c2.read(req)) {
+      c2.answer(0, {Rec().u32(0, TokenOf(req))});
+      ++served;
+    }
+    close(second);
+  });
+
+  CSnmpSocketTransportOptions o = Options("unix:" + path);
+  o.callTimeout = Ms(400);
+  o.retryInterval = Ms(100);
+  unsigned int token = 0;
+  {
+    CSnmpSocketTransport t(o);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(Call(t, 1, &token), SNMP_TRANSPORT_E_TIMEOUT);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, Ms(700));
+    // Past the hold-off, while the back end is still busy with the first
+    // call: the next call waits in the back end's listen queue and is
+    // answered once the back end is done with the first connection.
+    std::this_thread::sleep_for(Ms(150));
+    EXPECT_EQ(Call(t, 2, &token), 0);
+    EXPECT_EQ(token, 2u);
+    EXPECT_EQ(Call(t, 3, &token), 0);
+    EXPECT_EQ(token, 3u);
+    EXPECT_EQ(t.connectCount(), 2u);
+  }  // the transport closes its connection: the back end's loop ends
+  backEnd.join();
+  close(listener);
+  EXPECT_TRUE(firstClosedBeforeSecond);
+  EXPECT_TRUE(lateAnswerRefused);
+  EXPECT_EQ(served.load(), 3);
+}
+
 TEST_F(SocketTransportTest, ListingsGetTheListingTimeout) {
   auto server = TestServer::Unix(socketPath(), [&](Conn& c) {
     CTLVPackage req;

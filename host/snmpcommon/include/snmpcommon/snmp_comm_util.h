@@ -32,7 +32,9 @@ std::string UintToStr(unsigned int value);
 // Splits text at separator and appends each field's value to out. Every
 // field must be a plain decimal number as StrToUint accepts it; an empty
 // text, an empty field, a sign, a blank or an overflow make the whole text
-// refused: then false is returned and out is left as it was.
+// refused: then false is returned, out is left as it was and the refusal is
+// counted in CSnmpReadFailures (the handlers parse the back end's value lists
+// with this function).
 bool SplitToUint(std::string text, char separator, std::vector<unsigned int>& out);
 
 #endif  // ZERVA_SNMPCOMMON_SNMP_COMM_UTIL_H_

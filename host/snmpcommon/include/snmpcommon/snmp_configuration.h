@@ -6,6 +6,9 @@
 // rsp. It returns 0 on success, the back end's own non-zero result code
 // unchanged, or one of the transport codes below, which no back end may use
 // (the protocol reserves the range 0x4E540000 to 0x4E5400FF for them).
+// Every non-zero result is also counted in CSnmpReadFailures
+// (snmp_read_failures.h), so that a caller learns of a failed call even when
+// the handler that made it answers anyway.
 #ifndef ZERVA_SNMPCOMMON_SNMP_CONFIGURATION_H_
 #define ZERVA_SNMPCOMMON_SNMP_CONFIGURATION_H_
 

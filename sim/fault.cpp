@@ -20,7 +20,7 @@ struct KindName {
 const KindName kKinds[] = {
     {FaultKind::kRefuse, "refuse"},          {FaultKind::kDelay, "delay"},         {FaultKind::kClose, "close"},
     {FaultKind::kGarbage, "garbage"},        {FaultKind::kTruncate, "truncate"},   {FaultKind::kBadMagic, "bad-magic"},
-    {FaultKind::kBadVersion, "bad-version"}, {FaultKind::kHugeLength, "huge-len"},
+    {FaultKind::kBadVersion, "bad-version"}, {FaultKind::kHugeLength, "huge-len"}, {FaultKind::kBadBody, "bad-body"},
 };
 
 // Parses an unsigned number no greater than max: decimal (ParseDecimal's
@@ -66,7 +66,7 @@ bool ParseFault(const std::string& text, const CommandResolver& resolve, FaultRu
       }
       if (!known) {
         *error = "unknown fault '" + key +
-                 "' (refuse=CODE, delay=MS, close, garbage, truncate, bad-magic, bad-version, huge-len)";
+                 "' (refuse=CODE, delay=MS, close, garbage, truncate, bad-magic, bad-version, huge-len, bad-body)";
         return false;
       }
       if (rule.kind == FaultKind::kRefuse) {

@@ -6,7 +6,7 @@
 // command, is
 //   KIND[=ARG][,cmd=COMMAND][,rate=P][,count=N]
 // with KIND one of refuse=CODE, delay=MS, close, garbage, truncate,
-// bad-magic, bad-version, huge-len; COMMAND a decimal or 0x-hexadecimal
+// bad-magic, bad-version, huge-len, bad-body; COMMAND a decimal or 0x-hexadecimal
 // record identifier or a command name the simulator knows; P in (0, 1];
 // N >= 1 (absent: until cleared).
 #ifndef ZERVA_SIM_FAULT_H_
@@ -30,6 +30,7 @@ enum class FaultKind {
   kBadMagic,    // answer a frame whose magic is wrong, then close
   kBadVersion,  // answer a frame whose version is wrong, then close
   kHugeLength,  // answer a header announcing a 4 GiB body, then close
+  kBadBody,     // answer a whole frame whose body does not decode, then close
 };
 
 struct FaultRule {

@@ -27,6 +27,7 @@ TEST(FaultTest, ParsesEveryKind) {
   EXPECT_EQ(Parse("bad-magic").kind, FaultKind::kBadMagic);
   EXPECT_EQ(Parse("bad-version").kind, FaultKind::kBadVersion);
   EXPECT_EQ(Parse("huge-len").kind, FaultKind::kHugeLength);
+  EXPECT_EQ(Parse("bad-body").kind, FaultKind::kBadBody);
 }
 
 TEST(FaultTest, ParsesOptions) {

@@ -116,9 +116,8 @@ TEST_F(AgentLogTest, SnmpLogSinkWritesEachLineWithTheLevelsPriority) {
   EXPECT_EQ(LOG_WARNING, capture.lines[1].priority);
   EXPECT_EQ(LOG_DEBUG, capture.lines[2].priority);
   EXPECT_EQ(LOG_DEBUG, capture.lines[3].priority);
-  EXPECT_THAT(capture.lines[0].text,
-              MatchesRegex("[0-9-]+ [0-9:.]+ \\[kit 4\\] ERROR 0x1002E GetBatchTableInfo_i:10 "
-                           "faild to query perf data, objID:1,2\n"));
+  EXPECT_THAT(capture.lines[0].text, MatchesRegex("[0-9-]+ [0-9:.]+ \\[kit 4\\] ERROR 0x1002E GetBatchTableInfo_i:10 "
+                                                  "faild to query perf data, objID:1,2\n"));
   EXPECT_THAT(capture.lines[3].text, MatchesRegex(".* \\[kit 4\\] TRACE enter f\\.\\.\\.\n"));
 }
 

@@ -160,10 +160,9 @@ TEST(DlmodLogTest, ModuleAndCodecLinesGoToSnmpdsLogFileAndNotToItsOutput) {
   const int port = FreeUdpPort();
   const std::string logFile = dir.path() + "/snmpd-file.log";
   StockSnmpd snmpd(dir);
-  ASSERT_TRUE(snmpd.start(port,
-                          "rocommunity public 127.0.0.1\n" + StockSnmpd::DlmodLine() + "zervaBackend " +
-                              sim.address() + "\n",
-                          &error, {"-Lf", logFile}))
+  ASSERT_TRUE(snmpd.start(
+      port, "rocommunity public 127.0.0.1\n" + StockSnmpd::DlmodLine() + "zervaBackend " + sim.address() + "\n", &error,
+      {"-Lf", logFile}))
       << error;
   Snmp snmp(dir.path(), port);
   ASSERT_TRUE(snmp.ready()) << snmpd.log() << ReadFile(logFile);

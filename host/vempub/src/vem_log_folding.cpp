@@ -5,13 +5,12 @@
 CVEMFoldingSink::CVEMFoldingSink(std::shared_ptr<IVEMLogSink> inner, std::chrono::seconds window, Clock clock)
     : inner_(inner ? std::move(inner) : std::make_shared<CVEMStderrSink>()),
       window_(window.count() < 1 ? std::chrono::seconds(1) : window),
-      clock_(clock ? std::move(clock) : Clock(&std::chrono::steady_clock::now)) {}
+      clock_(clock ? std::move(clock) : Clock([] { return std::chrono::steady_clock::now(); })) {}
 
 CVEMFoldingSink::~CVEMFoldingSink() { flushAll(); }
 
 std::string CVEMFoldingSink::SummaryText(unsigned long long count, std::chrono::seconds window) {
-  return "\u2026 and " + std::to_string(count) + " more like this in the last " + std::to_string(window.count()) +
-         " s";
+  return "\u2026 and " + std::to_string(count) + " more like this in the last " + std::to_string(window.count()) + " s";
 }
 
 CVEMFoldingSink::Key CVEMFoldingSink::KeyOf(const CVEMLogRecord& record) {

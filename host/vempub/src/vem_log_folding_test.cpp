@@ -155,8 +155,8 @@ TEST_F(FoldingSinkTest, LinesWithoutASourceLineFoldByTheirTextWithoutItsNumbers)
   ASSERT_EQ(4u, m.size());
   // The summary names what it counted.
   EXPECT_THAT(m, ::testing::Contains("\u2026 and 1 more like this in the last 60 s: Received broken packet"));
-  EXPECT_THAT(m, ::testing::Contains(
-                     "\u2026 and 1 more like this in the last 60 s: Connection from UDP: [127.0.0.1]:35109"));
+  EXPECT_THAT(
+      m, ::testing::Contains("\u2026 and 1 more like this in the last 60 s: Connection from UDP: [127.0.0.1]:35109"));
 }
 
 TEST_F(FoldingSinkTest, WarnAndDebugLinesFoldTraceLinesPass) {
@@ -206,9 +206,8 @@ TEST(FoldingSinkLifetimeTest, ConcurrentWritersLoseNoLine) {
   auto inner = std::make_shared<MemorySink>();
   FakeClock clock;
   std::atomic<int64_t> ms{0};
-  CVEMFoldingSink sink(inner, std::chrono::seconds(1), [&clock, &ms] {
-    return clock.now + std::chrono::milliseconds(ms.load());
-  });
+  CVEMFoldingSink sink(inner, std::chrono::seconds(1),
+                       [&clock, &ms] { return clock.now + std::chrono::milliseconds(ms.load()); });
   const int kThreads = 4;
   const int kLines = 2000;
   std::vector<std::thread> threads;

@@ -37,9 +37,9 @@ class CVEMFoldingSink : public IVEMLogSink {
   typedef std::function<TimePoint()> Clock;
 
   // Folds into inner (null: stderr) over windows of `window` (at least one
-  // second). clock gives the time (tests pass a fake one).
-  CVEMFoldingSink(std::shared_ptr<IVEMLogSink> inner, std::chrono::seconds window,
-                  Clock clock = &std::chrono::steady_clock::now);
+  // second). clock gives the time (empty: the steady clock; tests pass a
+  // fake one).
+  CVEMFoldingSink(std::shared_ptr<IVEMLogSink> inner, std::chrono::seconds window, Clock clock = Clock());
   ~CVEMFoldingSink() override;  // flushAll()
   CVEMFoldingSink(const CVEMFoldingSink&) = delete;
   CVEMFoldingSink& operator=(const CVEMFoldingSink&) = delete;

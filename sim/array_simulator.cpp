@@ -363,6 +363,16 @@ Reply ArraySimulator::faulted(const FaultRule& fault, std::vector<unsigned char>
       reply.bytes = SpoilValues(std::move(normal));
       reply.closeAfter = false;
       break;
+    case FaultKind::kBadBody: {
+      // A well-framed answer whose one record header announces more bytes
+      // than the body has: the frame arrives whole, the codec refuses it.
+      normal.resize(TLVMsgHeadV3::SIZE + 10);
+      tlv::EncodeFixed32(normal.data() + 24, 10);
+      tlv::EncodeFixed64(normal.data() + TLVMsgHeadV3::SIZE, 1);
+      tlv::EncodeFixed16(normal.data() + TLVMsgHeadV3::SIZE + 8, 0xFFFF);
+      reply.bytes = std::move(normal);
+      break;
+    }
   }
   return reply;
 }

@@ -27,6 +27,7 @@ const KindName kKinds[] = {
     {FaultKind::kBadVersion, "bad-version"},
     {FaultKind::kHugeLength, "huge-len"},
     {FaultKind::kBadValues, "bad-values"},
+    {FaultKind::kBadBody, "bad-body"},
 };
 
 // Parses an unsigned number no greater than max: decimal (ParseDecimal's
@@ -72,7 +73,8 @@ bool ParseFault(const std::string& text, const CommandResolver& resolve, FaultRu
       }
       if (!known) {
         *error = "unknown fault '" + key +
-                 "' (refuse=CODE, delay=MS, close, garbage, truncate, bad-magic, bad-version, huge-len, bad-values)";
+                 "' (refuse=CODE, delay=MS, close, garbage, truncate, bad-magic, bad-version, huge-len, bad-values, "
+                 "bad-body)";
         return false;
       }
       if (rule.kind == FaultKind::kRefuse) {

@@ -6,7 +6,8 @@
 // command, is
 //   KIND[=ARG][,cmd=COMMAND][,rate=P][,count=N]
 // with KIND one of refuse=CODE, delay=MS, close, garbage, truncate,
-// bad-magic, bad-version, huge-len, bad-values; COMMAND a decimal or 0x-hexadecimal
+// bad-magic, bad-version, huge-len, bad-values,
+// bad-body; COMMAND a decimal or 0x-hexadecimal
 // record identifier or a command name the simulator knows; P in (0, 1];
 // N >= 1 (absent: until cleared).
 #ifndef ZERVA_SIM_FAULT_H_
@@ -31,6 +32,7 @@ enum class FaultKind {
   kBadVersion,  // answer a frame whose version is wrong, then close
   kHugeLength,  // answer a header announcing a 4 GiB body, then close
   kBadValues,   // answer normally, but every values text (tag 9) is no number list
+  kBadBody,     // answer a whole frame whose body does not decode, then close
 };
 
 struct FaultRule {

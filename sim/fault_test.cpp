@@ -29,6 +29,7 @@ TEST(FaultTest, ParsesEveryKind) {
   EXPECT_EQ(Parse("huge-len").kind, FaultKind::kHugeLength);
   EXPECT_EQ(Parse("bad-values").kind, FaultKind::kBadValues);
   EXPECT_EQ(FaultText(Parse("bad-values,cmd=GET_CUR_STATISTIC_DATA,count=1")), "bad-values,cmd=0xDE0222010,count=1");
+  EXPECT_EQ(Parse("bad-body").kind, FaultKind::kBadBody);
 }
 
 TEST(FaultTest, ParsesOptions) {

@@ -59,7 +59,7 @@ std::string SimUsage(const char* program) {
          "  --device-config FILE   device configuration with the command codes\n"
          "  --fault RULE           inject a fault (repeatable): KIND[=ARG][,cmd=CMD][,rate=P][,count=N]\n"
          "                         KIND: refuse=CODE delay=MS close garbage truncate bad-magic bad-version huge-len\n"
-         "                               bad-values\n"
+         "                               bad-values bad-body\n"
          "  -h, --help             this text\n"
          "  --version              the program's version\n";
 }

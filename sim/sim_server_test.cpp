@@ -135,6 +135,7 @@ TEST_F(SimServerTest, EachFaultGivesItsTransportCodeAndClearsAway) {
       {"bad-magic", SNMP_TRANSPORT_E_BAD_FRAME},
       {"bad-version", SNMP_TRANSPORT_E_BAD_FRAME},
       {"huge-len", SNMP_TRANSPORT_E_TOO_LARGE},
+      {"bad-body", SNMP_TRANSPORT_E_BAD_FRAME},
   };
   auto t = Transport();
   for (const auto& c : cases) {

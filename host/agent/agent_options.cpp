@@ -14,6 +14,9 @@ namespace zerva_agent {
 
 namespace {
 
+// The highest kit number zervaKitLogLevel takes.
+const uint64_t kMaxKitNumber = 255;
+
 std::string Trim(const std::string& text) {
   const size_t b = text.find_first_not_of(" \t\r\n");
   if (b == std::string::npos) return "";
@@ -75,6 +78,8 @@ const std::vector<AgentToken>& AgentTokens() {
       {"zervaWalkSeconds", "N: how long a walk goes on with the rows it began on (0: no longer than the snapshot)"},
       {"zervaBatchRows", "N: rows asked per batch of a batch table"},
       {"zervaLogLevel", "trace|debug|warn|error|off: level of the debug kits"},
+      {"zervaKitLogLevel", "KIT trace|debug|warn|error|off: level of one debug kit (repeatable)"},
+      {"zervaLogFoldSeconds", "N: window in which repeated log lines are counted, not written (0: never)"},
       {"zervaLogFile", "PATH: append log lines to this file"},
       {"zervaSyslog", "yes|no: log to syslog"},
       {"zervaDeviceConfig", "PATH: the device configuration (command codes)"},
@@ -118,6 +123,30 @@ bool ApplyAgentToken(const std::string& token, const std::string& rawValue, Agen
     *error = "'" + value + "' is not one of trace, debug, warn, error, off";
     return false;
   }
+  if (token == "zervaKitLogLevel") {
+    std::istringstream words(value);
+    std::string kitText;
+    std::string levelText;
+    std::string extra;
+    words >> kitText >> levelText >> extra;
+    if (levelText.empty() || !extra.empty()) {
+      *error = "'" + value + "' is not KIT LEVEL (a kit number and one of trace, debug, warn, error, off)";
+      return false;
+    }
+    unsigned int kit = 0;
+    EVEMLogLevel level = VEM_LOG_WARN;
+    if (!NumberToken(kitText, 0, kMaxKitNumber, &kit, error)) {
+      *error = "kit " + *error;
+      return false;
+    }
+    if (!VEMParseLogLevel(levelText, &level)) {
+      *error = "'" + levelText + "' is not one of trace, debug, warn, error, off";
+      return false;
+    }
+    o->kitLogLevels[kit] = level;
+    return true;
+  }
+  if (token == "zervaLogFoldSeconds") return NumberToken(value, 0, 86400, &o->logFoldSeconds, error);
   if (token == "zervaSyslog" || token == "zervaRole") {
     bool flag = false;
     if (token == "zervaSyslog" && ParseBool(value, &flag)) {

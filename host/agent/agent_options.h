@@ -6,6 +6,7 @@
 #ifndef ZERVA_AGENT_AGENT_OPTIONS_H_
 #define ZERVA_AGENT_AGENT_OPTIONS_H_
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -22,9 +23,12 @@ struct AgentOptions {
   unsigned int walkSeconds = 60;         // zervaWalkSeconds: a walk's snapshot age limit; 0: no extension
   unsigned int batchRows = 160;          // zervaBatchRows: rows per batch of a batch table
   EVEMLogLevel logLevel = VEM_LOG_WARN;  // zervaLogLevel
-  std::string logFile;                   // zervaLogFile: append log lines to this file
-  bool syslog = false;                   // zervaSyslog: log to syslog
-  std::string deviceConfig;              // zervaDeviceConfig: command codes (XML)
+  // zervaKitLogLevel KIT LEVEL: levels of single kits, over zervaLogLevel.
+  std::map<unsigned int, EVEMLogLevel> kitLogLevels;
+  unsigned int logFoldSeconds = 60;  // zervaLogFoldSeconds: window of folded lines (0: no folding)
+  std::string logFile;               // zervaLogFile: append log lines to this file
+  bool syslog = false;               // zervaSyslog: log to syslog
+  std::string deviceConfig;          // zervaDeviceConfig: command codes (XML)
   // zervaSim*: the embedded simulated array.
   std::string simTopology;
   long simLuns = -1;

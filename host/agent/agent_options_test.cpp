@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,8 @@ TEST(AgentOptionsTest, DefaultsAreDocumented) {
   EXPECT_EQ(60u, o.walkSeconds);
   EXPECT_EQ(160u, o.batchRows);
   EXPECT_EQ(VEM_LOG_WARN, o.logLevel);
+  EXPECT_TRUE(o.kitLogLevels.empty());
+  EXPECT_EQ(60u, o.logFoldSeconds);
   EXPECT_FALSE(o.agentx);
 }
 
@@ -36,6 +39,8 @@ TEST(AgentOptionsTest, EveryTokenAcceptsAGoodValue) {
   EXPECT_TRUE(Apply("zervaWalkSeconds", "0", &o, &e));
   EXPECT_TRUE(Apply("zervaBatchRows", "16", &o, &e));
   EXPECT_TRUE(Apply("zervaLogLevel", "debug", &o, &e));
+  EXPECT_TRUE(Apply("zervaKitLogLevel", "4 error", &o, &e)) << e;
+  EXPECT_TRUE(Apply("zervaLogFoldSeconds", "0", &o, &e)) << e;
   EXPECT_TRUE(Apply("zervaLogFile", "/tmp/a.log", &o, &e));
   EXPECT_TRUE(Apply("zervaSyslog", "yes", &o, &e));
   EXPECT_TRUE(Apply("zervaDeviceConfig", "/d.xml", &o, &e));
@@ -53,6 +58,8 @@ TEST(AgentOptionsTest, EveryTokenAcceptsAGoodValue) {
   EXPECT_EQ(0u, o.walkSeconds);
   EXPECT_EQ(16u, o.batchRows);
   EXPECT_EQ(VEM_LOG_DEBUG, o.logLevel);
+  EXPECT_EQ((std::map<unsigned int, EVEMLogLevel>{{4, VEM_LOG_ERROR}}), o.kitLogLevels);
+  EXPECT_EQ(0u, o.logFoldSeconds);
   EXPECT_TRUE(o.syslog);
   EXPECT_EQ(400, o.simLuns);
   EXPECT_EQ(12, o.simFileSystems);
@@ -74,6 +81,8 @@ TEST(AgentOptionsTest, BadValuesAreRefusedWithAReason) {
   EXPECT_FALSE(Apply("zervaBatchRows", "ten", &o, &e));
   EXPECT_FALSE(Apply("zervaLogLevel", "loud", &o, &e));
   EXPECT_FALSE(Apply("zervaSyslog", "maybe", &o, &e));
+  EXPECT_FALSE(Apply("zervaLogFoldSeconds", "1m", &o, &e));
+  EXPECT_FALSE(Apply("zervaKitLogLevel", "4", &o, &e));
   EXPECT_FALSE(Apply("zervaSimFeatures", "8", &o, &e));
   EXPECT_FALSE(Apply("zervaRole", "slave", &o, &e));
   EXPECT_FALSE(Apply("zervaModule", "", &o, &e));
@@ -81,6 +90,55 @@ TEST(AgentOptionsTest, BadValuesAreRefusedWithAReason) {
   EXPECT_EQ("embedded", o.backend);  // nothing bad was stored
   EXPECT_EQ(3u, o.snapshotSeconds);
   EXPECT_EQ(60u, o.walkSeconds);
+  EXPECT_EQ(60u, o.logFoldSeconds);
+  EXPECT_TRUE(o.kitLogLevels.empty());
+}
+
+TEST(AgentOptionsTest, KitLogLevelsAreSetPerKitAndTheLastLineOfAKitWins) {
+  AgentOptions o;
+  std::string e;
+  EXPECT_TRUE(Apply("zervaKitLogLevel", "4 debug", &o, &e)) << e;
+  EXPECT_TRUE(Apply("zervaKitLogLevel", "  2\tOFF ", &o, &e)) << e;
+  EXPECT_TRUE(Apply("zervaKitLogLevel", "4 trace", &o, &e)) << e;
+  EXPECT_TRUE(Apply("zervaKitLogLevel", "255 warn", &o, &e)) << e;
+  const std::map<unsigned int, EVEMLogLevel> expected = {{2, VEM_LOG_OFF}, {4, VEM_LOG_TRACE}, {255, VEM_LOG_WARN}};
+  EXPECT_EQ(expected, o.kitLogLevels);
+  EXPECT_EQ(VEM_LOG_WARN, o.logLevel) << "the other kits keep zervaLogLevel";
+}
+
+TEST(AgentOptionsTest, BadKitLogLevelsAreRefusedWithAReason) {
+  const struct {
+    const char* value;
+    const char* reason;
+  } cases[] = {
+      {"", "is not KIT LEVEL"},
+      {"4", "'4' is not KIT LEVEL"},
+      {"4 debug now", "'4 debug now' is not KIT LEVEL"},
+      {"x debug", "kit 'x' is not a number from 0 to 255"},
+      {"-1 debug", "kit '-1' is not a number from 0 to 255"},
+      {"256 debug", "kit '256' is not a number from 0 to 255"},
+      {"4 loud", "'loud' is not one of trace, debug, warn, error, off"},
+  };
+  for (const auto& c : cases) {
+    AgentOptions o;
+    std::string e;
+    EXPECT_FALSE(Apply("zervaKitLogLevel", c.value, &o, &e)) << c.value;
+    EXPECT_NE(std::string::npos, e.find(c.reason)) << c.value << ": " << e;
+    EXPECT_TRUE(o.kitLogLevels.empty()) << c.value;
+  }
+}
+
+TEST(AgentOptionsTest, LogFoldSecondsTakesZeroToADay) {
+  AgentOptions o;
+  std::string e;
+  EXPECT_TRUE(Apply("zervaLogFoldSeconds", "2", &o, &e)) << e;
+  EXPECT_EQ(2u, o.logFoldSeconds);
+  EXPECT_TRUE(Apply("zervaLogFoldSeconds", "86400", &o, &e)) << e;
+  EXPECT_EQ(86400u, o.logFoldSeconds);
+  EXPECT_FALSE(Apply("zervaLogFoldSeconds", "86401", &o, &e));
+  EXPECT_NE(std::string::npos, e.find("'86401' is not a number from 0 to 86400")) << e;
+  EXPECT_FALSE(Apply("zervaLogFoldSeconds", "-5", &o, &e));
+  EXPECT_EQ(86400u, o.logFoldSeconds);
 }
 
 TEST(AgentOptionsTest, CommandLineOptions) {

@@ -149,6 +149,11 @@ TEST(AgentProcessConfigTest, BadTokenValueIsAClearErrorAndNonZeroExit) {
   ExpectConfigRefused("zervaSnapshotSeconds soon\n", {"zervaSnapshotSeconds", "soon"});
 }
 
+TEST(AgentProcessConfigTest, BadLogTokensAreErrorsNamingFileAndLine) {
+  ExpectConfigRefused("zervaKitLogLevel 4 loud\n", {"agent.conf: line ", "zervaKitLogLevel: 'loud' is not one of"});
+  ExpectConfigRefused("zervaLogFoldSeconds 1m\n", {"agent.conf: line ", "zervaLogFoldSeconds: '1m' is not a number"});
+}
+
 TEST(AgentProcessConfigTest, UnknownTokenIsAnError) {
   ExpectConfigRefused("zervaNoSuchToken 1\n", {"zervaNoSuchToken"});
 }

@@ -2,6 +2,7 @@
 
 #include <chrono>
 
+#include "host/agent/agent_log.h"
 #include "snmpcommon/snmp_backend_capability.h"
 #include "snmpcommon/snmp_socket_transport.h"
 #include "snmpcommon/snmp_table_base.h"
@@ -12,22 +13,7 @@ std::string DefaultModulePath() { return ZERVA_AGENT_DEFAULT_MODULE; }
 std::string DefaultMibDir() { return ZERVA_AGENT_DEFAULT_MIB_DIR; }
 
 bool ConfigureLogging(const AgentOptions& options, bool logToStderr, std::string* error) {
-  CVEMDebugKitMgr* kits = CVEMDebugKitMgrSingleton::instance();
-  kits->setLevel(options.logLevel);
-  std::string destination = "stderr";
-  if (!logToStderr) {
-    if (!options.logFile.empty()) {
-      destination = "file:" + options.logFile;
-    } else if (options.syslog) {
-      destination = "syslog:zerva-snmp-agent";
-    }
-  }
-  std::string why;
-  if (!kits->setDestination(destination, &why)) {
-    *error = "cannot log to " + destination + ": " + why;
-    return false;
-  }
-  return true;
+  return ConfigureAgentLog(options, logToStderr, LogHome::kStderr, error);
 }
 
 bool AgentRuntime::start(const AgentOptions& optionsIn, const std::string& where, std::string* error) {

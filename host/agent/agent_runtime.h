@@ -27,9 +27,10 @@
 
 namespace zerva_agent {
 
-// Sets the debug kits' level and destination from the options (logToStderr
-// wins over zervaLogFile and zervaSyslog). False with *error for a log file
-// that cannot be opened.
+// Sets the debug kits' levels, destination and folding from the options
+// (logToStderr wins over zervaLogFile and zervaSyslog; the default is
+// stderr): ConfigureAgentLog with LogHome::kStderr. False with *error for a
+// log file that cannot be opened.
 bool ConfigureLogging(const AgentOptions& options, bool logToStderr, std::string* error);
 
 // The plug-in and MIB directory used when none is configured.

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "host/agent/agent_log.h"
 #include "host/agent/agent_options.h"
 #include "host/agent/agent_runtime.h"
 #include "host/agent/netsnmp_bridge.h"
@@ -36,8 +37,9 @@ volatile sig_atomic_t g_stop = 0;
 
 void OnSignal(int) { g_stop = 1; }
 
-// Wakes the main loop once a second so that a signal is seen promptly.
-void Tick(unsigned int, void*) {}
+// Wakes the main loop once a second so that a signal is seen promptly, and
+// writes the summaries of folded log lines whose window has ended.
+void Tick(unsigned int, void*) { zerva_agent::FlushAgentLog(); }
 
 // Removes a private state directory and the files Net-SNMP put into it.
 void RemoveTree(const std::string& path) {
@@ -166,6 +168,7 @@ int main(int argc, char** argv) {
   runtime.stop();
   zerva_agent::UnregisterAgentTokens(kAppType);
   snmp_shutdown(kAppType);
+  zerva_agent::CloseAgentLog();  // folded lines still counted are written
   if (ownStateDir) RemoveTree(stateDir);
   return rc;
 }

@@ -1,7 +1,8 @@
 // The agent against bad SNMP input on its UDP port: random datagrams and
 // truncated or bit-flipped copies of a valid GET must not stop it from
 // answering; wrong communities get no answer at all and change nothing;
-// GETBULK with absurd max-repetitions is answered in time. (Wrong SNMPv3
+// GETBULK with absurd max-repetitions is answered in time; Net-SNMP's
+// complaints about bad datagrams stay in the log, folded. (Wrong SNMPv3
 // credentials: tests/e2e/agent_access_test.cpp.)
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -219,6 +220,42 @@ TEST_F(AgentBadInputTest, WrongCommunitiesGetNoAnswerAndChangeNothing) {
   EXPECT_EQ(0, set.errorStatus);
   EXPECT_EQ(0u, rig_.array().switchState());
   EXPECT_EQ(1u, rig_.requests(rig_.array().codes().setSwitch));
+}
+
+// Lines of text containing part.
+std::vector<std::string> LinesWith(const std::string& text, const std::string& part) {
+  std::vector<std::string> out;
+  size_t begin = 0;
+  while (begin < text.size()) {
+    size_t end = text.find('\n', begin);
+    if (end == std::string::npos) end = text.size();
+    if (text.find(part, begin) < end) out.push_back(text.substr(begin, end - begin));
+    begin = end + 1;
+  }
+  return out;
+}
+
+TEST_F(AgentBadInputTest, NetSnmpsComplaintsAboutBadDatagramsAreLoggedOnceAndCounted) {
+  Datagrams udp(rig_.port());
+  ASSERT_TRUE(udp.ok());
+  // A GET whose PDU tag (after the version and the community) is no PDU type.
+  std::string bad = GetMessage("public", 4712, SwitchOid());
+  const size_t pduTag = 2 + 3 + 2 + std::string("public").size();
+  ASSERT_EQ('\xA0', bad[pduTag]);
+  bad[pduTag] = '\xA9';
+  for (int i = 0; i < 10; ++i) udp.send(bad);
+  // Answered after them: the agent has read all ten.
+  EXPECT_TRUE(AnswersValidGet());
+  ASSERT_EQ(0, rig_.stop()) << rig_.log();
+  const std::string log = rig_.log();
+  const std::vector<std::string> lines = LinesWith(log, "Bad PDU type received: 0xa9");
+  ASSERT_EQ(2u, lines.size()) << log;
+  EXPECT_NE(std::string::npos, lines[0].find("[kit 2] ERROR 0x1002E net-snmp:0 Bad PDU type received: 0xa9")) << log;
+  // The rest, counted, is written at shutdown at the latest.
+  EXPECT_NE(std::string::npos,
+            lines[1].find("[kit 2] ERROR 0x1002E net-snmp:0 \u2026 and 9 more like this in the last 60 s: "
+                          "Bad PDU type received: 0xa9"))
+      << log;
 }
 
 TEST_F(AgentBadInputTest, GetBulkWithHugeMaxRepetitionsIsAnsweredInTime) {

@@ -89,8 +89,8 @@ bool AgentUnderTest::launch(const Options& options, std::string* error) {
   if (options.communities) conf += "rocommunity public 127.0.0.1\nrwcommunity private 127.0.0.1\n";
   conf += arrayConfig(options) + options.extraConfig;
 
-  std::vector<std::string> argv = {Program(),     "-f",       "-L", "-c", dir_.file("agent.conf", conf),
-                                   "--state-dir", dir_.path()};
+  std::vector<std::string> argv = {Program(), "-f", "-c", dir_.file("agent.conf", conf), "--state-dir", dir_.path()};
+  if (options.logToStderr) argv.push_back("-L");
   port_ = options.port != 0 ? options.port : FreeUdpPort();
   if (options.agentxMaster.empty()) {
     argv.insert(argv.end(), {"--listen", "udp:127.0.0.1:" + std::to_string(port_)});

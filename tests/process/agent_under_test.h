@@ -48,6 +48,9 @@ class AgentUnderTest {
     bool communities = true;
     // More configuration lines, after the harness's own.
     std::string extraConfig;
+    // -L: the agent logs to stderr, into log(). False: where its
+    // configuration says (zervaLogFile in extraConfig, say).
+    bool logToStderr = true;
     // The UDP port the agent listens on (0: a free one). As an AgentX
     // sub-agent (agentxMaster set) the agent has no port of its own: this is
     // the master's, which snmp() asks.

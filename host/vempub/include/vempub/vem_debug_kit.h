@@ -162,6 +162,7 @@ typedef ACE_Unmanaged_Singleton<CVEMDebugKitMgr, ACE_Thread_Mutex> CVEMDebugKitM
 enum : unsigned int {
   VEM_KIT_HOST = 1,   // platform libraries: device configuration, back-end transport, capabilities
   VEM_KIT_AGENT = 2,  // the SNMP agent program
+  VEM_KIT_ACE = 3,    // what ACE's logger carries once routed to the kits: the TLV codec's errors
 };
 
 // Writes one message on a kit: errors with code 0x1002E, the rest with 0xFFFF.

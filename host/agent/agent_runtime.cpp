@@ -77,7 +77,10 @@ bool AgentRuntime::serve(std::string* summary, std::string* error) {
 }
 
 void AgentRuntime::unserve() {
-  registrations_.unregister();
+  // An AgentX master keeps our subtrees meanwhile (see
+  // SnmpRegistrations::unregisterKeepingMaster): the next serve() takes
+  // them up again, stop() removes them.
+  registrations_.unregisterKeepingMaster();
   servers_.clear();
   module_.unload();  // handlers, module, library
 }
@@ -87,6 +90,7 @@ void AgentRuntime::stop() {
   featureWatch_.reset();
   featureSource_.reset();
   unserve();
+  registrations_.unregister();  // at an AgentX master too
   backend_.stop();
 }
 

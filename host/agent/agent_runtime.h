@@ -55,7 +55,8 @@ class AgentRuntime {
   // Loads the module, creates its servers and registers them; *summary says
   // what is served (the start-up line). On failure none of it stays.
   bool serve(std::string* summary, std::string* error);
-  // Undoes serve().
+  // Undoes serve(), but for the subtrees an AgentX master has registered
+  // for us: they stay there for the next serve(), until stop().
   void unserve();
   // Starts watching the array's features; loads the module again when they
   // change (from the alarm).

@@ -29,6 +29,9 @@ const char kRefusalLine[] = "registering pdu failed: ";
 // The master's refusal logged during the registration being answered (0: none).
 long g_refusal = 0;
 AgentxAnswerWatcher g_watcher = nullptr;
+bool g_watcherHooks = false;  // BeforeRegistration, AfterRegistration registered
+bool g_sessionHook = false;   // SessionOpened registered
+uint64_t g_sessionNumber = 0;
 
 u_char RegistrationFlags(const netsnmp_handler_registration& reginfo) {
   for (const netsnmp_mib_handler* h = reginfo.handler; h != nullptr; h = h->next) {
@@ -54,7 +57,34 @@ int AfterRegistration(int, int, void* serverarg, void*) {
   return 0;
 }
 
+// Net-SNMP's sub-agent calls the SNMPD_CALLBACK_INDEX_START callbacks
+// each time it has opened a session to the master.
+int SessionOpened(int, int, void*, void*) {
+  ++g_sessionNumber;
+  return 0;
+}
+
+// The sub-agent's hook (agentx_registration_callback) finds the session to
+// send to through the cell its callback argument points to (the session's
+// myvoid); nullptr there makes it send nothing (agentx_register() and
+// agentx_unregister() of no session return at once).
+netsnmp_session** HookSessionCell() {
+  return AgentxSessionOpen() && main_session->myvoid != nullptr ? static_cast<netsnmp_session**>(main_session->myvoid)
+                                                                : nullptr;
+}
+
 }  // namespace
+
+AgentxSubtree AgentxSubtree::Of(const netsnmp_handler_registration& reginfo) {
+  AgentxSubtree s;
+  s.root.assign(reginfo.rootoid, reginfo.rootoid + reginfo.rootoid_len);
+  s.priority = reginfo.priority;
+  s.rangeSubid = reginfo.range_subid;
+  s.rangeUbound = reginfo.range_ubound;
+  s.hasContext = reginfo.contextName != nullptr;
+  s.context = s.hasContext ? reginfo.contextName : "";
+  return s;
+}
 
 bool AgentxSessionOpen() {
   return netsnmp_ds_get_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_ROLE) && main_session != nullptr &&
@@ -62,17 +92,13 @@ bool AgentxSessionOpen() {
 }
 
 int RegisterAtMasterFirst(netsnmp_handler_registration* reginfo, std::string* refusal) {
-  std::vector<oid> root(reginfo->rootoid, reginfo->rootoid + reginfo->rootoid_len);
-  const int priority = reginfo->priority;
-  const int rangeSubid = reginfo->range_subid;
-  const oid rangeUbound = reginfo->range_ubound;
-  const std::string context = reginfo->contextName != nullptr ? reginfo->contextName : "";
-  const char* contextName = reginfo->contextName != nullptr ? context.c_str() : nullptr;
+  AgentxSubtree subtree = AgentxSubtree::Of(*reginfo);
+  const char* contextName = subtree.hasContext ? subtree.context.c_str() : nullptr;
   const u_char flags = RegistrationFlags(*reginfo);
 
   g_refusal = 0;
-  const int accepted = agentx_register(main_session, root.data(), root.size(), priority, rangeSubid, rangeUbound,
-                                       reginfo->timeout, flags, contextName);
+  const int accepted = agentx_register(main_session, subtree.root.data(), subtree.root.size(), subtree.priority,
+                                       subtree.rangeSubid, subtree.rangeUbound, reginfo->timeout, flags, contextName);
   const long code = g_refusal;
   g_refusal = 0;
   if (accepted != 1) {
@@ -84,56 +110,87 @@ int RegisterAtMasterFirst(netsnmp_handler_registration* reginfo, std::string* re
     return MIB_REGISTRATION_FAILED;
   }
 
-  // Locally as netsnmp_register_handler() registers, perform_callback off:
-  // a handler that cannot answer GETBULK gets it split into GETNEXTs.
+  const int rc = RegisterLocally(reginfo);
+  // Not served here after all: the master's registration is taken back.
+  if (rc != MIB_REGISTERED_OK && AgentxSessionOpen()) UnregisterAtMaster(subtree);
+  return rc;
+}
+
+int RegisterLocally(netsnmp_handler_registration* reginfo) {
+  // As netsnmp_register_handler() registers, perform_callback off: a
+  // handler that cannot answer GETBULK gets it split into GETNEXTs.
   if (reginfo->modes == 0) reginfo->modes = HANDLER_CAN_DEFAULT;
-  int rc = MIB_REGISTERED_OK;
   if (!(reginfo->modes & HANDLER_CAN_GETBULK)) {
     netsnmp_mib_handler* bulk = netsnmp_get_bulk_to_next_handler();
     if (bulk == nullptr || netsnmp_inject_handler(reginfo, bulk) != SNMPERR_SUCCESS) {
       if (bulk != nullptr) netsnmp_handler_free(bulk);
       netsnmp_handler_registration_free(reginfo);
-      rc = MIB_REGISTRATION_FAILED;
+      return MIB_REGISTRATION_FAILED;
     }
   }
-  if (rc == MIB_REGISTERED_OK) {
-    rc = netsnmp_register_mib(reginfo->handlerName, nullptr, 0, 0, reginfo->rootoid, reginfo->rootoid_len,
+  return netsnmp_register_mib(reginfo->handlerName, nullptr, 0, 0, reginfo->rootoid, reginfo->rootoid_len,
                               reginfo->priority, reginfo->range_subid, reginfo->range_ubound, nullptr,
-                              reginfo->contextName, reginfo->timeout, flags, reginfo, /*perform_callback=*/0);
-  }
-  // Not served here after all: the master's registration is taken back.
-  if (rc != MIB_REGISTERED_OK) {
-    agentx_unregister(main_session, root.data(), root.size(), priority, rangeSubid, rangeUbound, contextName);
-  }
-  return rc;
+                              reginfo->contextName, reginfo->timeout, RegistrationFlags(*reginfo), reginfo,
+                              /*perform_callback=*/0);
 }
 
 void UnregisterLocally(netsnmp_handler_registration* reginfo) {
   // Every local unregistration runs the SNMPD_CALLBACK_UNREGISTER_OID
-  // callbacks; the sub-agent's hook is taken out for this one.
-  void* hook = AgentxSessionOpen() ? main_session->myvoid : nullptr;
-  const int removed = hook == nullptr
-                          ? 0
-                          : snmp_unregister_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_UNREGISTER_OID,
-                                                     agentx_registration_callback, hook, 1);
+  // callbacks; the sub-agent's hook is given no session for this one
+  // (rather than taken out of the list and put back: a list must not
+  // change while Net-SNMP may be running through it).
+  netsnmp_session** cell = HookSessionCell();
+  netsnmp_session* session = cell != nullptr ? *cell : nullptr;
+  if (cell != nullptr) *cell = nullptr;
   netsnmp_unregister_handler(reginfo);
-  if (removed > 0) {
-    snmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_UNREGISTER_OID, agentx_registration_callback,
-                           hook);
+  if (cell != nullptr) *cell = session;
+}
+
+bool UnregisterAtMaster(const AgentxSubtree& subtree) {
+  if (!AgentxSessionOpen()) return false;
+  std::vector<oid> root = subtree.root;  // agentx_unregister() takes it writable
+  return agentx_unregister(main_session, root.data(), root.size(), subtree.priority, subtree.rangeSubid,
+                           subtree.rangeUbound, subtree.hasContext ? subtree.context.c_str() : nullptr) == 1;
+}
+
+void UnregisterAtMasterFirst(netsnmp_handler_registration* reginfo) {
+  // The exchange may end with the session closed (the master gone); then
+  // Net-SNMP has taken its hook out and the local unregistration below
+  // sends nothing anyway.
+  UnregisterAtMaster(AgentxSubtree::Of(*reginfo));
+  UnregisterLocally(reginfo);
+}
+
+uint64_t AgentxSessionNumber() {
+  if (!g_sessionHook) {
+    g_sessionHook = true;
+    snmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_START, SessionOpened, nullptr);
   }
+  return g_sessionNumber;
 }
 
 void WatchAgentxRegistrations(AgentxAnswerWatcher watcher) {
-  if (watcher != nullptr && g_watcher == nullptr) {
+  if (watcher != nullptr && !g_watcherHooks) {
+    g_watcherHooks = true;
     netsnmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_REGISTER_OID, BeforeRegistration, nullptr,
                               NETSNMP_CALLBACK_HIGHEST_PRIORITY);
     netsnmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_REGISTER_OID, AfterRegistration, nullptr,
                               NETSNMP_CALLBACK_LOWEST_PRIORITY);
-  } else if (watcher == nullptr && g_watcher != nullptr) {
+  }
+  g_watcher = watcher;
+}
+
+void RemoveAgentxHooks() {
+  g_watcher = nullptr;
+  if (g_watcherHooks) {
+    g_watcherHooks = false;
     snmp_unregister_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_REGISTER_OID, BeforeRegistration, nullptr, 0);
     snmp_unregister_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_REGISTER_OID, AfterRegistration, nullptr, 0);
   }
-  g_watcher = watcher;
+  if (g_sessionHook) {
+    g_sessionHook = false;
+    snmp_unregister_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_INDEX_START, SessionOpened, nullptr, 0);
+  }
 }
 
 void NoteAgentxLogLine(const std::string& line) {

@@ -79,6 +79,11 @@ struct SnmpRegistrations::Entry {
   bool atMaster = false;
 };
 
+struct SnmpRegistrations::Kept {
+  AgentxSubtree subtree;
+  uint64_t session = 0;  // AgentxSessionNumber() it was registered on
+};
+
 namespace {
 
 void Answer(netsnmp_agent_request_info* reqinfo, netsnmp_request_info* request, const Lookup& found, bool next) {
@@ -230,7 +235,7 @@ int HandleRequests(netsnmp_mib_handler* handler, netsnmp_handler_registration*, 
 
 // The registrations Net-SNMP sends to a master that came or came back; the
 // master's answer decides whether unregistering tells it.
-int g_watchingRegistrations = 0;  // the SnmpRegistrations with entries
+int g_watchingRegistrations = 0;  // the SnmpRegistrations with watching_ set
 
 void OnMasterAnswer(netsnmp_handler_registration* reginfo, bool accepted, const std::string& reason) {
   for (netsnmp_mib_handler* h = reginfo->handler; h != nullptr; h = h->next) {
@@ -267,14 +272,37 @@ bool SnmpRegistrations::add(ObjectServer* server, const std::function<void()>& o
     return false;
   }
   reginfo->handler->myvoid = entry.get();
+  if (!watching_) {
+    watching_ = true;
+    if (g_watchingRegistrations++ == 0) WatchAgentxRegistrations(OnMasterAnswer);
+  }
   // A sub-agent connected to its master registers there first: a subtree
   // the master refuses must not enter the local registry (see
-  // agentx_registration.h). Otherwise Net-SNMP registers it at the master
-  // once one is connected, and OnMasterAnswer hears how that went.
+  // agentx_registration.h); one the master has kept for us since the module
+  // was loaded last enters it alone. Otherwise Net-SNMP registers it at the
+  // master once one is connected, and OnMasterAnswer hears how that went.
   std::string refusal;
   entry->atMaster = AgentxSessionOpen();
-  const int rc = entry->atMaster ? RegisterAtMasterFirst(reginfo, &refusal)
-                                 : netsnmp_register_handler(reginfo);  // both free reginfo on failure
+  auto kept = kept_.end();
+  if (entry->atMaster) {
+    const AgentxSubtree subtree = AgentxSubtree::Of(*reginfo);
+    const uint64_t session = AgentxSessionNumber();
+    for (auto k = kept_.begin(); k != kept_.end() && kept == kept_.end(); ++k) {
+      if ((*k)->session == session && (*k)->subtree == subtree) kept = k;
+    }
+  }
+  int rc = 0;  // the calls below free reginfo on failure
+  if (kept != kept_.end()) {
+    rc = RegisterLocally(reginfo);
+    if (rc == MIB_REGISTERED_OK) {
+      delete *kept;
+      kept_.erase(kept);
+    }
+  } else if (entry->atMaster) {
+    rc = RegisterAtMasterFirst(reginfo, &refusal);
+  } else {
+    rc = netsnmp_register_handler(reginfo);
+  }
   if (!refusal.empty()) {
     *error = AgentxRefusalMessage(server->object().name + " " + server->object().prefix, refusal);
     return false;
@@ -285,7 +313,6 @@ bool SnmpRegistrations::add(ObjectServer* server, const std::function<void()>& o
     return false;
   }
   entry->reginfo = reginfo;
-  if (entries_.empty() && g_watchingRegistrations++ == 0) WatchAgentxRegistrations(OnMasterAnswer);
   entries_.push_back(entry.release());
   return true;
 }
@@ -294,15 +321,52 @@ void SnmpRegistrations::unregister() {
   const bool connected = AgentxSessionOpen();
   for (Entry* e : entries_) {
     // The master removes a subtree by its OID, whoever registered it: one it
-    // refused us is dropped here only.
-    if (e->reginfo != nullptr && connected && !e->atMaster) {
-      UnregisterLocally(e->reginfo);
+    // refused us is dropped here only. The AgentX unregister of one it
+    // accepted is sent by us, outside Net-SNMP's callbacks.
+    if (e->reginfo != nullptr && connected && e->atMaster) {
+      UnregisterAtMasterFirst(e->reginfo);
     } else if (e->reginfo != nullptr) {
-      netsnmp_unregister_handler(e->reginfo);
+      UnregisterLocally(e->reginfo);
     }
     delete e;
   }
-  if (!entries_.empty() && --g_watchingRegistrations == 0) WatchAgentxRegistrations(nullptr);
+  entries_.clear();
+  const uint64_t session = connected ? AgentxSessionNumber() : 0;
+  for (Kept* k : kept_) {
+    if (connected && k->session == session) UnregisterAtMaster(k->subtree);
+    delete k;
+  }
+  kept_.clear();
+  if (watching_) {
+    watching_ = false;
+    if (--g_watchingRegistrations == 0) RemoveAgentxHooks();
+  }
+}
+
+void SnmpRegistrations::unregisterKeepingMaster() {
+  const bool connected = AgentxSessionOpen();
+  const uint64_t session = connected ? AgentxSessionNumber() : 0;
+  // What an earlier session kept: that master has forgotten it.
+  for (auto k = kept_.begin(); k != kept_.end();) {
+    if (connected && (*k)->session == session) {
+      ++k;
+    } else {
+      delete *k;
+      k = kept_.erase(k);
+    }
+  }
+  for (Entry* e : entries_) {
+    if (e->reginfo != nullptr) {
+      if (connected && e->atMaster) {
+        std::unique_ptr<Kept> k(new Kept);
+        k->subtree = AgentxSubtree::Of(*e->reginfo);
+        k->session = session;
+        kept_.push_back(k.release());
+      }
+      UnregisterLocally(e->reginfo);
+    }
+    delete e;
+  }
   entries_.clear();
 }
 

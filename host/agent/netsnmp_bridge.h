@@ -32,14 +32,26 @@ class SnmpRegistrations {
   // the AgentX master: ...".
   // REQUIRES: Net-SNMP's agent is initialised; server outlives the registration.
   bool add(ObjectServer* server, const std::function<void()>& onWrite, std::string* error);
-  // Removes every registration (at an AgentX master only those it accepted).
+  // Removes every registration (at an AgentX master only those it accepted,
+  // and those unregisterKeepingMaster() left there).
   void unregister();
+  // Removes every registration from the local registry only, for a module
+  // that is loaded again: an AgentX master keeps those it accepted (it may
+  // have requests out to this sub-agent for them, see
+  // agentx_registration.h), and add() of the same prefix takes one up again
+  // without a new AgentX registration. unregister() removes them at the
+  // master too.
+  void unregisterKeepingMaster();
 
   // One registration (what Net-SNMP's handler callback gets back).
   struct Entry;
+  // A subtree left registered at the master.
+  struct Kept;
 
  private:
   std::vector<Entry*> entries_;
+  std::vector<Kept*> kept_;
+  bool watching_ = false;  // counted in the watchers of the master's answers
 };
 
 // The number of the SNMP request the handlers are answering: it changes

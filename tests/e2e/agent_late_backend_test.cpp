@@ -6,11 +6,16 @@
 // file-system columns) follow. Standalone, as an AgentX sub-agent of a stock
 // snmpd, and as a dlmod module of a stock snmpd; the array is a simulator in
 // this process that the test starts late, stops and starts again.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <ostream>
@@ -133,6 +138,7 @@ class ServedAgent {
 
   // The client: on the agent's own port, or on snmpd's.
   Snmp snmp() const { return Snmp(snmpdDir_.path(), port_); }
+  int port() const { return port_; }
   // What the agent logs (in dlmod mode: snmpd's output).
   std::string log() const { return mode_ == Mode::kDlmod ? snmpd_.log() : agent_.log(); }
 
@@ -287,6 +293,122 @@ std::string OptionalTablesRegistered(const Snmp& snmp) {
   return registered;
 }
 
+// ---------------------------------------------------------------- many requests at once
+
+std::string Tlv(unsigned char tag, const std::string& body) {
+  std::string out(1, static_cast<char>(tag));
+  const size_t n = body.size();
+  if (n < 0x80) {
+    out += static_cast<char>(n);
+  } else {
+    out += '\x82';
+    out += static_cast<char>(n >> 8);
+    out += static_cast<char>(n & 0xFF);
+  }
+  return out + body;
+}
+
+std::string Integer(long v) {
+  std::string bytes;
+  for (int i = 7; i >= 0; --i) bytes += static_cast<char>((static_cast<unsigned long>(v) >> (8 * i)) & 0xFF);
+  // Shortest two's complement form.
+  while (bytes.size() > 1 &&
+         ((bytes[0] == 0 && (bytes[1] & 0x80) == 0) || (bytes[0] == '\xFF' && (bytes[1] & 0x80) != 0))) {
+    bytes.erase(0, 1);
+  }
+  return Tlv(0x02, bytes);
+}
+
+std::string ObjectId(const Oid& oid) {
+  std::string body(1, static_cast<char>(oid[0] * 40 + oid[1]));
+  for (size_t i = 2; i < oid.size(); ++i) {
+    std::string part(1, static_cast<char>(oid[i] & 0x7F));
+    for (unsigned long v = oid[i] >> 7; v != 0; v >>= 7) part.insert(0, 1, static_cast<char>(0x80 | (v & 0x7F)));
+    body += part;
+  }
+  return Tlv(0x06, body);
+}
+
+// An SNMPv2c GetNextRequest of one OID with community public.
+std::string GetNextMessage(long requestId, const Oid& oid) {
+  const std::string varbind = Tlv(0x30, ObjectId(oid) + std::string("\x05\x00", 2));
+  const std::string pdu = Tlv(0xA1, Integer(requestId) + Integer(0) + Integer(0) + Tlv(0x30, varbind));
+  return Tlv(0x30, Integer(1) + Tlv(0x04, "public") + pdu);
+}
+
+// GETNEXTs of a few OIDs sent again and again from one UDP socket, each
+// round without waiting for the answers of the one before: an AgentX
+// master has requests out to its sub-agent nearly all the time.
+class RequestFlood {
+ public:
+  RequestFlood(int port, std::vector<Oid> names) : port_(port), names_(std::move(names)) {}
+  ~RequestFlood() { stop(); }
+  void start() {
+    thread_ = std::thread([this] { run(); });
+  }
+  void stop() {
+    stopping_ = true;
+    if (thread_.joinable()) thread_.join();
+  }
+  size_t sent() const { return sent_; }
+  size_t answered() const { return answered_; }
+
+ private:
+  void run() {
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+    if (fd < 0) return;
+    sockaddr_in a = {};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<uint16_t>(port_));
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) {
+      long id = 1;
+      char buf[65536];
+      while (!stopping_) {
+        for (const Oid& name : names_) {
+          const std::string m = GetNextMessage(id++, name);
+          if (send(fd, m.data(), m.size(), 0) == static_cast<ssize_t>(m.size())) ++sent_;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        while (recv(fd, buf, sizeof buf, 0) > 0) ++answered_;
+      }
+    }
+    close(fd);
+  }
+
+  const int port_;
+  const std::vector<Oid> names_;
+  std::thread thread_;
+  std::atomic<bool> stopping_{false};
+  std::atomic<size_t> sent_{0};
+  std::atomic<size_t> answered_{0};
+};
+
+// An environment variable for the processes the test starts meanwhile.
+class ChildEnvironment {
+ public:
+  ChildEnvironment(const char* name, const char* value) : name_(name) {
+    const char* old = getenv(name);
+    had_ = old != nullptr;
+    if (had_) old_ = old;
+    setenv(name, value, 1);
+  }
+  ~ChildEnvironment() {
+    if (had_) {
+      setenv(name_.c_str(), old_.c_str(), 1);
+    } else {
+      unsetenv(name_.c_str());
+    }
+  }
+  ChildEnvironment(const ChildEnvironment&) = delete;
+  ChildEnvironment& operator=(const ChildEnvironment&) = delete;
+
+ private:
+  std::string name_;
+  std::string old_;
+  bool had_ = false;
+};
+
 class LateBackendTest : public ::testing::TestWithParam<Mode> {
  protected:
   void SetUp() override {
@@ -375,6 +497,56 @@ TEST_P(LateBackendTest, TablesFollowABackEndRestartedWithOtherFeatures) {
       }
     }
   }
+}
+
+// A sub-agent whose module is loaded again while its master has requests
+// out to it for the tables that go (and come back): the master keeps
+// answering, the sub-agent stays connected to it, and Net-SNMP's callback
+// lists are never changed while it runs through them.
+TEST(LateBackendReloadTest, SubAgentReloadsWhileItsMasterHasRequestsOutToIt) {
+  // The master and the agent fill freed memory with a pattern: one of
+  // them using memory freed under it crashes rather than going on with
+  // stale data.
+  ChildEnvironment perturb("MALLOC_PERTURB_", "165");
+  TempDir dir;
+  TestArray array(dir);
+  std::string error;
+  ASSERT_TRUE(array.start(kAllFeatures, &error)) << error;
+  ServedAgent agent;
+  ASSERT_TRUE(agent.start(Mode::kAgentX, array.address(), &error)) << error;
+  const Snmp snmp = agent.snmp();
+  int walks = 0;
+  Served s = WalkUntil(snmp, kAllFeatures, std::chrono::seconds(5), &walks);
+  ASSERT_TRUE(Shows(s, kAllFeatures)) << s.raw << agent.log();
+
+  // GETNEXTs into each optional table, and of the subtree (whose first
+  // object asks the back end: the agent connects to a restarted array and
+  // sees its features).
+  const Oid subtree = ParseOid(zerva_test::kSubtree);
+  std::vector<Oid> names = {subtree};
+  for (unsigned long table : kOptionalTables) {
+    Oid name = subtree;
+    name.push_back(table);
+    names.push_back(name);
+  }
+  RequestFlood flood(agent.port(), names);
+  flood.start();
+  const long order[] = {kNoFeatures, kAllFeatures, kNoFeatures, kAllFeatures};
+  for (long features : order) {
+    SCOPED_TRACE("features " + std::to_string(features));
+    array.stop();
+    ASSERT_TRUE(array.start(features, &error)) << error;
+    s = WalkUntil(snmp, features, std::chrono::seconds(10), &walks);
+    ASSERT_TRUE(Shows(s, features)) << s.raw << agent.log();
+  }
+  flood.stop();
+  EXPECT_GT(flood.answered(), 0u);
+
+  const std::string log = agent.log();
+  EXPECT_EQ(std::string::npos, log.find("lock in _callback_lock")) << log;
+  EXPECT_EQ(std::string::npos, log.find("Failed to connect to the agentx master")) << log;
+  EXPECT_NE(std::string::npos, log.find("the array's features changed from {} to {48,49,602}; module loaded again"))
+      << log;
 }
 
 // A reload that fails is logged and tried again; the agent keeps running,

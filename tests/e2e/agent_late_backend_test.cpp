@@ -29,6 +29,7 @@
 #include "tests/e2e/e2e_support.h"
 #include "tests/process/agent_under_test.h"
 #include "tests/process/process_harness.h"
+#include "tests/process/snmp_message.h"
 #include "tests/process/stock_snmpd.h"
 
 namespace zerva_e2e {
@@ -295,45 +296,9 @@ std::string OptionalTablesRegistered(const Snmp& snmp) {
 
 // ---------------------------------------------------------------- many requests at once
 
-std::string Tlv(unsigned char tag, const std::string& body) {
-  std::string out(1, static_cast<char>(tag));
-  const size_t n = body.size();
-  if (n < 0x80) {
-    out += static_cast<char>(n);
-  } else {
-    out += '\x82';
-    out += static_cast<char>(n >> 8);
-    out += static_cast<char>(n & 0xFF);
-  }
-  return out + body;
-}
-
-std::string Integer(long v) {
-  std::string bytes;
-  for (int i = 7; i >= 0; --i) bytes += static_cast<char>((static_cast<unsigned long>(v) >> (8 * i)) & 0xFF);
-  // Shortest two's complement form.
-  while (bytes.size() > 1 &&
-         ((bytes[0] == 0 && (bytes[1] & 0x80) == 0) || (bytes[0] == '\xFF' && (bytes[1] & 0x80) != 0))) {
-    bytes.erase(0, 1);
-  }
-  return Tlv(0x02, bytes);
-}
-
-std::string ObjectId(const Oid& oid) {
-  std::string body(1, static_cast<char>(oid[0] * 40 + oid[1]));
-  for (size_t i = 2; i < oid.size(); ++i) {
-    std::string part(1, static_cast<char>(oid[i] & 0x7F));
-    for (unsigned long v = oid[i] >> 7; v != 0; v >>= 7) part.insert(0, 1, static_cast<char>(0x80 | (v & 0x7F)));
-    body += part;
-  }
-  return Tlv(0x06, body);
-}
-
 // An SNMPv2c GetNextRequest of one OID with community public.
 std::string GetNextMessage(long requestId, const Oid& oid) {
-  const std::string varbind = Tlv(0x30, ObjectId(oid) + std::string("\x05\x00", 2));
-  const std::string pdu = Tlv(0xA1, Integer(requestId) + Integer(0) + Integer(0) + Tlv(0x30, varbind));
-  return Tlv(0x30, Integer(1) + Tlv(0x04, "public") + pdu);
+  return zerva_test::SnmpV2cRequest(0xA1, "public", requestId, oid);
 }
 
 // GETNEXTs of a few OIDs sent again and again from one UDP socket, each

@@ -27,6 +27,7 @@ namespace zerva_e2e {
 namespace {
 
 using zerva_test::FreeUdpPort;
+using zerva_test::LinesWith;
 using zerva_test::ReadFile;
 using zerva_test::Snmp;
 using zerva_test::StockSnmpd;
@@ -38,20 +39,6 @@ typedef std::chrono::steady_clock Clock;
 const char kBatchLine[] = "query LUN performance. batchObjID:";
 // The module's line for a LUN batch the array refuses.
 const char kRefusalLine[] = "faild to query perf data";
-
-// Lines of text containing `part`.
-std::vector<std::string> LinesWith(const std::string& text, const std::string& part) {
-  std::vector<std::string> out;
-  size_t begin = 0;
-  while (begin < text.size()) {
-    size_t end = text.find('\n', begin);
-    if (end == std::string::npos) end = text.size();
-    const std::string line = text.substr(begin, end - begin);
-    if (line.find(part) != std::string::npos) out.push_back(line);
-    begin = end + 1;
-  }
-  return out;
-}
 
 std::string Joined(const std::vector<std::string>& lines) {
   std::string out;

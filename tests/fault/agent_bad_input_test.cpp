@@ -19,56 +19,18 @@
 #include <vector>
 
 #include "tests/fault/fault_harness.h"
+#include "tests/process/snmp_message.h"
 
 namespace zerva_fault {
 namespace {
 
 const int kGauge32 = 0x42;
 
-// ---------------------------------------------------------------- BER
-
-std::string Tlv(unsigned char tag, const std::string& body) {
-  std::string out(1, static_cast<char>(tag));
-  const size_t n = body.size();
-  if (n < 0x80) {
-    out += static_cast<char>(n);
-  } else if (n < 0x100) {
-    out += '\x81';
-    out += static_cast<char>(n);
-  } else {
-    out += '\x82';
-    out += static_cast<char>(n >> 8);
-    out += static_cast<char>(n & 0xFF);
-  }
-  return out + body;
-}
-
-std::string Integer(long v) {
-  std::string bytes;
-  for (int i = 7; i >= 0; --i) bytes += static_cast<char>((static_cast<unsigned long>(v) >> (8 * i)) & 0xFF);
-  // Shortest two's complement form.
-  while (bytes.size() > 1 &&
-         ((bytes[0] == 0 && (bytes[1] & 0x80) == 0) || (bytes[0] == '\xFF' && (bytes[1] & 0x80) != 0))) {
-    bytes.erase(0, 1);
-  }
-  return Tlv(0x02, bytes);
-}
-
-std::string ObjectId(const Oid& oid) {
-  std::string body(1, static_cast<char>(oid[0] * 40 + oid[1]));
-  for (size_t i = 2; i < oid.size(); ++i) {
-    std::string part(1, static_cast<char>(oid[i] & 0x7F));
-    for (unsigned long v = oid[i] >> 7; v != 0; v >>= 7) part.insert(0, 1, static_cast<char>(0x80 | (v & 0x7F)));
-    body += part;
-  }
-  return Tlv(0x06, body);
-}
+using zerva_test::LinesWith;
 
 // An SNMPv2c GetRequest message for one OID.
 std::string GetMessage(const std::string& community, long requestId, const Oid& oid) {
-  const std::string varbind = Tlv(0x30, ObjectId(oid) + std::string("\x05\x00", 2));
-  const std::string pdu = Tlv(0xA0, Integer(requestId) + Integer(0) + Integer(0) + Tlv(0x30, varbind));
-  return Tlv(0x30, Integer(1) + Tlv(0x04, community) + pdu);
+  return zerva_test::SnmpV2cRequest(0xA0, community, requestId, oid);
 }
 
 // A UDP socket connected to the agent.
@@ -220,19 +182,6 @@ TEST_F(AgentBadInputTest, WrongCommunitiesGetNoAnswerAndChangeNothing) {
   EXPECT_EQ(0, set.errorStatus);
   EXPECT_EQ(0u, rig_.array().switchState());
   EXPECT_EQ(1u, rig_.requests(rig_.array().codes().setSwitch));
-}
-
-// Lines of text containing part.
-std::vector<std::string> LinesWith(const std::string& text, const std::string& part) {
-  std::vector<std::string> out;
-  size_t begin = 0;
-  while (begin < text.size()) {
-    size_t end = text.find('\n', begin);
-    if (end == std::string::npos) end = text.size();
-    if (text.find(part, begin) < end) out.push_back(text.substr(begin, end - begin));
-    begin = end + 1;
-  }
-  return out;
 }
 
 TEST_F(AgentBadInputTest, NetSnmpsComplaintsAboutBadDatagramsAreLoggedOnceAndCounted) {

@@ -148,6 +148,18 @@ std::string ReadFile(const std::string& path) {
   return s.str();
 }
 
+std::vector<std::string> LinesWith(const std::string& text, const std::string& part) {
+  std::vector<std::string> out;
+  size_t begin = 0;
+  while (begin < text.size()) {
+    size_t end = text.find('\n', begin);
+    if (end == std::string::npos) end = text.size();
+    if (text.find(part, begin) < end) out.push_back(text.substr(begin, end - begin));
+    begin = end + 1;
+  }
+  return out;
+}
+
 std::vector<std::string> Shape(const std::string& walk) {
   std::vector<std::string> out;
   std::istringstream in(walk);

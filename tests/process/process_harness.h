@@ -64,6 +64,9 @@ std::string RunShell(const std::string& command, int* rc = nullptr);
 // The whole text of a file ("" when it cannot be read).
 std::string ReadFile(const std::string& path);
 
+// The lines of text (without their newline) that contain part.
+std::vector<std::string> LinesWith(const std::string& text, const std::string& part);
+
 // The names and types of a walk's lines ("OID = TYPE"), values left out:
 // statistics move between two walks. "No more variables" lines are skipped.
 std::vector<std::string> Shape(const std::string& walk);

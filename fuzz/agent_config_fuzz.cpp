@@ -84,7 +84,8 @@ bool SameOptions(const AgentOptions& a, const AgentOptions& b) {
          a.walkSeconds == b.walkSeconds && a.batchRows == b.batchRows && a.logLevel == b.logLevel &&
          a.logFile == b.logFile && a.syslog == b.syslog && a.deviceConfig == b.deviceConfig &&
          a.simTopology == b.simTopology && a.simLuns == b.simLuns && a.simFileSystems == b.simFileSystems &&
-         a.simFeatures == b.simFeatures && a.simSeed == b.simSeed && a.agentx == b.agentx;
+         a.simFeatures == b.simFeatures && a.simSeed == b.simSeed && a.agentx == b.agentx &&
+         a.logFoldSeconds == b.logFoldSeconds && a.kitLogLevels == b.kitLogLevels;
 }
 
 // The value as the token sees it: without blanks, tabs and line ends around it.
@@ -118,6 +119,25 @@ bool ValidNumber(const std::string& v, uint64_t lo, uint64_t hi, uint64_t* out) 
 
 // What a line should do: whether the value is valid, and if so the options
 // it must leave (*expected starts as the options before the line).
+// A level name in any case.
+bool ExpectLevel(const std::string& v, EVEMLogLevel* level) {
+  static const struct {
+    const char* name;
+    EVEMLogLevel level;
+  } kLevels[] = {{"trace", VEM_LOG_TRACE},
+                 {"debug", VEM_LOG_DEBUG},
+                 {"warn", VEM_LOG_WARN},
+                 {"error", VEM_LOG_ERROR},
+                 {"off", VEM_LOG_OFF}};
+  for (const auto& l : kLevels) {
+    if (Lower(v) == l.name) {
+      *level = l.level;
+      return true;
+    }
+  }
+  return false;
+}
+
 bool Expect(const std::string& token, const std::string& v, AgentOptions* expected) {
   uint64_t n = 0;
   std::string* path = nullptr;
@@ -157,22 +177,28 @@ bool Expect(const std::string& token, const std::string& v, AgentOptions* expect
     expected->batchRows = static_cast<unsigned int>(n);
     return true;
   }
-  if (token == "zervaLogLevel") {
-    static const struct {
-      const char* name;
-      EVEMLogLevel level;
-    } kLevels[] = {{"trace", VEM_LOG_TRACE},
-                   {"debug", VEM_LOG_DEBUG},
-                   {"warn", VEM_LOG_WARN},
-                   {"error", VEM_LOG_ERROR},
-                   {"off", VEM_LOG_OFF}};
-    for (const auto& l : kLevels) {
-      if (Lower(v) == l.name) {
-        expected->logLevel = l.level;
-        return true;
+  if (token == "zervaLogLevel") return ExpectLevel(v, &expected->logLevel);
+  if (token == "zervaLogFoldSeconds") {
+    if (!ValidNumber(v, 0, 86400, &n)) return false;
+    expected->logFoldSeconds = static_cast<unsigned int>(n);
+    return true;
+  }
+  if (token == "zervaKitLogLevel") {
+    // Exactly two words: a kit number 0 to 255 and a level.
+    std::vector<std::string> words;
+    std::string word;
+    for (char c : v + " ") {
+      if (std::isspace(static_cast<unsigned char>(c)) == 0) {
+        word += c;
+      } else if (!word.empty()) {
+        words.push_back(word);
+        word.clear();
       }
     }
-    return false;
+    EVEMLogLevel level = VEM_LOG_WARN;
+    if (words.size() != 2 || !ValidNumber(words[0], 0, 255, &n) || !ExpectLevel(words[1], &level)) return false;
+    expected->kitLogLevels[static_cast<unsigned int>(n)] = level;
+    return true;
   }
   if (token == "zervaSyslog") {
     const std::string w = Lower(v);
@@ -222,6 +248,11 @@ void CheckRanges(const AgentOptions& o) {
   FUZZ_CHECK(o.backendTimeoutMs <= 3600000);
   FUZZ_CHECK(o.snapshotSeconds <= 86400);
   FUZZ_CHECK(o.walkSeconds <= 86400);
+  FUZZ_CHECK(o.logFoldSeconds <= 86400);
+  for (const auto& k : o.kitLogLevels) {
+    FUZZ_CHECK(k.first <= 255);
+    FUZZ_CHECK(k.second >= VEM_LOG_TRACE && k.second <= VEM_LOG_OFF);
+  }
   FUZZ_CHECK(o.batchRows >= 1 && o.batchRows <= 10000);
   FUZZ_CHECK(o.logLevel >= VEM_LOG_TRACE && o.logLevel <= VEM_LOG_OFF);
   FUZZ_CHECK(o.simLuns >= -1 && o.simLuns <= 1000000);

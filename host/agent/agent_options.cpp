@@ -135,12 +135,13 @@ bool ApplyAgentToken(const std::string& token, const std::string& rawValue, Agen
     }
     unsigned int kit = 0;
     EVEMLogLevel level = VEM_LOG_WARN;
+    // The error names the whole value, then the word that is wrong.
     if (!NumberToken(kitText, 0, kMaxKitNumber, &kit, error)) {
-      *error = "kit " + *error;
+      *error = "'" + value + "': kit " + *error;
       return false;
     }
     if (!VEMParseLogLevel(levelText, &level)) {
-      *error = "'" + levelText + "' is not one of trace, debug, warn, error, off";
+      *error = "'" + value + "': '" + levelText + "' is not one of trace, debug, warn, error, off";
       return false;
     }
     o->kitLogLevels[kit] = level;

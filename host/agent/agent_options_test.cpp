@@ -114,10 +114,10 @@ TEST(AgentOptionsTest, BadKitLogLevelsAreRefusedWithAReason) {
       {"", "is not KIT LEVEL"},
       {"4", "'4' is not KIT LEVEL"},
       {"4 debug now", "'4 debug now' is not KIT LEVEL"},
-      {"x debug", "kit 'x' is not a number from 0 to 255"},
-      {"-1 debug", "kit '-1' is not a number from 0 to 255"},
-      {"256 debug", "kit '256' is not a number from 0 to 255"},
-      {"4 loud", "'loud' is not one of trace, debug, warn, error, off"},
+      {"x debug", "'x debug': kit 'x' is not a number from 0 to 255"},
+      {"-1 debug", "'-1 debug': kit '-1' is not a number from 0 to 255"},
+      {"256 debug", "'256 debug': kit '256' is not a number from 0 to 255"},
+      {"4 loud", "'4 loud': 'loud' is not one of trace, debug, warn, error, off"},
   };
   for (const auto& c : cases) {
     AgentOptions o;

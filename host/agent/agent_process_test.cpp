@@ -150,7 +150,8 @@ TEST(AgentProcessConfigTest, BadTokenValueIsAClearErrorAndNonZeroExit) {
 }
 
 TEST(AgentProcessConfigTest, BadLogTokensAreErrorsNamingFileAndLine) {
-  ExpectConfigRefused("zervaKitLogLevel 4 loud\n", {"agent.conf: line ", "zervaKitLogLevel: 'loud' is not one of"});
+  ExpectConfigRefused("zervaKitLogLevel 4 loud\n",
+                      {"agent.conf: line ", "zervaKitLogLevel: '4 loud': 'loud' is not one of"});
   ExpectConfigRefused("zervaLogFoldSeconds 1m\n", {"agent.conf: line ", "zervaLogFoldSeconds: '1m' is not a number"});
 }
 

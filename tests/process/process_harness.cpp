@@ -186,13 +186,16 @@ std::string Snmp::get(const std::string& oid, const std::string& auth) const { r
 std::string Snmp::walk(const std::string& auth) const { return tool("snmpwalk", auth, kSubtree); }
 
 bool Snmp::ready(const std::string& auth) const {
-  for (int i = 0; i < 25; ++i) {
+  // An agent under a sanitizer on a loaded machine may take several seconds
+  // to load its module and bind; a healthy one answers the first probe.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
+  do {
     if (RunShell(env_ + "snmpget -On -t 0.2 -r 0 " + auth + " 127.0.0.1:" + std::to_string(port_) + " " + kSwitch)
             .find("Gauge32") != std::string::npos) {
       return true;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
+  } while (std::chrono::steady_clock::now() < deadline);
   return false;
 }
 

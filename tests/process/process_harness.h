@@ -81,7 +81,7 @@ class Snmp {
                    int* rc = nullptr) const;
   std::string get(const std::string& oid, const std::string& auth = "-v2c -c public") const;
   std::string walk(const std::string& auth = "-v2c -c public") const;
-  // Waits (at most about 5 s) until the agent answers a GET of the switch.
+  // Waits (at most about 15 s) until the agent answers a GET of the switch.
   bool ready(const std::string& auth = "-v2c -c public") const;
   int port() const { return port_; }
   // The environment prefix the tools run with.

@@ -215,8 +215,8 @@ bool IsLocalAddress(const std::string& rawAddress) {
   if (colon != std::string::npos) {
     const std::string transport = Lowered(address.substr(0, colon));
     if (transport == "unix") return true;
-    static const char* const kInet[] = {"udp", "tcp", "udp6", "tcp6", "udpv6", "tcpv6", "udpipv6", "tcpipv6",
-                                        "dtlsudp", "tlstcp", "dtlsudp6", "tlstcp6"};
+    static const char* const kInet[] = {"udp",     "tcp",     "udp6",    "tcp6",   "udpv6",    "tcpv6",
+                                        "udpipv6", "tcpipv6", "dtlsudp", "tlstcp", "dtlsudp6", "tlstcp6"};
     for (const char* t : kInet) {
       if (transport == t) rest = address.substr(colon + 1);
     }

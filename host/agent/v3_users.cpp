@@ -218,8 +218,8 @@ bool LocalizedKey(const std::string& authProtocol, const std::string& engineId, 
   size_t kuLength = sizeof ku;
   u_char kul[SNMP_MAXBUF_SMALL];
   size_t kulLength = sizeof kul;
-  if (generate_Ku(auth->hash, kProtocolOidLength, reinterpret_cast<const u_char*>(passphrase.data()),
-                  passphrase.size(), ku, &kuLength) != SNMPERR_SUCCESS ||
+  if (generate_Ku(auth->hash, kProtocolOidLength, reinterpret_cast<const u_char*>(passphrase.data()), passphrase.size(),
+                  ku, &kuLength) != SNMPERR_SUCCESS ||
       generate_kul(auth->hash, kProtocolOidLength, reinterpret_cast<const u_char*>(engineId.data()), engineId.size(),
                    ku, kuLength, kul, &kulLength) != SNMPERR_SUCCESS) {
     memset(ku, 0, sizeof ku);

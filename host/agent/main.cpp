@@ -135,6 +135,7 @@ int main(int argc, char** argv) {
   // state directory (--state-dir, else a private one), and loads no MIB
   // files (the agent needs none).
   std::string netSnmpFiles;
+  if (!cmd.stateDir.empty()) zerva_agent::EnsureUsersFile(cmd.stateDir);
   if (!zerva_agent::NetSnmpConfigFiles(cmd.configFile, cmd.stateDir, &netSnmpFiles, &error)) return Fail(error);
   std::string stateDir = cmd.stateDir;
   bool ownStateDir = false;

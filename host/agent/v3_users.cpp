@@ -186,6 +186,19 @@ bool AskWithoutEcho(FILE* in, FILE* prompt, const char* question, std::string* a
 std::string PersistentFile(const std::string& stateDir) { return stateDir + "/zerva-snmp-agent.conf"; }
 std::string UsersFile(const std::string& stateDir) { return stateDir + "/users.conf"; }
 
+bool EnsureUsersFile(const std::string& stateDir) {
+  const std::string path = UsersFile(stateDir);
+  if (access(path.c_str(), F_OK) == 0) return true;
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (fd < 0) return false;
+  static const char kHeader[] =
+      "# SNMPv3 users of zerva-snmp-agent --create-user: keys localized to the engineID\n"
+      "# kept in zerva-snmp-agent.conf here, and each user's access line. The agent\n"
+      "# reads this file after its configuration and never writes it.\n";
+  const bool ok = write(fd, kHeader, sizeof kHeader - 1) == static_cast<ssize_t>(sizeof kHeader - 1);
+  return close(fd) == 0 && ok;
+}
+
 bool NetSnmpConfigFiles(const std::string& configFile, const std::string& stateDir, std::string* files,
                         std::string* error) {
   std::vector<std::string> list;

@@ -32,6 +32,12 @@ std::string UsersFile(const std::string& stateDir);       // STATE/users.conf
 bool NetSnmpConfigFiles(const std::string& configFile, const std::string& stateDir, std::string* files,
                         std::string* error);
 
+// Creates an empty users file (a comment, mode 0600) in stateDir when there
+// is none, so that Net-SNMP's list of files holds it from the start and a
+// user created while the agent runs is read on SIGHUP. False when it cannot
+// be created (the agent then goes on without it).
+bool EnsureUsersFile(const std::string& stateDir);
+
 // The engineID kept in a persistent file (its last oldEngineID line), as
 // bytes; "" when the file has none or cannot be read.
 std::string ReadEngineId(const std::string& persistentFile);

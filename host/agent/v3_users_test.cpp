@@ -120,6 +120,21 @@ TEST(V3UsersTest, NetSnmpReadsTheConfigurationThenTheStateFiles) {
   EXPECT_NE(std::string::npos, error.find("/etc/a,b.conf")) << error;
 }
 
+TEST(V3UsersTest, EnsureUsersFileMakesAnEmptyOneAndLeavesAnExistingOneAlone) {
+  TempDir dir;
+  ASSERT_TRUE(EnsureUsersFile(dir.path()));
+  const std::string made = ReadAll(UsersFile(dir.path()));
+  EXPECT_EQ(0u, made.find("# SNMPv3 users of zerva-snmp-agent --create-user")) << made;
+  EXPECT_TRUE(KnownUsers(dir.path()).empty());
+  struct stat st;
+  ASSERT_EQ(0, stat(UsersFile(dir.path()).c_str(), &st));
+  EXPECT_EQ(0600u, st.st_mode & 0777);
+  dir.file("users.conf", "rouser x priv\n");
+  ASSERT_TRUE(EnsureUsersFile(dir.path()));
+  EXPECT_EQ("rouser x priv\n", ReadAll(UsersFile(dir.path())));
+  EXPECT_FALSE(EnsureUsersFile(dir.path() + "/missing"));
+}
+
 TEST(V3UsersTest, EngineIdIsTheLastOneOfThePersistentFile) {
   TempDir dir;
   EXPECT_EQ("", ReadEngineId(dir.path() + "/none.conf"));

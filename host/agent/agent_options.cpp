@@ -216,7 +216,13 @@ bool ParseCommandLine(int argc, const char* const* argv, CommandLine* out, std::
                                              {kOptPrivProtocol, &out->privProtocol}};
   const std::map<int, bool*> flags = {
       {'f', &out->foreground}, {'L', &out->logToStderr}, {kOptReadWrite, &out->readWrite}};
-  const VEMOptionHandler apply = [&texts, &flags](int code, const std::string& value, std::string*) {
+  // The first option given that only --create-user takes.
+  std::string userOption;
+  const std::map<int, const char*> userOptions = {
+      {kOptAuthProtocol, "--auth-protocol"}, {kOptPrivProtocol, "--priv-protocol"}, {kOptReadWrite, "--read-write"}};
+  const VEMOptionHandler apply = [&texts, &flags, &userOptions, &userOption](int code, const std::string& value,
+                                                                             std::string*) {
+    if (userOptions.count(code) != 0 && userOption.empty()) userOption = userOptions.at(code);
     if (texts.count(code) != 0) {
       *texts.at(code) = value;
     } else {
@@ -224,7 +230,12 @@ bool ParseCommandLine(int argc, const char* const* argv, CommandLine* out, std::
     }
     return true;
   };
-  return VEMParseOptions(argc, argv, syntax, apply, nullptr, &out->help, &out->version, error);
+  if (!VEMParseOptions(argc, argv, syntax, apply, nullptr, &out->help, &out->version, error)) return false;
+  if (!userOption.empty() && out->createUser.empty() && !out->help && !out->version) {
+    *error = "option " + userOption + " goes with --create-user";
+    return false;
+  }
+  return true;
 }
 
 std::string Usage(const std::string& program) {

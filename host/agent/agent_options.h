@@ -77,7 +77,8 @@ struct CommandLine {
 // Parses argv with getopt_long (long options also as --name=VALUE); can be
 // called again for another argv. Returns false with *error, naming the
 // option, for an unknown option, a missing value, a value given to an option
-// that takes none, or an argument that is not an option.
+// that takes none, an argument that is not an option, or an option of
+// --create-user (--auth-protocol, --priv-protocol, --read-write) without it.
 bool ParseCommandLine(int argc, const char* const* argv, CommandLine* out, std::string* error);
 
 // The usage text.

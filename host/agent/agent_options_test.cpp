@@ -238,6 +238,9 @@ TEST(AgentOptionsTest, CommandLineErrors) {
       {{"agent", "-f", "--listen"}, "option --listen needs a value"},
       {{"agent", "--help=all"}, "option --help takes no value"},
       {{"agent", "-f", "extra"}, "unexpected argument 'extra'"},
+      {{"agent", "--read-write"}, "option --read-write goes with --create-user"},
+      {{"agent", "-f", "--priv-protocol", "DES", "--auth-protocol", "SHA"},
+       "option --priv-protocol goes with --create-user"},
   };
   for (const auto& c : cases) {
     CommandLine cmd;

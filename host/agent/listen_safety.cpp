@@ -284,4 +284,19 @@ std::vector<std::string> InsecureListening(const std::vector<Credential>& creden
   return lines;
 }
 
+bool SafeToListen(const std::string& configFile, const std::string& builtInAccess, const std::string& addresses,
+                  std::vector<std::string>* problems) {
+  std::vector<Credential> credentials;
+  std::string error;
+  if (configFile.empty()) {
+    credentials = LineCredentials(builtInAccess);
+  } else if (!FindCredentials(configFile, &credentials, &error)) {
+    problems->push_back(error);
+    return false;
+  }
+  const std::vector<std::string> refusals = InsecureListening(credentials, addresses);
+  problems->insert(problems->end(), refusals.begin(), refusals.end());
+  return refusals.empty();
+}
+
 }  // namespace zerva_agent

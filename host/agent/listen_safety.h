@@ -54,6 +54,13 @@ bool FindCredentials(const std::string& path, std::vector<Credential>* out, std:
 // Empty when the agent may listen there.
 std::vector<std::string> InsecureListening(const std::vector<Credential>& credentials, const std::string& addresses);
 
+// The whole check for a start or a configuration check: the credentials of
+// configFile (those of the line builtInAccess when configFile is ""), against
+// the addresses the agent is to listen on. *problems gets the refusal's
+// lines (or the reason configFile cannot be read). True when it may listen.
+bool SafeToListen(const std::string& configFile, const std::string& builtInAccess, const std::string& addresses,
+                  std::vector<std::string>* problems);
+
 }  // namespace zerva_agent
 
 #endif  // ZERVA_AGENT_LISTEN_SAFETY_H_

@@ -151,6 +151,26 @@ TEST(ListenSafetyTest, BuiltInConfigurationIsNamedAsSuch) {
       lines[0]);
 }
 
+TEST(ListenSafetyTest, SafeToListenChecksTheFileOrTheBuiltInLine) {
+  TempDir dir;
+  const std::string conf = dir.file("agent.conf", "rocommunity mine-1 10.0.0.0/8\nrwcommunity private 127.0.0.1\n");
+  std::vector<std::string> problems;
+  EXPECT_FALSE(SafeToListen(conf, "rocommunity public 127.0.0.1", "udp:161", &problems));
+  ASSERT_EQ(1u, problems.size());
+  EXPECT_EQ(0u, problems[0].find(conf + ": line 2: community \"private\" ships")) << problems[0];
+  problems.clear();
+  EXPECT_TRUE(SafeToListen(conf, "rocommunity public 127.0.0.1", "udp:127.0.0.1:161", &problems));
+  EXPECT_TRUE(problems.empty());
+  EXPECT_FALSE(SafeToListen("", "rocommunity public 127.0.0.1", "udp:161", &problems));
+  ASSERT_EQ(1u, problems.size());
+  EXPECT_EQ(0u, problems[0].find("the built-in configuration (no -c): community \"public\"")) << problems[0];
+  EXPECT_TRUE(SafeToListen("", "rocommunity mine-2 127.0.0.1", "udp:161", &problems));
+  problems.clear();
+  EXPECT_FALSE(SafeToListen(dir.path() + "/none.conf", "", "udp:127.0.0.1:161", &problems));
+  ASSERT_EQ(1u, problems.size());
+  EXPECT_NE(std::string::npos, problems[0].find("none.conf")) << problems[0];
+}
+
 // ------------------------------------------------- the shipped files
 
 std::string ReadAll(const std::string& path) {

@@ -95,18 +95,10 @@ int CreateUser(const zerva_agent::CommandLine& cmd) {
 // configuration holds a community or passphrase that ships with it: one line
 // for each of them. True when the agent may listen on `addresses`.
 bool SafeToListen(const std::string& configFile, const std::string& addresses) {
-  std::vector<zerva_agent::Credential> credentials = zerva_agent::LineCredentials(kDefaultAccess);
-  std::string error;
-  if (!configFile.empty()) {
-    credentials.clear();
-    if (!zerva_agent::FindCredentials(configFile, &credentials, &error)) {
-      Fail(error);
-      return false;
-    }
-  }
-  const std::vector<std::string> refusals = zerva_agent::InsecureListening(credentials, addresses);
-  for (const std::string& line : refusals) fprintf(stderr, "zerva-snmp-agent: %s\n", line.c_str());
-  return refusals.empty();
+  std::vector<std::string> problems;
+  const bool safe = zerva_agent::SafeToListen(configFile, kDefaultAccess, addresses, &problems);
+  for (const std::string& line : problems) fprintf(stderr, "zerva-snmp-agent: %s\n", line.c_str());
+  return safe;
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
@@ -224,6 +225,25 @@ TEST(V3UsersTest, CreateUserKeepsTheAgentsEngineIdAndRefusesAKnownName) {
   EXPECT_FALSE(CreateUser(dir.path(), old, &error));
   EXPECT_NE(std::string::npos, error.find("'old' exists already")) << error;
   EXPECT_EQ(before, ReadAll(UsersFile(dir.path())));
+}
+
+TEST(V3UsersTest, FilesCreatedByRootBelongToTheStateDirectorysOwner) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root gives files away";
+  TempDir dir;
+  const std::string state = dir.path() + "/state";
+  ASSERT_EQ(0, mkdir(state.c_str(), 0750));
+  const uid_t uid = 65534;
+  const gid_t gid = 65534;
+  ASSERT_EQ(0, chown(state.c_str(), uid, gid));
+  std::string error;
+  ASSERT_TRUE(CreateUser(state, Monitor(false), &error)) << error;
+  for (const std::string& path : {UsersFile(state), PersistentFile(state)}) {
+    struct stat st;
+    ASSERT_EQ(0, stat(path.c_str(), &st)) << path;
+    EXPECT_EQ(uid, st.st_uid) << path;
+    EXPECT_EQ(gid, st.st_gid) << path;
+    EXPECT_EQ(0600u, st.st_mode & 0777) << path;
+  }
 }
 
 TEST(V3UsersTest, CreateUserNeedsAnExistingDirectory) {

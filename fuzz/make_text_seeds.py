@@ -10,7 +10,7 @@ from it (one scalar, one table of each index encoding, objects and columns
 in reverse order, comments everywhere, UTF-16), and one document for each
 kind of mistake the loader refuses.
 
-agent_config: the lines of host/agent/zerva-snmp-agent.conf, every token with
+agent_config: the lines of host/agent/demo.conf, every token with
 a good value, the edges of every number range, back-end addresses, token
 spellings Net-SNMP still hands over (case, quotes, backslashes), values with
 blanks, comments and CR line ends, and lines without a value.
@@ -23,7 +23,7 @@ import sys
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(HERE)
 SHIPPED_MIB = os.path.join(ROOT, "mibs", "VEM-PERFORMANCE.xml")
-SHIPPED_CONF = os.path.join(ROOT, "host", "agent", "zerva-snmp-agent.conf")
+SHIPPED_CONF = os.path.join(ROOT, "host", "agent", "demo.conf")
 
 
 def mib_objects(text):

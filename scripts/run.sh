@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and starts the SNMP agent in the
-# foreground with the embedded simulated array on udp:127.0.0.1:1161.
+# foreground with the embedded simulated array on udp:127.0.0.1:1161, with
+# the demo configuration (host/agent/demo.conf) and its demo credentials.
 # Stop it with Ctrl-C.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -10,12 +11,16 @@ cmake -S . -B build-run -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZERVA_BUILD
 cmake --build build-run -j "$(nproc)" --target zerva-snmp-agent zerva_snmp_dlmod snmp_zerva_performance
 
 AGENT=build-run/host/agent/zerva-snmp-agent
-CONF=host/agent/zerva-snmp-agent.conf
+CONF=host/agent/demo.conf
 PEER=127.0.0.1:1161
 MIBOPTS="-M mibs:mibs/base -m VEM-PERFORMANCE-MIB"
 
 cat <<TRY
 The agent serves 1.3.6.1.4.1.32473.4.1.21 on udp:${PEER} (configuration: ${CONF}).
+Its credentials are demo credentials, published with the sources: the communities
+"public" (read) and "private" (read-write) and the SNMPv3 user "zerva" (zerva-auth-pass,
+zerva-priv-pass) are accepted from 127.0.0.1 only, and the agent refuses to listen on an
+address other hosts reach while its configuration holds them.
 Try, from another terminal in $(pwd):
 
   snmpget  -v2c -c public  ${MIBOPTS} ${PEER} 1.3.6.1.4.1.32473.4.1.21.1.0

@@ -194,16 +194,35 @@ bool ScanRole(const std::string& path, bool* agentx, std::string* error) {
 
 bool ParseCommandLine(int argc, const char* const* argv, CommandLine* out, std::string* error) {
   // Codes of the long options, in the order of syntax.longOptions.
-  enum { kOptListen = VEM_LONG_OPTION_BASE, kOptStateDir };
+  enum {
+    kOptListen = VEM_LONG_OPTION_BASE,
+    kOptStateDir,
+    kOptCreateUser,
+    kOptAuthProtocol,
+    kOptPrivProtocol,
+    kOptReadWrite
+  };
   VEMCommandLineSyntax syntax;
   syntax.shortOptions = "c:fLx:h";
-  syntax.longOptions = "listen:,state-dir:";
+  syntax.longOptions = "listen:,state-dir:,create-user:,auth-protocol:,priv-protocol:,read-write";
   syntax.valuePrefix = "option ";
   // Where each option's value goes; the options without a value set a flag.
-  const std::map<int, std::string*> texts = {
-      {'c', &out->configFile}, {'x', &out->agentxSocket}, {kOptListen, &out->listen}, {kOptStateDir, &out->stateDir}};
-  const std::map<int, bool*> flags = {{'f', &out->foreground}, {'L', &out->logToStderr}};
-  const VEMOptionHandler apply = [&texts, &flags](int code, const std::string& value, std::string*) {
+  const std::map<int, std::string*> texts = {{'c', &out->configFile},
+                                             {'x', &out->agentxSocket},
+                                             {kOptListen, &out->listen},
+                                             {kOptStateDir, &out->stateDir},
+                                             {kOptCreateUser, &out->createUser},
+                                             {kOptAuthProtocol, &out->authProtocol},
+                                             {kOptPrivProtocol, &out->privProtocol}};
+  const std::map<int, bool*> flags = {
+      {'f', &out->foreground}, {'L', &out->logToStderr}, {kOptReadWrite, &out->readWrite}};
+  // The first option given that only --create-user takes.
+  std::string userOption;
+  const std::map<int, const char*> userOptions = {
+      {kOptAuthProtocol, "--auth-protocol"}, {kOptPrivProtocol, "--priv-protocol"}, {kOptReadWrite, "--read-write"}};
+  const VEMOptionHandler apply = [&texts, &flags, &userOptions, &userOption](int code, const std::string& value,
+                                                                             std::string*) {
+    if (userOptions.count(code) != 0 && userOption.empty()) userOption = userOptions.at(code);
     if (texts.count(code) != 0) {
       *texts.at(code) = value;
     } else {
@@ -211,20 +230,38 @@ bool ParseCommandLine(int argc, const char* const* argv, CommandLine* out, std::
     }
     return true;
   };
-  return VEMParseOptions(argc, argv, syntax, apply, nullptr, &out->help, &out->version, error);
+  if (!VEMParseOptions(argc, argv, syntax, apply, nullptr, &out->help, &out->version, error)) return false;
+  if (!userOption.empty() && out->createUser.empty() && !out->help && !out->version) {
+    *error = "option " + userOption + " goes with --create-user";
+    return false;
+  }
+  return true;
 }
 
 std::string Usage(const std::string& program) {
   std::ostringstream os;
   os << "usage: " << program << " [-c FILE] [-f] [-L] [-x SOCKET] [--listen ADDRS] [--state-dir DIR] [-h] [--version]\n"
+     << "       " << program << " --create-user NAME [--auth-protocol SHA|SHA-224|SHA-256|SHA-384|SHA-512]\n"
+     << "           [--priv-protocol AES|DES] [--read-write] [--state-dir DIR]\n"
      << "  -c FILE          configuration in snmpd.conf syntax (communities, users, agentaddress,\n"
-     << "                   and the zerva* tokens below); without it: rocommunity public and\n"
-     << "                   rwcommunity private from 127.0.0.1 only\n"
+     << "                   and the zerva* tokens below); without it: rocommunity public from\n"
+     << "                   127.0.0.1 only, no write access\n"
      << "  -f               stay in the foreground\n"
      << "  -L               log to stderr (overrides zervaLogFile and zervaSyslog)\n"
      << "  -x SOCKET        run as an AgentX sub-agent of the master at SOCKET\n"
-     << "  --listen ADDRS   listening addresses, overrides agentaddress (default udp:127.0.0.1:1161)\n"
-     << "  --state-dir DIR  Net-SNMP persistent state (default: a private temporary directory)\n"
+     << "  --listen ADDRS   listening addresses, overrides agentaddress (default udp:127.0.0.1:1161);\n"
+     << "                   one other hosts reach is refused while the configuration holds a\n"
+     << "                   community or passphrase that ships with zerva-snmp-agent\n"
+     << "  --state-dir DIR  the agent's state: engineID, boot count, the users of --create-user\n"
+     << "                   (default: a private temporary directory; with --create-user: " << kDefaultStateDir << ")\n"
+     << "  --create-user NAME  create an SNMPv3 user (authPriv, read-only unless --read-write) in\n"
+     << "                   the state directory and exit; the passphrases (8 or more characters,\n"
+     << "                   authentication then privacy) are read from standard input, one a line,\n"
+     << "                   or asked on a terminal. Only keys are stored. The agent takes the user\n"
+     << "                   up at its next start or on SIGHUP\n"
+     << "  --auth-protocol P  the user's authentication: SHA (default), SHA-224, SHA-256, SHA-384, SHA-512\n"
+     << "  --priv-protocol P  the user's privacy: AES (default, AES-128) or DES\n"
+     << "  --read-write     the user may write (rwuser); default read-only (rouser)\n"
      << "  -h, --help       this text\n"
      << "  --version        the program's version\n"
      << "configuration tokens:\n";

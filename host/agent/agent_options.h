@@ -65,18 +65,27 @@ struct CommandLine {
   std::string agentxSocket;  // -x SOCKET: run as AgentX sub-agent of that master
   std::string listen;        // --listen ADDRS: overrides agentaddress
   std::string stateDir;      // --state-dir DIR: Net-SNMP's persistent state
-  bool help = false;         // -h / --help
-  bool version = false;      // --version
+  // --create-user NAME: create an SNMPv3 user in the state directory and exit.
+  std::string createUser;
+  std::string authProtocol = "SHA";  // --auth-protocol SHA|SHA-224|SHA-256|SHA-384|SHA-512
+  std::string privProtocol = "AES";  // --priv-protocol AES|DES
+  bool readWrite = false;            // --read-write: the user may write
+  bool help = false;                 // -h / --help
+  bool version = false;              // --version
 };
 
 // Parses argv with getopt_long (long options also as --name=VALUE); can be
 // called again for another argv. Returns false with *error, naming the
 // option, for an unknown option, a missing value, a value given to an option
-// that takes none, or an argument that is not an option.
+// that takes none, an argument that is not an option, or an option of
+// --create-user (--auth-protocol, --priv-protocol, --read-write) without it.
 bool ParseCommandLine(int argc, const char* const* argv, CommandLine* out, std::string* error);
 
 // The usage text.
 std::string Usage(const std::string& program);
+
+// The state directory --create-user uses without --state-dir.
+const char kDefaultStateDir[] = "/var/lib/zerva";
 
 }  // namespace zerva_agent
 

@@ -169,6 +169,44 @@ TEST(AgentOptionsTest, CommandLineLongOptionsTakeAnAttachedValue) {
   EXPECT_STREQ("b.conf", argv[4]);
 }
 
+TEST(AgentOptionsTest, CommandLineCreateUserOptions) {
+  const char* argv[] = {"agent",           "--create-user", "monitor",     "--auth-protocol=SHA-256", "--read-write",
+                        "--priv-protocol", "DES",           "--state-dir", "/var/lib/other"};
+  CommandLine cmd;
+  std::string e;
+  ASSERT_TRUE(ParseCommandLine(9, argv, &cmd, &e)) << e;
+  EXPECT_EQ("monitor", cmd.createUser);
+  EXPECT_EQ("SHA-256", cmd.authProtocol);
+  EXPECT_EQ("DES", cmd.privProtocol);
+  EXPECT_TRUE(cmd.readWrite);
+  EXPECT_EQ("/var/lib/other", cmd.stateDir);
+}
+
+TEST(AgentOptionsTest, CreateUserDefaultsToShaAesReadOnly) {
+  const char* argv[] = {"agent", "--create-user", "monitor"};
+  CommandLine cmd;
+  std::string e;
+  ASSERT_TRUE(ParseCommandLine(3, argv, &cmd, &e)) << e;
+  EXPECT_EQ("SHA", cmd.authProtocol);
+  EXPECT_EQ("AES", cmd.privProtocol);
+  EXPECT_FALSE(cmd.readWrite);
+  EXPECT_EQ("", cmd.stateDir);
+  const char* bad[] = {"agent", "--create-user=monitor", "--read-write=yes"};
+  EXPECT_FALSE(ParseCommandLine(3, bad, &cmd, &e));
+  EXPECT_EQ("option --read-write takes no value", e);
+}
+
+TEST(AgentOptionsTest, UsageGivesTheReadOnlyDefaultAndCreateUser) {
+  const std::string usage = Usage("agent");
+  EXPECT_NE(std::string::npos,
+            usage.find("rocommunity public from\n                   127.0.0.1 only, no write access"))
+      << usage;
+  EXPECT_EQ(std::string::npos, usage.find("rwcommunity")) << usage;
+  for (const char* option : {"--create-user NAME", "--auth-protocol", "--priv-protocol", "--read-write"}) {
+    EXPECT_NE(std::string::npos, usage.find(option)) << option;
+  }
+}
+
 TEST(AgentOptionsTest, CommandLineHelpAndVersion) {
   for (const char* help : {"-h", "--help"}) {
     const char* argv[] = {"agent", help};
@@ -200,6 +238,9 @@ TEST(AgentOptionsTest, CommandLineErrors) {
       {{"agent", "-f", "--listen"}, "option --listen needs a value"},
       {{"agent", "--help=all"}, "option --help takes no value"},
       {{"agent", "-f", "extra"}, "unexpected argument 'extra'"},
+      {{"agent", "--read-write"}, "option --read-write goes with --create-user"},
+      {{"agent", "-f", "--priv-protocol", "DES", "--auth-protocol", "SHA"},
+       "option --priv-protocol goes with --create-user"},
   };
   for (const auto& c : cases) {
     CommandLine cmd;

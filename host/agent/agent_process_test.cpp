@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,6 +22,7 @@ using zerva_test::AgentUnderTest;
 using zerva_test::FreeUdpPort;
 using zerva_test::kSubtree;
 using zerva_test::kSwitch;
+using zerva_test::LinesWith;
 using zerva_test::Process;
 using zerva_test::ReadFile;
 using zerva_test::RunShell;
@@ -195,6 +197,243 @@ TEST(AgentProcessConfigTest, MissingModuleIsAClearError) {
   std::string out;
   EXPECT_EQ(1, RunWithConfig("zervaModule /nonexistent/libx.so\n", &out));
   EXPECT_NE(std::string::npos, out.find("/nonexistent/libx.so")) << out;
+}
+
+// ------------------------------------------------- listening beyond loopback
+
+// The small embedded array as configuration lines of the agent program.
+const char kEmbeddedArrayLines[] = "zervaBackend embedded\nzervaSimLuns 30\nzervaSimFileSystems 4\nzervaSimSeed 7\n";
+
+// An address of TEST-NET-1 (RFC 5737): other hosts would reach it, and this
+// host has no such address, so the agent can never bind it in a test.
+std::string UnreachableAddress(const std::string& transport, int port) {
+  return transport + ":192.0.2.1:" + std::to_string(port);
+}
+
+// Runs the agent with these arguments until it exits (at most 15 s): its
+// exit code, and *output what it wrote.
+int RunAgent(const std::string& args, std::string* output) {
+  int rc = 0;
+  *output = RunShell("timeout 15 " + AgentUnderTest::Program() + " -f -L " + args + " 2>&1", &rc);
+  return rc;
+}
+
+std::string Refusal(const std::string& where, const std::string& what, const std::string& address) {
+  return "zerva-snmp-agent: " + where + ": " + what +
+         " ships with zerva-snmp-agent; choose your own before listening on " + address + "\n";
+}
+
+TEST(AgentListenSafetyTest, ShippedCommunityBeyondLoopbackIsRefusedNamingFileAndLine) {
+  TempDir dir;
+  const std::string conf = dir.file(
+      "agent.conf", std::string("# ours\nrocommunity s3cret-of-ours 127.0.0.1\nrocommunity public 127.0.0.1\n") +
+                        kEmbeddedArrayLines);
+  const std::string address = UnreachableAddress("udp", FreeUdpPort());
+  std::string out;
+  EXPECT_EQ(1, RunAgent("-c " + conf + " --state-dir " + dir.path() + " --listen " + address, &out));
+  EXPECT_NE(std::string::npos, out.find(Refusal(conf + ": line 3", "community \"public\"", address))) << out;
+  EXPECT_EQ(1u, LinesWith(out, "ships with").size()) << out;
+  EXPECT_EQ(std::string::npos, out.find("cannot listen")) << out;
+  EXPECT_EQ(std::string::npos, out.find("serving ")) << out;
+}
+
+TEST(AgentListenSafetyTest, AgentaddressOfTheFileIsCheckedToo) {
+  TempDir dir;
+  const std::string address = UnreachableAddress("tcp", FreeUdpPort());
+  const std::string conf =
+      dir.file("agent.conf", "agentaddress " + address + "\nrwcommunity6 private ::1\n" + kEmbeddedArrayLines);
+  std::string out;
+  EXPECT_EQ(1, RunAgent("-c " + conf, &out));
+  EXPECT_NE(std::string::npos, out.find(Refusal(conf + ": line 2", "community \"private\"", address))) << out;
+}
+
+TEST(AgentListenSafetyTest, DemoConfigurationIsRefusedBeyondLoopbackLineByLine) {
+  const std::string demo = std::string(ZERVA_SOURCE_DIR) + "/host/agent/demo.conf";
+  const std::string address = UnreachableAddress("udp", FreeUdpPort());
+  std::string out;
+  EXPECT_EQ(1, RunAgent("-c " + demo + " --listen " + address, &out));
+  EXPECT_EQ(4u, LinesWith(out, "ships with zerva-snmp-agent").size()) << out;
+  // Each credential is named with the demo file's line that holds it.
+  std::vector<std::string> lines;
+  std::istringstream text(ReadFile(demo));
+  for (std::string line; std::getline(text, line);) lines.push_back(line);
+  for (const std::pair<const char*, const char*>& c :
+       std::vector<std::pair<const char*, const char*>>{{"community", "public"},
+                                                        {"community", "private"},
+                                                        {"passphrase", "zerva-auth-pass"},
+                                                        {"passphrase", "zerva-priv-pass"}}) {
+    size_t number = 0;
+    for (size_t i = 0; i < lines.size() && number == 0; ++i) {
+      if (lines[i][0] != '#' && lines[i].find(c.second) != std::string::npos) number = i + 1;
+    }
+    ASSERT_NE(0u, number) << c.second;
+    EXPECT_NE(std::string::npos, out.find(Refusal(demo + ": line " + std::to_string(number),
+                                                  c.first + std::string(" \"") + c.second + "\"", address)))
+        << c.second << " in:\n"
+        << out;
+  }
+}
+
+TEST(AgentListenSafetyTest, BuiltInConfigurationIsRefusedBeyondLoopback) {
+  const std::string address = UnreachableAddress("udp", FreeUdpPort());
+  std::string out;
+  EXPECT_EQ(1, RunAgent("--listen " + address, &out));
+  EXPECT_NE(std::string::npos, out.find(Refusal("the built-in configuration (no -c)", "community \"public\"", address)))
+      << out;
+}
+
+TEST(AgentListenSafetyTest, OwnCommunityBeyondLoopbackPassesTheCheck) {
+  if (ReadFile("/proc/sys/net/ipv4/ip_nonlocal_bind").find('1') != std::string::npos) {
+    GTEST_SKIP() << "this host binds addresses it does not have (ip_nonlocal_bind)";
+  }
+  TempDir dir;
+  const std::string conf =
+      dir.file("agent.conf", std::string("rocommunity s3cret-of-ours 192.0.2.0/24\n") +
+                                 "createUser u SHA own-auth-pass AES own-priv-pass\n" + kEmbeddedArrayLines);
+  const std::string address = UnreachableAddress("udp", FreeUdpPort());
+  std::string out;
+  // Past the check, the agent tries to bind the address, which this host
+  // does not have.
+  EXPECT_EQ(1, RunAgent("-c " + conf + " --state-dir " + dir.path() + " --listen " + address, &out));
+  EXPECT_EQ(std::string::npos, out.find("ships with")) << out;
+  EXPECT_NE(std::string::npos, out.find("zerva-snmp-agent: cannot listen on " + address)) << out;
+}
+
+TEST(AgentListenSafetyTest, ShippedCommunityOnAnotherLoopbackAddressServes) {
+  TempDir dir;
+  const std::string conf = dir.file("agent.conf", std::string("rocommunity public 127.0.0.1\n") + kEmbeddedArrayLines);
+  const std::string peer = "127.0.0.2:" + std::to_string(FreeUdpPort());
+  Process agent(
+      {AgentUnderTest::Program(), "-f", "-L", "-c", conf, "--state-dir", dir.path(), "--listen", "udp:" + peer},
+      dir.path() + "/agent.log");
+  std::string answer;
+  for (int i = 0; i < 75 && answer.find("Gauge32") == std::string::npos; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    answer = RunShell("MIBS= snmpget -On -t 1 -r 0 -v2c -c public " + peer + " " + kSwitch);
+  }
+  EXPECT_NE(std::string::npos, answer.find(std::string(kSwitch) + " = Gauge32: 1"))
+      << answer << ReadFile(dir.path() + "/agent.log");
+  EXPECT_EQ(0, agent.stop());
+}
+
+// ------------------------------------------------- SNMPv3 users of --create-user
+
+// Runs --create-user with these arguments, the passphrases on standard
+// input: its exit code; *output what it wrote.
+int CreateUser(const std::string& args, const std::string& auth, const std::string& priv, std::string* output) {
+  int rc = 0;
+  *output = RunShell("printf '%s\\n%s\\n' '" + auth + "' '" + priv + "' | " + AgentUnderTest::Program() +
+                         " --create-user " + args + " 2>&1",
+                     &rc);
+  return rc;
+}
+
+// The text of every file in a directory (not its subdirectories).
+std::string AllFilesOf(const std::string& dir) {
+  std::string text;
+  for (const std::string& name : LinesWith(RunShell("ls -A '" + dir + "'"), "")) {
+    text += ReadFile(dir + "/" + name);
+  }
+  return text;
+}
+
+const char kReader[] = "-v3 -l authPriv -u reader -a SHA -A reader-auth-1 -x AES -X reader-priv-1";
+const char kWriter[] = "-v3 -l authPriv -u writer -a SHA-512 -A writer-auth-1 -x DES -X writer-priv-1";
+
+class AgentV3UserTest : public ::testing::Test {
+ protected:
+  // Creates the reader (SHA, AES, read-only) in the agent's state directory.
+  void createReader() {
+    std::string out;
+    ASSERT_EQ(0, CreateUser("reader --state-dir " + agent_.dir().path(), "reader-auth-1", "reader-priv-1", &out))
+        << out;
+    EXPECT_NE(std::string::npos, out.find("user reader (SHA, AES, read-only) created in")) << out;
+  }
+  void createWriter() {
+    std::string out;
+    ASSERT_EQ(0, CreateUser("writer --auth-protocol SHA-512 --priv-protocol DES --read-write --state-dir " +
+                                agent_.dir().path(),
+                            "writer-auth-1", "writer-priv-1", &out))
+        << out;
+  }
+  // Starts the agent with no community: the users are its only access.
+  void start(const std::string& readyAuth) {
+    AgentUnderTest::Options options = SmallEmbeddedArray();
+    options.communities = false;
+    options.readyAuth = readyAuth;
+    std::string error;
+    ASSERT_TRUE(agent_.start(options, &error)) << error;
+  }
+  std::string engineId() const {
+    const std::vector<std::string> lines =
+        LinesWith(ReadFile(agent_.dir().path() + "/zerva-snmp-agent.conf"), "oldEngineID ");
+    return lines.empty() ? "" : lines.back();
+  }
+
+  AgentUnderTest agent_;
+};
+
+TEST_F(AgentV3UserTest, CreatedUsersAnswerAuthPrivReadOnlyOrReadWrite) {
+  ASSERT_NO_FATAL_FAILURE(createReader());
+  ASSERT_NO_FATAL_FAILURE(createWriter());
+  for (const char* secret : {"reader-auth-1", "reader-priv-1", "writer-auth-1", "writer-priv-1"}) {
+    EXPECT_EQ(std::string::npos, AllFilesOf(agent_.dir().path()).find(secret)) << secret;
+  }
+  ASSERT_NO_FATAL_FAILURE(start(kReader));
+  EXPECT_NE(std::string::npos, agent_.snmp().get(kSwitch, kReader).find("Gauge32: 1"));
+  int rc = 0;
+  const std::string refused = agent_.snmp().tool("snmpset", kReader, std::string(kSwitch) + " u 0", &rc);
+  EXPECT_NE(0, rc);
+  EXPECT_NE(std::string::npos, refused.find("noAccess")) << refused;
+  agent_.snmp().tool("snmpset", kWriter, std::string(kSwitch) + " u 0", &rc);
+  EXPECT_EQ(0, rc);
+  EXPECT_NE(std::string::npos, agent_.snmp().get(kSwitch, kReader).find("Gauge32: 0"));
+  for (const char* secret : {"reader-auth-1", "reader-priv-1", "writer-auth-1", "writer-priv-1"}) {
+    EXPECT_EQ(std::string::npos, AllFilesOf(agent_.dir().path()).find(secret)) << secret;
+  }
+}
+
+TEST_F(AgentV3UserTest, WrongPassphraseFails) {
+  ASSERT_NO_FATAL_FAILURE(createReader());
+  ASSERT_NO_FATAL_FAILURE(start(kReader));
+  int rc = 0;
+  const std::string out = agent_.snmp().tool(
+      "snmpget", "-v3 -l authPriv -u reader -a SHA -A reader-auth-2 -x AES -X reader-priv-1", kSwitch, &rc);
+  EXPECT_NE(0, rc);
+  EXPECT_NE(std::string::npos, out.find("Authentication failure")) << out;
+  const std::string wrongPriv = agent_.snmp().tool(
+      "snmpget", "-v3 -l authPriv -u reader -a SHA -A reader-auth-1 -x AES -X reader-priv-2", kSwitch, &rc);
+  EXPECT_EQ(std::string::npos, wrongPriv.find("Gauge32")) << wrongPriv;
+}
+
+TEST_F(AgentV3UserTest, UserCreatedWhileTheAgentRunsAnswersAfterARestartOnTheSameEngineId) {
+  ASSERT_NO_FATAL_FAILURE(createReader());
+  ASSERT_NO_FATAL_FAILURE(start(kReader));
+  const std::string engine = engineId();
+  ASSERT_FALSE(engine.empty());
+  ASSERT_NO_FATAL_FAILURE(createWriter());
+  EXPECT_EQ(0, agent_.stop()) << agent_.log();
+  ASSERT_NO_FATAL_FAILURE(start(kWriter));
+  EXPECT_EQ(engine, engineId());
+  EXPECT_NE(std::string::npos, ReadFile(agent_.dir().path() + "/zerva-snmp-agent.conf").find("engineBoots 2"));
+  EXPECT_NE(std::string::npos, agent_.snmp().get(kSwitch, kReader).find("Gauge32: 1"));
+  EXPECT_NE(std::string::npos, agent_.snmp().get(kSwitch, kWriter).find("Gauge32: 1"));
+}
+
+TEST(AgentV3UserToolTest, ShortPassphraseUnknownProtocolAndKnownNameAreRefused) {
+  TempDir dir;
+  std::string out;
+  EXPECT_EQ(1, CreateUser("u1 --state-dir " + dir.path(), "short", "long-enough-1", &out));
+  EXPECT_NE(std::string::npos, out.find("the authentication passphrase has fewer than 8 characters")) << out;
+  EXPECT_EQ(1, CreateUser("u1 --state-dir " + dir.path(), "long-enough-1", "1234567", &out));
+  EXPECT_NE(std::string::npos, out.find("the privacy passphrase has fewer than 8 characters")) << out;
+  EXPECT_EQ("", ReadFile(dir.path() + "/users.conf"));
+  EXPECT_EQ(1, CreateUser("u1 --auth-protocol MD5 --state-dir " + dir.path(), "long-enough-1", "long-enough-2", &out));
+  EXPECT_NE(std::string::npos, out.find("'MD5'")) << out;
+  EXPECT_EQ(0, CreateUser("u1 --state-dir " + dir.path(), "long-enough-1", "long-enough-2", &out)) << out;
+  EXPECT_EQ(1, CreateUser("u1 --read-write --state-dir " + dir.path(), "long-enough-3", "long-enough-4", &out));
+  EXPECT_NE(std::string::npos, out.find("user 'u1' exists already")) << out;
+  EXPECT_EQ(1u, LinesWith(ReadFile(dir.path() + "/users.conf"), "usmUser ").size());
 }
 
 // The embedded array of SmallEmbeddedArray() as snmpd.conf lines for the

@@ -15,7 +15,9 @@
 #include "host/agent/agent_log.h"
 #include "host/agent/agent_options.h"
 #include "host/agent/agent_runtime.h"
+#include "host/agent/listen_safety.h"
 #include "host/agent/netsnmp_bridge.h"
+#include "host/agent/v3_users.h"
 #include "vempub/vem_command_line.h"
 #include "zerva_version.h"
 
@@ -32,6 +34,8 @@ namespace {
 
 const char kAppType[] = "zerva-snmp-agent";
 const char kDefaultListen[] = "udp:127.0.0.1:1161";
+// The access of the agent without -c: read-only, from this host only.
+const char kDefaultAccess[] = "rocommunity public 127.0.0.1";
 
 volatile sig_atomic_t g_stop = 0;
 
@@ -64,6 +68,39 @@ int Fail(const std::string& text) {
   return 1;
 }
 
+// --create-user: reads the passphrases and adds the user to the state
+// directory.
+int CreateUser(const zerva_agent::CommandLine& cmd) {
+  zerva_agent::NewUser user;
+  user.name = cmd.createUser;
+  user.authProtocol = cmd.authProtocol;
+  user.privProtocol = cmd.privProtocol;
+  user.readWrite = cmd.readWrite;
+  const std::string stateDir = cmd.stateDir.empty() ? zerva_agent::kDefaultStateDir : cmd.stateDir;
+  std::string error;
+  if (!zerva_agent::CheckNewUser(user, &error) ||
+      !zerva_agent::ReadPassphrases(stdin, stderr, &user.authPassphrase, &user.privPassphrase, &error) ||
+      !zerva_agent::CheckPassphrase("authentication", user.authPassphrase, &error) ||
+      !zerva_agent::CheckPassphrase("privacy", user.privPassphrase, &error) ||
+      !zerva_agent::CreateUser(stateDir, user, &error)) {
+    return Fail(error);
+  }
+  printf("user %s (%s, %s, %s) created in %s; the agent takes it up at its next start or on SIGHUP\n",
+         user.name.c_str(), user.authProtocol.c_str(), user.privProtocol.c_str(),
+         user.readWrite ? "read-write" : "read-only", zerva_agent::UsersFile(stateDir).c_str());
+  return 0;
+}
+
+// Refuses to listen where other hosts reach the agent while its
+// configuration holds a community or passphrase that ships with it: one line
+// for each of them. True when the agent may listen on `addresses`.
+bool SafeToListen(const std::string& configFile, const std::string& addresses) {
+  std::vector<std::string> problems;
+  const bool safe = zerva_agent::SafeToListen(configFile, kDefaultAccess, addresses, &problems);
+  for (const std::string& line : problems) fprintf(stderr, "zerva-snmp-agent: %s\n", line.c_str());
+  return safe;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -73,6 +110,7 @@ int main(int argc, char** argv) {
   const VEMProgramTexts texts = {kAppType, zerva_agent::Usage(argv[0]), std::string(kAppType) + " " + ZERVA_VERSION};
   int status = 0;
   if (VEMAnswerCommandLine(parsed, error, cmd.help, cmd.version, texts, &status)) return status;
+  if (!cmd.createUser.empty()) return CreateUser(cmd);
 
   bool agentx = !cmd.agentxSocket.empty();
   if (!cmd.configFile.empty()) {
@@ -85,8 +123,12 @@ int main(int argc, char** argv) {
   zerva_agent::AgentOptions options;
   zerva_agent::ConfigureLogging(options, true, &error);
 
-  // Net-SNMP reads only our file, keeps its state in a private directory and
-  // loads no MIB files (the agent needs none).
+  // Net-SNMP reads only our file, then the engineID and users kept in the
+  // state directory (--state-dir, else a private one), and loads no MIB
+  // files (the agent needs none).
+  std::string netSnmpFiles;
+  if (!cmd.stateDir.empty()) zerva_agent::EnsureUsersFile(cmd.stateDir);
+  if (!zerva_agent::NetSnmpConfigFiles(cmd.configFile, cmd.stateDir, &netSnmpFiles, &error)) return Fail(error);
   std::string stateDir = cmd.stateDir;
   bool ownStateDir = false;
   if (stateDir.empty()) {
@@ -98,8 +140,8 @@ int main(int argc, char** argv) {
   setenv("MIBS", "", 1);
   netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_PERSISTENT_DIR, stateDir.c_str());
   netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_READ_CONFIGS, 1);
-  if (!cmd.configFile.empty()) {
-    netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_OPTIONALCONFIG, cmd.configFile.c_str());
+  if (!netSnmpFiles.empty()) {
+    netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_OPTIONALCONFIG, netSnmpFiles.c_str());
   }
   netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_ROLE, agentx ? 1 : 0);
   if (!cmd.agentxSocket.empty()) {
@@ -119,11 +161,10 @@ int main(int argc, char** argv) {
   }
   std::vector<std::string> tokenErrors;
   zerva_agent::RegisterAgentTokens(kAppType, &options, &tokenErrors);
-  if (cmd.configFile.empty()) {
-    netsnmp_config_remember(const_cast<char*>("rocommunity public 127.0.0.1"));
-    netsnmp_config_remember(const_cast<char*>("rwcommunity private 127.0.0.1"));
-  }
+  if (cmd.configFile.empty()) netsnmp_config_remember(const_cast<char*>(kDefaultAccess));
   init_snmp(kAppType);
+  // The engineID is kept at once: users created meanwhile are localized to it.
+  snmp_store(kAppType);
   zerva_agent::SetNetSnmpLogCapture(nullptr);
 
   int rc = 0;
@@ -140,7 +181,11 @@ int main(int argc, char** argv) {
       netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_PORTS, kDefaultListen);
     }
     where = netsnmp_ds_get_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_PORTS);
-    if (init_master_agent() != 0) rc = Fail("cannot listen on " + where);
+    if (!SafeToListen(cmd.configFile, where)) {
+      rc = 1;
+    } else if (init_master_agent() != 0) {
+      rc = Fail("cannot listen on " + where);
+    }
   } else {
     const char* socket = netsnmp_ds_get_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_X_SOCKET);
     where = std::string("the AgentX master at ") + (socket != nullptr ? socket : "the default socket");

@@ -3,7 +3,8 @@
 
     check_man_pages.py MAN_DIR AGENT SIM CTL
 
-- every page renders with groff -man -ww -z without a warning;
+- every page renders with groff -man -ww -z without a warning, and through
+  man --warnings as lintian formats it (when man is installed);
 - every option a program's --help lists is described in its page's OPTIONS
   section, and every option described there is one --help lists (so a page
   cannot fall behind the program, nor describe an option that is gone);
@@ -12,17 +13,29 @@
 Prints each problem and exits 1 when there is one.
 """
 
+import os
 import re
+import shutil
 import subprocess
 import sys
 
 
 def render_problems(path):
+    problems = []
     run = subprocess.run(["groff", "-man", "-ww", "-z", path], capture_output=True, text=True)
     out = (run.stdout + run.stderr).strip()
     if run.returncode != 0 or out:
-        return ["%s: groff -man -ww -z: %s" % (path, out or "exit %d" % run.returncode)]
-    return []
+        problems.append("%s: groff -man -ww -z: %s" % (path, out or "exit %d" % run.returncode))
+    # The check lintian runs on a package's man pages: man's own warnings
+    # while it formats the page for a UTF-8 terminal.
+    if shutil.which("man"):
+        env = dict(os.environ, LC_ALL="C.UTF-8", MANROFFSEQ="")
+        run = subprocess.run(["man", "--warnings", "-E", "UTF-8", "-l", "-Tutf8", "-Z", path],
+                             capture_output=True, text=True, env=env)
+        err = run.stderr.strip()
+        if run.returncode != 0 or err:
+            problems.append("%s: man --warnings: %s" % (path, err or "exit %d" % run.returncode))
+    return problems
 
 
 def plain(text):

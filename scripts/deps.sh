@@ -9,7 +9,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang clang-format libclang-rt-14-dev
   libsnmp-dev snmp snmpd smitools
-  python3-pysnmp4 valgrind
+  python3-pysnmp4 valgrind groff-base man-db
 )
 
 missing=()

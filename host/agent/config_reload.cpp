@@ -57,7 +57,8 @@ CheckOutcome RunConfigCheck(const std::string& program, const std::vector<std::s
   const auto deadline = std::chrono::steady_clock::now() + limit;
   bool timedOut = false;
   for (;;) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     if (left.count() <= 0) {
       timedOut = true;
       break;

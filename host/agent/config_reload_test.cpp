@@ -16,8 +16,8 @@ TEST(ConfigReloadTest, CheckArgumentsCarryTheAgentsFilesAndAddresses) {
   cmd.stateDir = "/var/lib/zerva";
   cmd.pidFile = "/run/a.pid";
   cmd.foreground = true;
-  const std::vector<std::string> want = {"--check-config", "-c", "/etc/zerva/a.conf", "--listen", "udp:127.0.0.1:1161",
-                                         "--state-dir", "/var/lib/zerva"};
+  const std::vector<std::string> want = {"--check-config",     "-c",          "/etc/zerva/a.conf", "--listen",
+                                         "udp:127.0.0.1:1161", "--state-dir", "/var/lib/zerva"};
   EXPECT_EQ(want, CheckConfigArguments(cmd));
   CommandLine sub;
   sub.agentxSocket = "/run/agentx";

@@ -491,7 +491,9 @@ bool CheckConfiguration(const zerva_agent::CommandLine& cmd, const Configuration
     Fail("the configuration has errors");
     good = false;
   }
-  if (!zerva_agent::ConfigureLogging(config.options, cmd.logToStderr, &error)) good = !Fail(error) && good;
+  zerva_agent::AgentOptions logging = config.options;
+  if (cmd.checkConfig) logging.logLevel = VEM_LOG_OFF;
+  if (!zerva_agent::ConfigureLogging(logging, cmd.logToStderr, &error)) good = !Fail(error) && good;
   if (!config.agentx && !SafeToListen(cmd.configFile, config.where)) good = false;
   if (!ResolveIdentity(cmd, id, &error) || !CanBecome(*id, &error)) good = !Fail(error) && good;
   return good;
@@ -566,8 +568,11 @@ int Run(zerva_agent::CommandLine cmd) {
     if (!cmd.agentxSocket.empty()) config.agentx = true;
   }
 
-  // Early logging on stderr; the configuration may choose another place.
-  zerva_agent::ConfigureLogging(config.options, true, &error);
+  // Early logging on stderr; the configuration may choose another place. A
+  // check prints its problems itself, once each.
+  zerva_agent::AgentOptions early;
+  if (cmd.checkConfig) early.logLevel = VEM_LOG_OFF;
+  zerva_agent::ConfigureLogging(early, true, &error);
 
   // Net-SNMP reads only our file, then the engineID and users kept in the
   // state directory (--state-dir, else a private one), and loads no MIB

@@ -69,7 +69,7 @@ bool ConfigureAgentLog(const AgentOptions& options, bool logToStderr, LogHome ho
       return false;
     }
     sink = file;
-  } else if (options.syslog) {
+  } else if (options.syslog || home == LogHome::kSyslog) {
     sink = std::make_shared<CVEMSyslogSink>("zerva-snmp-agent");
   } else if (home == LogHome::kSnmpLog) {
     sink = std::make_shared<SnmpLogSink>();

@@ -2,7 +2,8 @@
 // destination, the folding of repeated lines, and ACE's log (the TLV
 // codec's errors) routed into the kits.
 //
-// The program logs to stderr unless configured otherwise; loaded into a
+// The program logs to stderr unless configured otherwise (to syslog once
+// it has gone to the background); loaded into a
 // stock snmpd (dlmod) every line goes to snmpd's own log through snmp_log,
 // so snmpd's -Lf FILE, -Ls or syslog set-up gets it, and nothing goes to
 // stderr. zervaLogFile and zervaSyslog override either default.
@@ -19,8 +20,9 @@ namespace zerva_agent {
 
 // The destination when neither -L, zervaLogFile nor zervaSyslog chooses one.
 enum class LogHome {
-  kStderr,   // the zerva-snmp-agent program
+  kStderr,   // the zerva-snmp-agent program in the foreground
   kSnmpLog,  // the dlmod module: snmpd's log
+  kSyslog,   // the zerva-snmp-agent program in the background: syslog, facility daemon
 };
 
 // Writes records through Net-SNMP's snmp_log with the matching priority

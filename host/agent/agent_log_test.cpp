@@ -168,6 +168,20 @@ TEST_F(AgentLogTest, TheProgramsHomeIsStderrAndALogFileOrSyslogOverridesEitherHo
   EXPECT_NE(nullptr, dynamic_cast<CVEMStderrSink*>(kits->sink().get()));
 }
 
+TEST_F(AgentLogTest, TheBackgroundProgramsHomeIsSyslogAndALogFileOrMinusLOverridesIt) {
+  AgentOptions options;
+  options.logFoldSeconds = 0;
+  std::string error;
+  CVEMDebugKitMgr* kits = CVEMDebugKitMgrSingleton::instance();
+  ASSERT_TRUE(ConfigureAgentLog(options, false, LogHome::kSyslog, &error)) << error;
+  EXPECT_NE(nullptr, dynamic_cast<CVEMSyslogSink*>(kits->sink().get()));
+  options.logFile = logFile();
+  ASSERT_TRUE(ConfigureAgentLog(options, false, LogHome::kSyslog, &error)) << error;
+  EXPECT_NE(nullptr, dynamic_cast<CVEMFileSink*>(kits->sink().get()));
+  ASSERT_TRUE(ConfigureAgentLog(options, true, LogHome::kSyslog, &error)) << error;
+  EXPECT_NE(nullptr, dynamic_cast<CVEMStderrSink*>(kits->sink().get()));
+}
+
 TEST_F(AgentLogTest, ALogFileThatCannotBeOpenedIsAnErrorAndKeepsTheDestination) {
   AgentOptions options;
   std::string error;

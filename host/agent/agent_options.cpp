@@ -200,11 +200,14 @@ bool ParseCommandLine(int argc, const char* const* argv, CommandLine* out, std::
     kOptCreateUser,
     kOptAuthProtocol,
     kOptPrivProtocol,
-    kOptReadWrite
+    kOptReadWrite,
+    kOptPidFile,
+    kOptCheckConfig
   };
   VEMCommandLineSyntax syntax;
-  syntax.shortOptions = "c:fLx:h";
-  syntax.longOptions = "listen:,state-dir:,create-user:,auth-protocol:,priv-protocol:,read-write";
+  syntax.shortOptions = "c:fLx:p:u:g:h";
+  syntax.longOptions =
+      "listen:,state-dir:,create-user:,auth-protocol:,priv-protocol:,read-write,pid-file:,check-config";
   syntax.valuePrefix = "option ";
   // Where each option's value goes; the options without a value set a flag.
   const std::map<int, std::string*> texts = {{'c', &out->configFile},
@@ -213,9 +216,15 @@ bool ParseCommandLine(int argc, const char* const* argv, CommandLine* out, std::
                                              {kOptStateDir, &out->stateDir},
                                              {kOptCreateUser, &out->createUser},
                                              {kOptAuthProtocol, &out->authProtocol},
-                                             {kOptPrivProtocol, &out->privProtocol}};
-  const std::map<int, bool*> flags = {
-      {'f', &out->foreground}, {'L', &out->logToStderr}, {kOptReadWrite, &out->readWrite}};
+                                             {kOptPrivProtocol, &out->privProtocol},
+                                             {'p', &out->pidFile},
+                                             {kOptPidFile, &out->pidFile},
+                                             {'u', &out->user},
+                                             {'g', &out->group}};
+  const std::map<int, bool*> flags = {{'f', &out->foreground},
+                                      {'L', &out->logToStderr},
+                                      {kOptReadWrite, &out->readWrite},
+                                      {kOptCheckConfig, &out->checkConfig}};
   // The first option given that only --create-user takes.
   std::string userOption;
   const std::map<int, const char*> userOptions = {
@@ -240,19 +249,28 @@ bool ParseCommandLine(int argc, const char* const* argv, CommandLine* out, std::
 
 std::string Usage(const std::string& program) {
   std::ostringstream os;
-  os << "usage: " << program << " [-c FILE] [-f] [-L] [-x SOCKET] [--listen ADDRS] [--state-dir DIR] [-h] [--version]\n"
+  os << "usage: " << program << " [-c FILE] [-f] [-L] [-x SOCKET] [--listen ADDRS] [--state-dir DIR]\n"
+     << "           [-p FILE] [-u USER] [-g GROUP] [-h] [--version]\n"
+     << "       " << program << " --check-config [-c FILE] [-x SOCKET] [--listen ADDRS] [--state-dir DIR]\n"
      << "       " << program << " --create-user NAME [--auth-protocol SHA|SHA-224|SHA-256|SHA-384|SHA-512]\n"
      << "           [--priv-protocol AES|DES] [--read-write] [--state-dir DIR]\n"
      << "  -c FILE          configuration in snmpd.conf syntax (communities, users, agentaddress,\n"
      << "                   and the zerva* tokens below); without it: rocommunity public from\n"
      << "                   127.0.0.1 only, no write access\n"
-     << "  -f               stay in the foreground\n"
+     << "  -f               stay in the foreground (log to stderr); without it the agent goes to\n"
+     << "                   the background and logs to syslog (daemon facility)\n"
      << "  -L               log to stderr (overrides zervaLogFile and zervaSyslog)\n"
+     << "  -p, --pid-file FILE  write the serving process's pid to FILE, removed at exit\n"
+     << "  -u USER          after binding, run as USER (name or number; as agentuser)\n"
+     << "  -g GROUP         after binding, run as GROUP (name or number; as agentgroup)\n"
+     << "  --check-config   read and check the configuration as a start would, bind nothing;\n"
+     << "                   print each problem as FILE: line N: ..., exit 0 (good) or 1\n"
      << "  -x SOCKET        run as an AgentX sub-agent of the master at SOCKET\n"
      << "  --listen ADDRS   listening addresses, overrides agentaddress (default udp:127.0.0.1:1161);\n"
      << "                   one other hosts reach is refused while the configuration holds a\n"
      << "                   community or passphrase that ships with zerva-snmp-agent\n"
-     << "  --state-dir DIR  the agent's state: engineID, boot count, the users of --create-user\n"
+     << "  --state-dir DIR  the agent's state: engineID, boot count, the users of --create-user;\n"
+     << "                   one agent at a time uses it (a lock file)\n"
      << "                   (default: a private temporary directory; with --create-user: " << kDefaultStateDir << ")\n"
      << "  --create-user NAME  create an SNMPv3 user (authPriv, read-only unless --read-write) in\n"
      << "                   the state directory and exit; the passphrases (8 or more characters,\n"
@@ -264,6 +282,7 @@ std::string Usage(const std::string& program) {
      << "  --read-write     the user may write (rwuser); default read-only (rouser)\n"
      << "  -h, --help       this text\n"
      << "  --version        the program's version\n"
+     << "signals: SIGHUP re-reads the configuration (checked first), SIGINT, SIGTERM, SIGQUIT stop\n"
      << "configuration tokens:\n";
   for (const AgentToken& t : AgentTokens()) os << "  " << t.name << " " << t.help << "\n";
   return os.str();

@@ -65,6 +65,10 @@ struct CommandLine {
   std::string agentxSocket;  // -x SOCKET: run as AgentX sub-agent of that master
   std::string listen;        // --listen ADDRS: overrides agentaddress
   std::string stateDir;      // --state-dir DIR: Net-SNMP's persistent state
+  std::string pidFile;       // -p FILE / --pid-file FILE: the serving process's pid
+  std::string user;          // -u USER: the user to run as after binding (name or number)
+  std::string group;         // -g GROUP: the group to run as after binding (name or number)
+  bool checkConfig = false;  // --check-config: check the configuration, bind nothing, exit
   // --create-user NAME: create an SNMPv3 user in the state directory and exit.
   std::string createUser;
   std::string authProtocol = "SHA";  // --auth-protocol SHA|SHA-224|SHA-256|SHA-384|SHA-512

@@ -207,6 +207,32 @@ TEST(AgentOptionsTest, UsageGivesTheReadOnlyDefaultAndCreateUser) {
   }
 }
 
+TEST(AgentOptionsTest, CommandLineDaemonOptions) {
+  const char* argv[] = {"agent", "-p", "/run/a.pid", "-u", "zerva", "-g", "123", "--check-config"};
+  CommandLine cmd;
+  std::string e;
+  ASSERT_TRUE(ParseCommandLine(8, argv, &cmd, &e)) << e;
+  EXPECT_EQ("/run/a.pid", cmd.pidFile);
+  EXPECT_EQ("zerva", cmd.user);
+  EXPECT_EQ("123", cmd.group);
+  EXPECT_TRUE(cmd.checkConfig);
+  const char* longForm[] = {"agent", "--pid-file=/run/b.pid"};
+  CommandLine other;
+  ASSERT_TRUE(ParseCommandLine(2, longForm, &other, &e)) << e;
+  EXPECT_EQ("/run/b.pid", other.pidFile);
+  EXPECT_FALSE(other.checkConfig);
+  EXPECT_TRUE(other.user.empty());
+  EXPECT_TRUE(other.group.empty());
+}
+
+TEST(AgentOptionsTest, UsageGivesTheDaemonOptionsAndSignals) {
+  const std::string usage = Usage("agent");
+  for (const char* option : {"-p, --pid-file FILE", "-u USER", "-g GROUP", "--check-config", "agentuser", "agentgroup",
+                             "SIGHUP", "syslog"}) {
+    EXPECT_NE(std::string::npos, usage.find(option)) << option;
+  }
+}
+
 TEST(AgentOptionsTest, CommandLineHelpAndVersion) {
   for (const char* help : {"-h", "--help"}) {
     const char* argv[] = {"agent", help};
@@ -235,6 +261,9 @@ TEST(AgentOptionsTest, CommandLineErrors) {
       {{"agent", "--bogus"}, "unknown option '--bogus'"},
       {{"agent", "--bogus=1"}, "unknown option '--bogus'"},
       {{"agent", "-c"}, "option -c needs a value"},
+      {{"agent", "-u"}, "option -u needs a value"},
+      {{"agent", "--pid-file"}, "option --pid-file needs a value"},
+      {{"agent", "--check-config=yes"}, "option --check-config takes no value"},
       {{"agent", "-f", "--listen"}, "option --listen needs a value"},
       {{"agent", "--help=all"}, "option --help takes no value"},
       {{"agent", "-f", "extra"}, "unexpected argument 'extra'"},

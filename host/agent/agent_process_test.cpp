@@ -2,7 +2,12 @@
 // embedded simulated array, asked by the Debian SNMP clients; a stock snmpd
 // as AgentX master of the agent, and with the agent as its dlmod module.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <atomic>
+#include <fstream>
 
 #include <chrono>
 #include <memory>
@@ -611,6 +616,309 @@ TEST(DlmodTest, ModuleOfAStockSnmpdGivesTheStandaloneWalk) {
   EXPECT_GT(walk.size(), 30u * 16);
   ExpectSameShape(StandaloneShape(), walk);
   EXPECT_EQ(0, snmpd.stop());
+}
+
+// ------------------------------------------------- running as a daemon
+
+// The sockets a process holds ("socket:[INODE]" of its descriptors).
+std::vector<std::string> SocketsOf(pid_t pid) {
+  return LinesWith(RunShell("for f in /proc/" + std::to_string(pid) + "/fd/*; do readlink $f; done | sort"), "socket:");
+}
+
+// Waits up to 10 s for a file to hold text containing `part`.
+bool WaitForText(const std::string& path, const std::string& part) {
+  for (int i = 0; i < 100; ++i) {
+    if (ReadFile(path).find(part) != std::string::npos) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  return false;
+}
+
+// Waits up to 10 s for a process to be gone.
+bool WaitGone(pid_t pid) {
+  for (int i = 0; i < 100; ++i) {
+    if (access(("/proc/" + std::to_string(pid)).c_str(), F_OK) != 0) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  return false;
+}
+
+// The names in a directory.
+std::string Listing(const std::string& dir) { return RunShell("ls -A '" + dir + "'"); }
+
+class AgentReloadTest : public ::testing::Test {
+ protected:
+  void start(AgentUnderTest::Options options) {
+    options.extraConfig = "createUser zerva SHA zerva-auth-pass AES zerva-priv-pass\nrouser zerva priv\n";
+    std::string error;
+    ASSERT_TRUE(agent_.start(options, &error)) << error;
+    conf_ = agent_.dir().path() + "/agent.conf";
+  }
+  // Rewrites the agent's configuration file: `from` replaced by `to`.
+  void edit(const std::string& from, const std::string& to) {
+    std::string text = ReadFile(conf_);
+    const size_t at = text.find(from);
+    ASSERT_NE(std::string::npos, at) << from << " in " << text;
+    text.replace(at, from.size(), to);
+    std::ofstream(conf_, std::ios::trunc) << text;
+  }
+  // Sends SIGHUP and waits for the reload's line ("configuration reloaded"
+  // or "not reloaded").
+  void hangUp(const std::string& line) {
+    ::kill(agent_.process().pid(), SIGHUP);
+    ASSERT_TRUE(WaitForText(agent_.dir().path() + "/agent.log", line)) << agent_.log();
+  }
+
+  AgentUnderTest agent_;
+  std::string conf_;
+};
+
+const char kV3[] = "-v3 -l authPriv -u zerva -a SHA -A zerva-auth-pass -x AES -X zerva-priv-pass";
+
+TEST_F(AgentReloadTest, SighupTakesNewCommunitiesAndLogLevelAndKeepsServing) {
+  ASSERT_NO_FATAL_FAILURE(start(SmallEmbeddedArray()));
+  const pid_t pid = agent_.process().pid();
+  EXPECT_EQ(std::string::npos, agent_.log().find("DEBUG")) << agent_.log();
+  // Requests all along: none of them may time out across the reload.
+  std::atomic<bool> done(false);
+  std::atomic<int> answered(0);
+  std::atomic<int> lost(0);
+  std::thread asker([&] {
+    while (!done) {
+      (agent_.snmp().get(kSwitch).find("Gauge32") != std::string::npos ? answered : lost)++;
+    }
+  });
+  ASSERT_NO_FATAL_FAILURE(
+      edit("rwcommunity private 127.0.0.1\n", "rocommunity extra 127.0.0.1\nzervaLogLevel debug\n"));
+  hangUp(std::string("configuration reloaded from ") + conf_);
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  done = true;
+  asker.join();
+  EXPECT_EQ(0, lost.load());
+  EXPECT_LT(0, answered.load());
+  EXPECT_EQ(pid, agent_.process().pid());
+  EXPECT_TRUE(agent_.process().running());
+  EXPECT_NE(std::string::npos, agent_.snmp().get(kSwitch, "-v2c -c extra").find("Gauge32: 1"));
+  int rc = 0;
+  agent_.snmp().tool("snmpget", "-v2c -c private", kSwitch, &rc);
+  EXPECT_NE(0, rc);
+  EXPECT_NE(std::string::npos, agent_.snmp().get(kSwitch, kV3).find("Gauge32: 1"));
+  EXPECT_NE(std::string::npos, agent_.log().find("DEBUG")) << agent_.log();
+  // Served all along: one start-up line.
+  EXPECT_EQ(1u, LinesWith(agent_.log(), " serving ").size()) << agent_.log();
+}
+
+TEST_F(AgentReloadTest, SighupWithABrokenConfigurationKeepsTheOldOneAndNamesFileAndLine) {
+  ASSERT_NO_FATAL_FAILURE(start(SmallEmbeddedArray()));
+  ASSERT_NO_FATAL_FAILURE(edit("rocommunity public 127.0.0.1\n", "zervaLogLevel loud\n"));
+  hangUp("not reloaded");
+  const std::vector<std::string> errors = LinesWith(agent_.log(), "not reloaded");
+  ASSERT_EQ(1u, errors.size()) << agent_.log();
+  EXPECT_NE(std::string::npos, errors[0].find(conf_ + ": line ")) << errors[0];
+  EXPECT_NE(std::string::npos, errors[0].find("'loud'")) << errors[0];
+  EXPECT_NE(std::string::npos, agent_.snmp().get(kSwitch).find("Gauge32: 1"));
+  EXPECT_EQ(std::string::npos, agent_.log().find("configuration reloaded")) << agent_.log();
+}
+
+TEST_F(AgentReloadTest, SighupKeepsTheBackEndConnectionAndTheSockets) {
+  AgentUnderTest::Options options;
+  options.array = AgentUnderTest::Array::kInThisProcess;
+  ASSERT_NO_FATAL_FAILURE(start(options));
+  EXPECT_NE(std::string::npos, agent_.snmp().get(kSwitch).find("Gauge32"));
+  const std::vector<std::string> before = SocketsOf(agent_.process().pid());
+  ASSERT_FALSE(before.empty());
+  // The last zervaBackend line counts.
+  std::ofstream(conf_, std::ios::app) << "zervaBackend unix:/nonexistent/sock\n";
+  hangUp("configuration reloaded from");
+  EXPECT_NE(std::string::npos, agent_.snmp().get(kSwitch).find("Gauge32"));
+  EXPECT_EQ(before, SocketsOf(agent_.process().pid()));
+  const std::vector<std::string> kept = LinesWith(agent_.log(), "keep their running value");
+  ASSERT_EQ(1u, kept.size()) << agent_.log();
+  EXPECT_NE(std::string::npos, kept[0].find("zervaBackend")) << kept[0];
+}
+
+// A configuration of the small embedded array in dir, read-only public,
+// with these more lines.
+std::string EmbeddedConfig(const TempDir& dir, const std::string& more = "") {
+  return dir.file("agent.conf", std::string("rocommunity public 127.0.0.1\n") + kEmbeddedArrayLines + more);
+}
+
+TEST(AgentDaemonTest, BackgroundAgentWritesItsPidFileAndLogsNothingToStderr) {
+  TempDir dir;
+  const int port = FreeUdpPort();
+  const std::string pidFile = dir.path() + "/agent.pid";
+  int rc = 0;
+  const std::string out =
+      RunShell("TMPDIR=" + dir.path() + "/tmp; mkdir $TMPDIR; export TMPDIR; " + AgentUnderTest::Program() + " -c " +
+                   EmbeddedConfig(dir) + " --listen udp:127.0.0.1:" + std::to_string(port) + " -p " + pidFile + " 2>" +
+                   dir.path() + "/stderr",
+               &rc);
+  EXPECT_EQ(0, rc) << out << ReadFile(dir.path() + "/stderr");
+  Snmp snmp(dir.path(), port);
+  ASSERT_TRUE(snmp.ready()) << ReadFile(dir.path() + "/stderr");
+  const pid_t pid = static_cast<pid_t>(std::stol("0" + ReadFile(pidFile)));
+  ASSERT_GT(pid, 0);
+  // The pid is the serving process's: it holds the listening socket.
+  EXPECT_NE(std::string::npos, ReadFile("/proc/" + std::to_string(pid) + "/cmdline").find("zerva-snmp-agent"));
+  EXPECT_NE(std::string::npos, snmp.get(kSwitch).find("Gauge32: 1"));
+  // In the background the log goes to syslog, not to stderr.
+  EXPECT_EQ(std::string::npos, ReadFile(dir.path() + "/stderr").find("serving ")) << ReadFile(dir.path() + "/stderr");
+  kill(pid, SIGTERM);
+  ASSERT_TRUE(WaitGone(pid));
+  EXPECT_NE(0, access(pidFile.c_str(), F_OK));
+  EXPECT_EQ("", Listing(dir.path() + "/tmp"));
+}
+
+class AgentSecondInstanceTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    AgentUnderTest::Options options = SmallEmbeddedArray();
+    std::string error;
+    ASSERT_TRUE(agent_.start(options, &error)) << error;
+  }
+  AgentUnderTest agent_;
+};
+
+TEST_F(AgentSecondInstanceTest, SecondAgentOnTheSameStateDirectoryIsRefusedNamingThePid) {
+  TempDir dir;
+  std::string out;
+  EXPECT_EQ(1, RunAgent("-c " + EmbeddedConfig(dir) + " --state-dir " + agent_.dir().path() +
+                            " --listen udp:127.0.0.1:" + std::to_string(FreeUdpPort()),
+                        &out));
+  EXPECT_NE(std::string::npos,
+            out.find("zerva-snmp-agent: another zerva-snmp-agent (pid " + std::to_string(agent_.process().pid()) +
+                     ") is using the state directory " + agent_.dir().path() + "\n"))
+      << out;
+  EXPECT_NE(std::string::npos, agent_.snmp().get(kSwitch).find("Gauge32: 1"));
+}
+
+TEST_F(AgentSecondInstanceTest, SecondAgentOnAPortInUseIsRefusedNamingTheAddress) {
+  TempDir dir;
+  std::string out;
+  const std::string address = "udp:127.0.0.1:" + std::to_string(agent_.port());
+  EXPECT_EQ(1, RunAgent("-c " + EmbeddedConfig(dir) + " --listen " + address, &out));
+  EXPECT_NE(std::string::npos, out.find("zerva-snmp-agent: cannot listen on " + address + ": address already in use\n"))
+      << out;
+  EXPECT_NE(std::string::npos, agent_.snmp().get(kSwitch).find("Gauge32: 1"));
+}
+
+// The agent's own temporary state directory goes whichever way it ends.
+class AgentTempStateTest : public ::testing::Test {
+ protected:
+  std::string tmp() const { return dir_.path() + "/tmp"; }
+  void SetUp() override {
+    ASSERT_EQ(0, mkdir(tmp().c_str(), 0700));
+    ASSERT_EQ(0, chmod(tmp().c_str(), 01777));  // an agent run as nobody makes its directory there too
+  }
+  // Runs the agent in the foreground with TMPDIR set and these arguments
+  // until it exits: its exit code; *output what it wrote.
+  int run(const std::string& args, std::string* output, const std::string& prefix = "") {
+    int rc = 0;
+    *output = RunShell(
+        "TMPDIR=" + tmp() + " " + prefix + " timeout 15 " + AgentUnderTest::Program() + " -f -L " + args + " 2>&1",
+        &rc);
+    return rc;
+  }
+  // Starts the agent, waits until it answers, sends `signal`: its exit code.
+  int serveThenSignal(int signal) {
+    const int port = FreeUdpPort();
+    Process agent({"/usr/bin/env", "TMPDIR=" + tmp(), AgentUnderTest::Program(), "-f", "-L", "-c", EmbeddedConfig(dir_),
+                   "--listen", "udp:127.0.0.1:" + std::to_string(port)},
+                  dir_.path() + "/agent.log");
+    Snmp snmp(dir_.path(), port);
+    EXPECT_TRUE(snmp.ready()) << ReadFile(dir_.path() + "/agent.log");
+    EXPECT_NE("", Listing(tmp()));  // it made its directory
+    ::kill(agent.pid(), signal);
+    return agent.wait();
+  }
+  TempDir dir_;
+};
+
+TEST_F(AgentTempStateTest, GoesOnSigintSigtermAndSigquit) {
+  for (int signal : {SIGINT, SIGTERM, SIGQUIT}) {
+    EXPECT_EQ(0, serveThenSignal(signal)) << signal << ": " << ReadFile(dir_.path() + "/agent.log");
+    EXPECT_EQ("", Listing(tmp())) << signal;
+  }
+}
+
+TEST_F(AgentTempStateTest, GoesOnABadConfigurationAPortInUseAndACheck) {
+  std::string out;
+  EXPECT_EQ(1, run("-c " + EmbeddedConfig(dir_, "zervaLogLevel loud\n"), &out)) << out;
+  EXPECT_EQ("", Listing(tmp())) << out;
+  const int port = FreeUdpPort();
+  Process holder({"/usr/bin/env", "TMPDIR=" + tmp(), AgentUnderTest::Program(), "-f", "-L", "-c", EmbeddedConfig(dir_),
+                  "--listen", "udp:127.0.0.1:" + std::to_string(port), "--state-dir", dir_.path()},
+                 dir_.path() + "/holder.log");
+  Snmp snmp(dir_.path(), port);
+  ASSERT_TRUE(snmp.ready()) << ReadFile(dir_.path() + "/holder.log");
+  EXPECT_EQ(1, run("-c " + EmbeddedConfig(dir_) + " --listen udp:127.0.0.1:" + std::to_string(port), &out)) << out;
+  EXPECT_NE(std::string::npos, out.find("address already in use")) << out;
+  EXPECT_EQ("", Listing(tmp())) << out;
+  // The duplicate makes no directory of its own; nothing is left either.
+  EXPECT_EQ(1, run("-c " + EmbeddedConfig(dir_) + " --state-dir " + dir_.path(), &out)) << out;
+  EXPECT_NE(std::string::npos, out.find("another zerva-snmp-agent")) << out;
+  EXPECT_EQ("", Listing(tmp())) << out;
+  EXPECT_EQ(0, run("--check-config -c " + EmbeddedConfig(dir_), &out)) << out;
+  EXPECT_NE(std::string::npos, out.find("the configuration is good")) << out;
+  EXPECT_EQ("", Listing(tmp())) << out;
+  EXPECT_EQ(1, run("--check-config -c " + EmbeddedConfig(dir_, "zervaNoSuchToken 1\n"), &out)) << out;
+  EXPECT_NE(std::string::npos, out.find("agent.conf: line 6:")) << out;
+  EXPECT_EQ("", Listing(tmp())) << out;
+}
+
+TEST_F(AgentTempStateTest, GoesWhenTheUserCannotBeChanged) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to run the agent as nobody";
+  ASSERT_EQ(0, chmod(dir_.path().c_str(), 0755));
+  const std::string conf = EmbeddedConfig(dir_);
+  ASSERT_EQ(0, chmod(conf.c_str(), 0644));
+  std::string out;
+  EXPECT_EQ(1, run("-u root -c " + conf + " --listen udp:127.0.0.1:" + std::to_string(FreeUdpPort()), &out,
+                   "setpriv --reuid nobody --regid nogroup --clear-groups"))
+      << out;
+  EXPECT_NE(std::string::npos, out.find("zerva-snmp-agent: cannot run as user root: only root can change the user"))
+      << out;
+  EXPECT_EQ("", Listing(tmp())) << out;
+}
+
+TEST(AgentPrivilegeTest, RootAgentDropsToNobodyAndServes) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to change the user";
+  TempDir dir;
+  ASSERT_EQ(0, chmod(dir.path().c_str(), 0755));  // nobody reaches its state directory below
+  const std::string tmp = dir.path() + "/tmp";
+  ASSERT_EQ(0, mkdir(tmp.c_str(), 0700));
+  ASSERT_EQ(0, chmod(tmp.c_str(), 01777));
+  const int port = FreeUdpPort();
+  Process agent({"/usr/bin/env", "TMPDIR=" + tmp, AgentUnderTest::Program(), "-f", "-L", "-u", "nobody", "-g",
+                 "nogroup", "-c", EmbeddedConfig(dir), "--listen", "udp:127.0.0.1:" + std::to_string(port)},
+                dir.path() + "/agent.log");
+  Snmp snmp(dir.path(), port);
+  ASSERT_TRUE(snmp.ready()) << ReadFile(dir.path() + "/agent.log");
+  const std::string status = ReadFile("/proc/" + std::to_string(agent.pid()) + "/status");
+  const std::string nobody = RunShell("id -u nobody").substr(0, RunShell("id -u nobody").find('\n'));
+  const std::string nogroup = RunShell("getent group nogroup | cut -d: -f3 | tr -d '\\n'");
+  EXPECT_NE(std::string::npos, status.find("Uid:\t" + nobody + "\t" + nobody + "\t" + nobody + "\t" + nobody + "\n"))
+      << status;
+  EXPECT_NE(std::string::npos,
+            status.find("Gid:\t" + nogroup + "\t" + nogroup + "\t" + nogroup + "\t" + nogroup + "\n"))
+      << status;
+  EXPECT_NE(std::string::npos, snmp.get(kSwitch).find("Gauge32: 1"));
+  EXPECT_EQ(0, agent.stop()) << ReadFile(dir.path() + "/agent.log");
+  EXPECT_EQ("", Listing(tmp));
+}
+
+TEST(AgentPrivilegeTest, AgentuserIsRefusedWhenUnprivileged) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to run the agent as nobody";
+  TempDir dir;
+  ASSERT_EQ(0, chmod(dir.path().c_str(), 0755));
+  const std::string conf = EmbeddedConfig(dir, "agentuser daemon\n");
+  ASSERT_EQ(0, chmod(conf.c_str(), 0644));
+  int rc = 0;
+  const std::string out =
+      RunShell("setpriv --reuid nobody --regid nogroup --clear-groups timeout 15 " + AgentUnderTest::Program() +
+                   " -f -L -c " + conf + " --listen udp:127.0.0.1:" + std::to_string(FreeUdpPort()) + " 2>&1",
+               &rc);
+  EXPECT_EQ(1, rc) << out;
+  EXPECT_NE(std::string::npos, out.find("cannot run as user daemon: only root can change the user")) << out;
 }
 
 }  // namespace

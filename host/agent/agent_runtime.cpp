@@ -12,8 +12,8 @@ namespace zerva_agent {
 std::string DefaultModulePath() { return ZERVA_AGENT_DEFAULT_MODULE; }
 std::string DefaultMibDir() { return ZERVA_AGENT_DEFAULT_MIB_DIR; }
 
-bool ConfigureLogging(const AgentOptions& options, bool logToStderr, std::string* error) {
-  return ConfigureAgentLog(options, logToStderr, LogHome::kStderr, error);
+bool ConfigureLogging(const AgentOptions& options, bool logToStderr, std::string* error, LogHome home) {
+  return ConfigureAgentLog(options, logToStderr, home, error);
 }
 
 bool AgentRuntime::start(const AgentOptions& optionsIn, const std::string& where, std::string* error) {

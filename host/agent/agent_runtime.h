@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "host/agent/agent_log.h"
 #include "host/agent/agent_options.h"
 #include "host/agent/backend.h"
 #include "host/agent/feature_watch.h"
@@ -29,9 +30,10 @@ namespace zerva_agent {
 
 // Sets the debug kits' levels, destination and folding from the options
 // (logToStderr wins over zervaLogFile and zervaSyslog; the default is
-// stderr): ConfigureAgentLog with LogHome::kStderr. False with *error for a
-// log file that cannot be opened.
-bool ConfigureLogging(const AgentOptions& options, bool logToStderr, std::string* error);
+// stderr, or `home`): ConfigureAgentLog. False with *error for a log file
+// that cannot be opened.
+bool ConfigureLogging(const AgentOptions& options, bool logToStderr, std::string* error,
+                      LogHome home = LogHome::kStderr);
 
 // The plug-in and MIB directory used when none is configured.
 std::string DefaultModulePath();

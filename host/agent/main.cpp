@@ -583,6 +583,11 @@ int Run(zerva_agent::CommandLine cmd) {
   const bool ownStateDir = cmd.stateDir.empty() || cmd.checkConfig;
   if (ownStateDir && !tempDir.make()) return Fail("cannot create a state directory");
   if (!ownStateDir) {
+    // Like Net-SNMP's persistent directory, a missing state directory is
+    // made (its parent must exist); systemd's StateDirectory= makes it too.
+    if (mkdir(cmd.stateDir.c_str(), 0750) != 0 && errno != EEXIST) {
+      return Fail("cannot create the state directory " + cmd.stateDir + ": " + strerror(errno));
+    }
     zerva_agent::EnsureUsersFile(cmd.stateDir);
     if (!lock.take(cmd.stateDir, &error)) return Fail(error);
   }

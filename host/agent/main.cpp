@@ -79,41 +79,44 @@ void InstallSignals() {
 // writes the summaries of folded log lines whose window has ended.
 void Tick(unsigned int, void*) { zerva_agent::FlushAgentLog(); }
 
+// Calls visit(child path, is a directory) for each entry of the directory
+// at path but "." and "..".
+template <typename Visit>
+void ForEachEntry(const std::string& path, Visit visit) {
+  DIR* dir = opendir(path.c_str());
+  if (dir == nullptr) return;
+  while (struct dirent* e = readdir(dir)) {
+    const std::string name = e->d_name;
+    if (name == "." || name == "..") continue;
+    visit(path + "/" + name, e->d_type == DT_DIR);
+  }
+  closedir(dir);
+}
+
 // Removes a private state directory and the files Net-SNMP put into it.
 void RemoveTree(const std::string& path) {
-  if (DIR* dir = opendir(path.c_str())) {
-    while (struct dirent* e = readdir(dir)) {
-      const std::string name = e->d_name;
-      if (name == "." || name == "..") continue;
-      const std::string child = path + "/" + name;
-      if (e->d_type == DT_DIR) {
-        RemoveTree(child);
-      } else {
-        unlink(child.c_str());
-      }
+  ForEachEntry(path, [](const std::string& child, bool isDir) {
+    if (isDir) {
+      RemoveTree(child);
+    } else {
+      unlink(child.c_str());
     }
-    closedir(dir);
-  }
+  });
   rmdir(path.c_str());
 }
 
 // Gives a private state directory and its files to the user the agent
-// becomes.
+// becomes. A file that cannot be given stays as it is: the agent then cannot
+// keep it, and goes on.
 void ChownTree(const std::string& path, uid_t uid, gid_t gid) {
   if (chown(path.c_str(), uid, gid) != 0) return;
-  if (DIR* dir = opendir(path.c_str())) {
-    while (struct dirent* e = readdir(dir)) {
-      const std::string name = e->d_name;
-      if (name == "." || name == "..") continue;
-      const std::string child = path + "/" + name;
-      if (e->d_type == DT_DIR) {
-        ChownTree(child, uid, gid);
-      } else if (chown(child.c_str(), uid, gid) != 0) {
-        // The agent then cannot keep that file; it goes on.
-      }
+  ForEachEntry(path, [uid, gid](const std::string& child, bool isDir) {
+    if (isDir) {
+      ChownTree(child, uid, gid);
+    } else if (chown(child.c_str(), uid, gid) != 0) {
+      // Kept as it is (see above).
     }
-    closedir(dir);
-  }
+  });
 }
 
 // A temporary state directory of the agent's own (in TMPDIR, else /tmp),

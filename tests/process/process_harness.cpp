@@ -1,6 +1,7 @@
 #include "tests/process/process_harness.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -75,19 +76,24 @@ int FreeUdpPort() {
 }
 
 Process::Process(const std::vector<std::string>& argv, const std::string& output) {
+  // Everything the child needs is made before fork(): the test process runs
+  // threads (the simulator's), so the child may only call async-signal-safe
+  // functions. An allocation there can wait forever for a lock another
+  // thread held at the fork.
+  std::vector<char*> args;
+  for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+  const int out = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   pid_ = fork();
   if (pid_ == 0) {
-    FILE* out = fopen(output.c_str(), "w");
-    if (out != nullptr) {
-      dup2(fileno(out), 1);
-      dup2(fileno(out), 2);
+    if (out >= 0) {
+      dup2(out, 1);
+      dup2(out, 2);
     }
-    std::vector<char*> args;
-    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
     execv(args[0], args.data());
     _exit(127);
   }
+  if (out >= 0) close(out);
 }
 
 Process::~Process() { stop(); }

@@ -384,9 +384,9 @@ std::string ListenFailure(const std::string& addresses) {
   while (start <= addresses.size()) {
     size_t end = addresses.find(',', start);
     if (end == std::string::npos) end = addresses.size();
-    const std::string spec = addresses.substr(start, end - start);
+    const std::string item = addresses.substr(start, end - start);
     start = end + 1;
-    std::string rest = spec;
+    std::string rest = item;
     int type = SOCK_DGRAM;
     if (rest.compare(0, 4, "udp:") == 0) {
       rest.erase(0, 4);
@@ -417,7 +417,7 @@ std::string ListenFailure(const std::string& addresses) {
     if (reason != 0) {
       std::string why = strerror(reason);
       if (!why.empty()) why[0] = static_cast<char>(tolower(static_cast<unsigned char>(why[0])));
-      return "cannot listen on " + spec + ": " + why;
+      return "cannot listen on " + item + ": " + why;
     }
   }
   return "cannot listen on " + addresses;

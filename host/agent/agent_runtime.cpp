@@ -6,11 +6,12 @@
 #include "snmpcommon/snmp_backend_capability.h"
 #include "snmpcommon/snmp_socket_transport.h"
 #include "snmpcommon/snmp_table_base.h"
+#include "vempub/vem_install_paths.h"
 
 namespace zerva_agent {
 
-std::string DefaultModulePath() { return ZERVA_AGENT_DEFAULT_MODULE; }
-std::string DefaultMibDir() { return ZERVA_AGENT_DEFAULT_MIB_DIR; }
+std::string DefaultModulePath() { return VEMLibraryDir() + "/libsnmp_zerva_performance.so"; }
+std::string DefaultMibDir() { return VEMDataDir() + "/mibs"; }
 
 bool ConfigureLogging(const AgentOptions& options, bool logToStderr, std::string* error, LogHome home) {
   return ConfigureAgentLog(options, logToStderr, home, error);

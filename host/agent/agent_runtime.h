@@ -35,7 +35,9 @@ namespace zerva_agent {
 bool ConfigureLogging(const AgentOptions& options, bool logToStderr, std::string* error,
                       LogHome home = LogHome::kStderr);
 
-// The plug-in and MIB directory used when none is configured.
+// The plug-in and MIB directory used when none is configured: the service
+// module beside the host libraries, the data directory's mibs/
+// (vempub/vem_install_paths.h).
 std::string DefaultModulePath();
 std::string DefaultMibDir();
 

@@ -13,7 +13,7 @@
 
 namespace zerva_agent {
 
-std::string DefaultDeviceConfig() { return ZERVA_AGENT_DEFAULT_DEVICE_CONFIG; }
+std::string DefaultDeviceConfig() { return CVEMXmlConfig::defaultPath(); }
 
 Backend::Backend() {}
 

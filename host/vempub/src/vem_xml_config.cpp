@@ -5,17 +5,14 @@
 #include <cstdlib>
 
 #include "vempub/vem_debug_kit.h"
-
-#ifndef ZERVA_DEFAULT_DEVICE_CONFIG
-#define ZERVA_DEFAULT_DEVICE_CONFIG "/etc/zerva/vem-device.xml"
-#endif
+#include "vempub/vem_install_paths.h"
 
 CVEMXmlConfig* CVEMXmlConfig::instance() {
   static CVEMXmlConfig* const config = new CVEMXmlConfig();  // used until exit, never destroyed
   return config;
 }
 
-std::string CVEMXmlConfig::defaultPath() { return ZERVA_DEFAULT_DEVICE_CONFIG; }
+std::string CVEMXmlConfig::defaultPath() { return VEMDataDir() + "/vem-device.xml"; }
 
 void CVEMXmlConfig::setPath(const std::string& path) {
   std::lock_guard<std::mutex> lock(mu_);

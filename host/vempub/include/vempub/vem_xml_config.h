@@ -39,7 +39,8 @@ class CVEMXmlConfig {
   // the section or key is missing.
   std::string& getDeviceItem(const std::string& section, const std::string& key, std::string& value);
 
-  // The path used when none was set and the environment names none.
+  // The path used when none was set and the environment names none: the
+  // product's vem-device.xml in VEMDataDir().
   static std::string defaultPath();
 
  private:

@@ -10,6 +10,7 @@ PACKAGES=(
   clang clang-format libclang-rt-14-dev
   libsnmp-dev snmp snmpd smitools
   python3-pysnmp4 valgrind groff-base man-db
+  dpkg-dev debhelper fakeroot lintian git
 )
 
 missing=()

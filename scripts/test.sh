@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs every test: the unit and
-# integration tests in a normal build, the same suite under AddressSanitizer
-# and UndefinedBehaviorSanitizer, and a bounded libFuzzer run.
+# integration tests in a normal build, the Debian packages built, checked
+# with lintian and (as root) installed, served, reloaded and purged, the same
+# suite under AddressSanitizer and UndefinedBehaviorSanitizer, and a bounded
+# libFuzzer run.
 #
 #   scripts/test.sh            everything
 #   FUZZ_SECONDS=0 scripts/test.sh    skip the fuzz run
@@ -21,6 +23,11 @@ cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZERVA_BUILD_BEN
 cmake --build build -j "$JOBS"
 echo "== tests"
 ctest --test-dir build --output-on-failure -j "$JOBS"
+
+echo "== Debian packages (dpkg-buildpackage, lintian)"
+scripts/package.sh build-packages
+echo "== package test (install, run as the units do, reload, purge)"
+python3 tests/package/package_test.py build-packages
 
 echo "== sanitizer build (ASan + UBSan)"
 cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DZERVA_SANITIZE=ON -DZERVA_BUILD_BENCH=OFF -DZERVA_WERROR=ON >/dev/null

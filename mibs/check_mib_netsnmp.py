@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Checks that the Net-SNMP tools load the SMIv2 module and resolve every
-object the MIB description (XML) names to the same OID, and that each table
-entry carries the index the description gives.
+object the MIB description (XML) names to the same OID, and the product
+registrations (PRODUCTS) to theirs, and that each table entry carries the
+index the description gives.
 
 Usage: check_mib_netsnmp.py XML MIBDIR BASEDIR WORKDIR
 
@@ -23,6 +24,10 @@ import mib_objects  # noqa: E402
 # What -Pw prints for every clean load: the base modules' macro definitions,
 # which Net-SNMP skips, and the creation of its persistent directory.
 NOISE = re.compile(r"^([A-Z-]+ MACRO \(lines \d+\.\.\d+ parsed and ignored\)\.|Created directory: .*)$")
+
+# Objects of the module that the description does not list: the product
+# registration the standalone agent reports as sysObjectID.0.
+PRODUCTS = [("vemProducts", "1.3.6.1.4.1.32473.4.2"), ("vemSnmpAgentProduct", "1.3.6.1.4.1.32473.4.2.1")]
 
 
 def snmptranslate(tool, mibdirs, module, env, args):
@@ -63,6 +68,7 @@ def main(argv):
     for var in ("MIBS", "MIBDIRS", "MIBFILES"):
         env.pop(var, None)
     module, names, indexes = expected_objects(xml_path)
+    names += PRODUCTS
     mibdirs = mibdir + ":" + basedir
     findings = []
 

@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
 """Shows that the MIB checks fail, with a clear diff, when the two MIB files
-disagree or the SMIv2 module is broken. Works on copies in a temporary
-directory; the real files are only read.
+disagree, the SMIv2 module is broken or a column departs from the statistic
+catalogue. Works on copies in a temporary directory; the real files are only
+read.
 
-Usage: test_mib_checks.py XML MIB BASEDIR
+Usage: test_mib_checks.py XML MIB BASEDIR CATALOGUE
 
 Exit status: 0 when every deliberate mismatch is caught (and the unmodified
 copies pass), 1 otherwise, 77 when smidump, smilint or snmptranslate is not
@@ -47,18 +48,31 @@ AGREEMENT_CASES = [
     ("a column OID in the SMIv2 module", "mib",
      "::= { vemPerfCacheEntry 5 }",
      "::= { vemPerfCacheEntry 6 }",
-     ["-column vemPerfCacheItem303 %s.7.1.5 Gauge32 read-only" % BASE,
-      "+column vemPerfCacheItem303 %s.7.1.6 Gauge32 read-only" % BASE]),
+     ["-column vemPerfCacheHitRatio %s.7.1.5 Gauge32 read-only" % BASE,
+      "+column vemPerfCacheHitRatio %s.7.1.6 Gauge32 read-only" % BASE]),
     ("an INDEX clause in the SMIv2 module", "mib",
      "INDEX       { vemPerfLunId }",
      "INDEX       { vemPerfLunTotalIops }",
      ["-entry vemPerfLunEntry %s.4.1 index=vemPerfLunId encoding=Integer" % BASE,
       "+entry vemPerfLunEntry %s.4.1 index=vemPerfLunTotalIops encoding=Integer" % BASE]),
     ("a column syntax in the SMIv2 module (object and SEQUENCE)", "mib",
-     ("vemPerfCacheReserved OBJECT-TYPE\n    SYNTAX      Integer32", "vemPerfCacheReserved  Integer32"),
-     ("vemPerfCacheReserved OBJECT-TYPE\n    SYNTAX      Unsigned32", "vemPerfCacheReserved  Unsigned32"),
+     ("vemPerfCacheReserved OBJECT-TYPE\n    SYNTAX      Integer32", "vemPerfCacheReserved       Integer32"),
+     ("vemPerfCacheReserved OBJECT-TYPE\n    SYNTAX      Unsigned32", "vemPerfCacheReserved       Unsigned32"),
      ["-column vemPerfCacheReserved %s.7.1.4 Integer32 read-only" % BASE,
       "+column vemPerfCacheReserved %s.7.1.4 Unsigned32 read-only" % BASE]),
+]
+
+# (what, old text of the SMIv2 module, new text, the line the catalogue check
+# must print)
+CATALOGUE_CASES = [
+    ("a column in a unit other than its item's",
+     'vemPerfPortResponseTime OBJECT-TYPE\n    SYNTAX      Gauge32\n    UNITS       "microseconds"',
+     'vemPerfPortResponseTime OBJECT-TYPE\n    SYNTAX      Gauge32\n    UNITS       "milliseconds"',
+     'vemPerfPortResponseTime: UNITS "milliseconds", catalogue item 78 is in "microseconds"'),
+    ("a column that names another item",
+     'Catalogue item 307."\n    ::= { vemPerfPortEntry 10 }',
+     'Catalogue item 5."\n    ::= { vemPerfPortEntry 10 }',
+     'vemPerfPortQueueDepth: UNITS "requests", catalogue item 5 is in "percent"'),
 ]
 
 
@@ -85,10 +99,10 @@ def copy_with(src, dst, old, new):
 
 
 def main(argv):
-    if len(argv) != 4:
+    if len(argv) != 5:
         sys.stderr.write(__doc__)
         return 2
-    xml, mib, base = argv[1:]
+    xml, mib, base, catalogue = argv[1:]
     for tool in ("smidump", "smilint", "snmptranslate"):
         if mib_objects.find_tool(tool) is None:
             print("SKIP: %s is not installed" % tool)
@@ -96,6 +110,7 @@ def main(argv):
     agreement = os.path.join(HERE, "check_mib_agreement.py")
     lint = os.path.join(HERE, "check_mib_lint.py")
     netsnmp = os.path.join(HERE, "check_mib_netsnmp.py")
+    catalogue_check = os.path.join(HERE, "check_mib_catalogue.py")
     failures = []
     with tempfile.TemporaryDirectory(prefix="mib-checks-") as tmp:
         txml = os.path.join(tmp, "VEM-PERFORMANCE.xml")
@@ -132,6 +147,18 @@ def main(argv):
                 failures.append("smilint: expected a finding about vemPerfSwitch, got %d:\n%s" % (rc, out))
             else:
                 print("caught an object outside every group (smilint)")
+
+        # The statistic catalogue: a unit or an item that is not the column's.
+        copy_with(xml, txml, "", "")
+        for what, old, new, expected in CATALOGUE_CASES:
+            if not copy_with(mib, tmib, old, new):
+                failures.append("%s: the text to change is not in the file exactly once" % what)
+                continue
+            rc, out = run([catalogue_check, tmib, base, catalogue])
+            if rc != 1 or expected not in out.splitlines():
+                failures.append("%s: expected exit 1 with '%s', got %d:\n%s" % (what, expected, rc, out))
+            else:
+                print("caught %s" % what)
 
         # snmptranslate: a name the SMIv2 module does not define.
         copy_with(mib, tmib, "", "")

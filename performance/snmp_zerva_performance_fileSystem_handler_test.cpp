@@ -141,7 +141,7 @@ TEST_F(PerformanceFileSystemTest, AFileSystemIdIsPublishedAsTextInColumnOne) {
             "1/2/5/\"fs_a\\0\" 2/3/4/1 3/3/4/2 4/3/4/3 5/3/4/4 6/3/4/5 7/3/4/6 8/3/4/7 9/3/4/8");
 }
 
-TEST_F(PerformanceFileSystemTest, ColumnNineCarriesItem26UnchangedWithoutAPercentage) {
+TEST_F(PerformanceFileSystemTest, ColumnNineCarriesTheWriteBandwidthItemUnchangedWithoutAPercentage) {
   // With the LUN table's rule column 9 would be 2 * 100 / 3 = 66.
   EXPECT_EQ(RowFromValues("3", "10,3,2,1,5,6,7,99"),
             "1/2/2/\"3\\0\" 2/3/4/10 3/3/4/3 4/3/4/2 5/3/4/1 6/3/4/5 7/3/4/6 8/3/4/7 9/3/4/99");

@@ -253,7 +253,7 @@ TEST_F(PerformanceLunTest, PerRowUnparsableValuesReturnMinusOneWithAnEmptyLunId)
                           Leave(kSigs.preGetRspCell, false)));
 }
 
-TEST_F(PerformanceLunTest, PercentColumnsAreZeroWithoutItem22TruncatedAndWrapIn32Bits) {
+TEST_F(PerformanceLunTest, PercentColumnsAreZeroWithoutTotalIopsTruncatedAndWrapIn32Bits) {
   // V[1] = 0: both percentages 0.
   EXPECT_EQ(RowFromValues("1", "10,0,5,7,1,1,1,1,1,1,1,1,1"),
             LunRow(1, {10, 0, 5, 7, 1, 1, 1, 1, 1, 1, 1, 1, 1}, 0, 0));

@@ -40,11 +40,12 @@ bool IsService(uint32_t t) {
 
 const uint32_t kServiceTypes[] = {kObjNfsV3, kObjNfsV4, kObjNfsV41, kObjSmbV1, kObjSmbV2};
 
-// The weighted mean of two or three latencies by their operation counts,
-// or their plain mean when there were no operations.
-uint32_t WeightedLatency(uint64_t n1, uint32_t l1, uint64_t n2, uint32_t l2, uint64_t n3, uint32_t l3, int terms) {
+// The weighted mean of up to three latencies by their operation counts
+// (truncated), or 0 when there were no operations: no operation, no
+// response time.
+uint32_t WeightedLatency(uint64_t n1, uint32_t l1, uint64_t n2, uint32_t l2, uint64_t n3 = 0, uint32_t l3 = 0) {
   const uint64_t n = n1 + n2 + n3;
-  if (n == 0) return terms == 3 ? (l1 + l2 + l3) / 3 : (l1 + l2) / 2;
+  if (n == 0) return 0;
   return Clamp32((n1 * l1 + n2 * l2 + n3 * l3) / n);
 }
 
@@ -147,6 +148,8 @@ Sample WorkloadModel::sample(uint32_t objType, uint64_t key, uint64_t tMs) const
   uint32_t* latencies[3] = {&s.readLatencyUs, &s.writeLatencyUs, &s.otherLatencyUs};
   for (int i = 0; i < 3; ++i) {
     *rates[i] = Clamp32((opsUpTo(p, i, k) - opsUpTo(p, i, k - 1)) / kPeriodSeconds);
+    // A stream without operations in the period has no response time.
+    if (*rates[i] == 0) continue;
     // Latency grows with load relative to the object's mean, plus jitter.
     const double load = p.base[i] > 0 ? *rates[i] / p.base[i] : 0.0;
     const double jitter = Unit(Hash(p.salt, k, i, 0x1A7));
@@ -155,6 +158,8 @@ Sample WorkloadModel::sample(uint32_t objType, uint64_t key, uint64_t tMs) const
   s.readSizeKB = p.sizeKB[0];
   s.writeSizeKB = p.sizeKB[1];
   for (int i = 0; i < 2; ++i) {
+    // Likewise no hit ratio without I/O of that kind.
+    if (*rates[i] == 0) continue;
     const double jitter = Unit(Hash(p.salt, k, i, 0x417));
     const uint32_t hit = Percent(p.hitPct[i] + 10 * jitter - 5);
     (i == 0 ? s.readHitPct : s.writeHitPct) = hit;
@@ -188,8 +193,11 @@ uint32_t WorkloadModel::controllerValue(uint64_t key, uint32_t item, uint64_t tM
       return Percent(40 + 35 * Unit(Hash(p.salt, 69, 0, 0)) + 3 * jitter);  // memory usage
     case 110:
       return Percent(30 + 60 * Unit(Hash(p.salt, 110, 0, 0)) + 5 * jitter);  // cache usage
-    case 120:
-      return Percent(5 + 60 * s.writeOps / p.capacity + 3 * jitter);  // dirty pages
+    case 120: {
+      // Dirty pages are part of the used cache: never above item 110.
+      const uint32_t used = controllerValue(key, 110, tMs, s);
+      return std::min(used, Percent(5 + 60 * s.writeOps / p.capacity + 3 * jitter));
+    }
     default:
       break;
   }
@@ -200,7 +208,7 @@ uint32_t WorkloadModel::controllerValue(uint64_t key, uint32_t item, uint64_t tM
     const uint64_t n = static_cast<uint64_t>(f.readOps) + f.writeOps + f.otherOps;
     ops += n;
     weighted += static_cast<uint64_t>(WeightedLatency(f.readOps, f.readLatencyUs, f.writeOps, f.writeLatencyUs,
-                                                      f.otherOps, f.otherLatencyUs, 3)) *
+                                                      f.otherOps, f.otherLatencyUs)) *
                 n;
   }
   if (item == 475) return Clamp32(ops);
@@ -238,7 +246,7 @@ bool WorkloadModel::value(uint32_t objType, uint64_t key, uint32_t item, uint64_
         *out = s.writeLatencyUs;
         return true;
       case 439:
-        *out = WeightedLatency(r, s.readLatencyUs, w, s.writeLatencyUs, o, s.otherLatencyUs, 3);
+        *out = WeightedLatency(r, s.readLatencyUs, w, s.writeLatencyUs, o, s.otherLatencyUs);
         return true;
       default:
         return false;
@@ -270,8 +278,7 @@ bool WorkloadModel::value(uint32_t objType, uint64_t key, uint32_t item, uint64_
       *out = s.writeHitPct;
       return true;
     case 303:
-      *out =
-          r + w == 0 ? (s.readHitPct + s.writeHitPct) / 2 : Clamp32((r * s.readHitPct + w * s.writeHitPct) / (r + w));
+      *out = r + w == 0 ? 0 : Clamp32((r * s.readHitPct + w * s.writeHitPct) / (r + w));
       return true;
     case 370:
       *out = s.readLatencyUs;
@@ -280,7 +287,7 @@ bool WorkloadModel::value(uint32_t objType, uint64_t key, uint32_t item, uint64_
       *out = s.writeLatencyUs;
       return true;
     case 78:
-      *out = WeightedLatency(r, s.readLatencyUs, w, s.writeLatencyUs, 0, 0, 2);
+      *out = WeightedLatency(r, s.readLatencyUs, w, s.writeLatencyUs);
       return true;
     case 307:
       *out = Clamp32((r * s.readLatencyUs + w * s.writeLatencyUs + 500000) / 1000000);

@@ -40,6 +40,8 @@ struct Sample {
   uint32_t otherOps = 0;  // per second, file objects only
   uint32_t readSizeKB = 0;
   uint32_t writeSizeKB = 0;
+  // Average response times and cache hit ratios of the period's operations:
+  // 0 for a stream whose rate is 0 (nothing was measured).
   uint32_t readLatencyUs = 0;
   uint32_t writeLatencyUs = 0;
   uint32_t otherLatencyUs = 0;

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 namespace zerva_sim {
 namespace {
 
@@ -120,6 +122,78 @@ TEST(WorkloadTest, ControllerFileServiceItemsSumItsServices) {
   uint32_t sum = 0;
   for (uint32_t type : {1000u, 1001u, 57636u, 1002u, 1003u}) sum += V(m, type, 2, 182, kT);
   EXPECT_EQ(V(m, 207, 2, 475, kT), sum);
+}
+
+TEST(WorkloadTest, StreamsWithOperationsHaveAResponseTimeAndAHitRatio) {
+  const WorkloadModel m(7);
+  for (uint64_t key = 1; key <= 200; ++key) {
+    for (uint64_t k = 0; k < 12; ++k) {
+      const uint64_t t = kT + k * 37 * 60 * 1000;
+      for (uint32_t type : {40u, 11u, 213u, 207u, 1000u}) {
+        const Sample s = m.sample(type, key, t);
+        ASSERT_GT(s.readOps, 0u) << type << "/" << key << " at " << t;
+        EXPECT_GT(s.readLatencyUs, 0u) << type << "/" << key << " at " << t;
+        EXPECT_GT(s.readHitPct, 0u) << type << "/" << key << " at " << t;
+        if (s.writeOps != 0) {
+          EXPECT_GT(s.writeLatencyUs, 0u) << type << "/" << key << " at " << t;
+        }
+        if (s.otherOps != 0) {
+          EXPECT_GT(s.otherLatencyUs, 0u) << type << "/" << key << " at " << t;
+        }
+      }
+    }
+  }
+}
+
+TEST(WorkloadTest, StreamsWithoutOperationsHaveNoResponseTime) {
+  // With seed 7, file system 831 has no metadata operations in the period
+  // that ends at 1004440000 ms (found by a search over 20,000 file systems;
+  // idle streams are rare in this model).
+  const WorkloadModel m(7);
+  const uint64_t t = 1004440000ULL;
+  const Sample s = m.sample(40, 831, t);
+  ASSERT_EQ(0u, s.otherOps);
+  EXPECT_EQ(0u, s.otherLatencyUs);
+  // The OPS-weighted response time is then that of reads and writes alone.
+  ASSERT_GT(s.readOps + s.writeOps, 0u);
+  const uint64_t readWrite = uint64_t{s.readOps} * s.readLatencyUs + uint64_t{s.writeOps} * s.writeLatencyUs;
+  EXPECT_EQ(readWrite / (s.readOps + s.writeOps), V(m, 40, 831, 439, t));
+}
+
+TEST(WorkloadTest, AveragesOverNoOperationsAreZero) {
+  const WorkloadModel m(7);
+  // Before the first period ends no object has operations.
+  const uint64_t t = kSamplePeriodMs - 1;
+  for (uint32_t item : {78u, 303u, 307u, 370u, 371u, 384u, 385u}) EXPECT_EQ(0u, V(m, 11, 3, item, t)) << item;
+  for (uint32_t item : {232u, 233u, 439u}) EXPECT_EQ(0u, V(m, 40, 3, item, t)) << item;
+  EXPECT_EQ(0u, V(m, 207, 3, 476, t));
+}
+
+TEST(WorkloadTest, WeightedAveragesLieBetweenTheAveragesTheyWeight) {
+  const WorkloadModel m(9);
+  for (uint64_t key = 0; key < 50; ++key) {
+    const uint64_t t = kT + key * 104729;
+    const uint32_t r = V(m, 11, key, 25, t), w = V(m, 11, key, 28, t);
+    const uint32_t rl = V(m, 11, key, 370, t), wl = V(m, 11, key, 371, t);
+    const uint32_t rh = V(m, 11, key, 384, t), wh = V(m, 11, key, 385, t);
+    ASSERT_GT(r + w, 0u);
+    EXPECT_EQ((uint64_t{r} * rl + uint64_t{w} * wl) / (r + w), V(m, 11, key, 78, t));
+    EXPECT_EQ((uint64_t{r} * rh + uint64_t{w} * wh) / (r + w), V(m, 11, key, 303, t));
+    EXPECT_EQ((uint64_t{r} * rl + uint64_t{w} * wl + 500000) / 1000000, V(m, 11, key, 307, t));
+    EXPECT_GE(V(m, 11, key, 78, t), std::min(rl, wl));
+    EXPECT_LE(V(m, 11, key, 78, t), std::max(rl, wl));
+  }
+}
+
+TEST(WorkloadTest, ControllerDirtyPagesNeverExceedItsCacheUsage) {
+  const WorkloadModel m(4);
+  for (uint64_t key = 0; key < 64; ++key) {
+    for (uint64_t k = 0; k < 20; ++k) {
+      const uint64_t t = kT + k * 611 * 1000;
+      EXPECT_LE(V(m, 207, key, 120, t), V(m, 207, key, 110, t)) << key << " at " << t;
+      EXPECT_LE(V(m, 207, key, 110, t), 100u);
+    }
+  }
 }
 
 TEST(WorkloadTest, HugeTimesStayConsistent) {

@@ -1,7 +1,8 @@
 // What the agent serves equals the simulated array's ground truth: every
 // table row for row and cell for cell (snmpwalk and snmpbulkwalk), the
 // switch, the order of the subtree (snmpgetnext across table boundaries),
-// and the tables as a manager with the MIB loaded sees them (snmptable).
+// and the tables as a manager with the MIB loaded sees them (snmptable,
+// values in their units).
 #include <gtest/gtest.h>
 
 #include <set>
@@ -185,7 +186,7 @@ std::string TableText(const Value& v) {
   return text;
 }
 
-TEST_F(AgentTruthTest, SnmptableWithTheMibShowsNamedColumnsAndTheGroundTruthRows) {
+TEST_F(AgentTruthTest, SnmptableWithTheMibShowsNamedColumnsAndTheGroundTruthRowsInTheirUnits) {
   const std::string mibOptions =
       "-M " ZERVA_E2E_SOURCE_DIR "/mibs:" ZERVA_E2E_SOURCE_DIR "/mibs/base -m VEM-PERFORMANCE-MIB";
   for (const TableTruth& t : allTables()) {
@@ -211,13 +212,17 @@ TEST_F(AgentTruthTest, SnmptableWithTheMibShowsNamedColumnsAndTheGroundTruthRows
     EXPECT_EQ(names, SplitCells(lines[1])) << out;
 
     // One line per ground-truth row, in index order, each cell as the
-    // ground truth has it ("?" where a column has no instance).
+    // ground truth has it ("?" where a column has no instance), followed by
+    // the column's UNITS where the MIB gives it ("1783 microseconds").
     ASSERT_EQ(t.rowIndexes.size(), lines.size() - 2) << out;
     for (size_t r = 0; r < t.rowIndexes.size(); ++r) {
       std::vector<std::string> expected;
       for (const zerva_agent::MibColumn& c : t.object->columns) {
         const auto v = t.instances.find(zerva_test::InstanceOid(t.prefix, c.number, t.rowIndexes[r]));
-        expected.push_back(v == t.instances.end() ? "?" : TableText(v->second));
+        const auto units = zerva_test::MibUnits().find(c.name);
+        std::string cell = v == t.instances.end() ? "?" : TableText(v->second);
+        if (v != t.instances.end() && units != zerva_test::MibUnits().end()) cell += " " + units->second;
+        expected.push_back(cell);
       }
       EXPECT_EQ(expected, SplitCells(lines[2 + r])) << name << " row " << r;
     }

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 namespace zerva_test {
 
 using zerva_agent::MibObject;
@@ -40,6 +42,30 @@ std::vector<const MibObject*> MibTables() {
     if (o.kind == MibObject::Table) out.push_back(&o);
   }
   return out;
+}
+
+const std::map<std::string, std::string>& MibUnits() {
+  static const std::map<std::string, std::string> units = [] {
+    std::map<std::string, std::string> out;
+    std::ifstream in(ZERVA_MIB_SMI);
+    EXPECT_TRUE(in.good()) << "cannot read " ZERVA_MIB_SMI;
+    // "name OBJECT-TYPE" opens an object; its `UNITS "text"` line follows
+    // before the next object.
+    std::string line, object;
+    while (std::getline(in, line)) {
+      const size_t type = line.find(" OBJECT-TYPE");
+      if (type != std::string::npos && line.find_first_of(" \t") == type) object = line.substr(0, type);
+      const size_t units = line.find_first_not_of(' ');
+      if (object.empty() || units == std::string::npos || line.compare(units, 6, "UNITS ") != 0) continue;
+      const size_t open = line.find_first_not_of(' ', units + 6);
+      const size_t close = line.rfind('"');
+      if (open != std::string::npos && line[open] == '"' && close > open) {
+        out[object] = line.substr(open + 1, close - open - 1);
+      }
+    }
+    return out;
+  }();
+  return units;
 }
 
 }  // namespace zerva_test

@@ -3,6 +3,7 @@
 #ifndef ZERVA_TESTS_PROCESS_SERVED_MIB_H_
 #define ZERVA_TESTS_PROCESS_SERVED_MIB_H_
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,10 @@ const zerva_agent::MibDescription& Mib();
 const zerva_agent::MibObject* MibTable(const std::string& name);
 // Every table of the description, in OID order.
 std::vector<const zerva_agent::MibObject*> MibTables();
+// The UNITS clauses of the SMIv2 module (mibs/VEM-PERFORMANCE-MIB.txt): the
+// units text by object name, for the objects that have one. Net-SNMP's
+// tools print a value of such an object followed by a blank and the units.
+const std::map<std::string, std::string>& MibUnits();
 
 }  // namespace zerva_test
 

@@ -31,9 +31,10 @@ def mib_objects(text):
     return re.findall(r"<scalar [^>]*/>|<table [^>]*>.*?</table>", text, re.S)
 
 
-def mib(objects, module="VEM-PERFORMANCE-MIB"):
+def mib(objects, module="VEM-PERFORMANCE-MIB", oid=None):
     body = "".join("  " + o.strip() + "\n" for o in objects)
-    return '<?xml version="1.0"?>\n<mib module="%s">\n%s</mib>\n' % (module, body)
+    oid_attr = "" if oid is None else ' oid="%s"' % oid
+    return '<?xml version="1.0"?>\n<mib module="%s"%s>\n%s</mib>\n' % (module, oid_attr, body)
 
 
 def reverse_columns(table):
@@ -62,6 +63,7 @@ def mib_seeds():
     out = {}
     out["shipped.xml"] = shipped
     out["one_scalar.xml"] = mib(scalars[:1])
+    out["module_oid.xml"] = mib(scalars[:1], oid="1.3.6.1.4.1.32473.4.1.21")
     out["integer_index.xml"] = mib([integer_table])
     out["string_index.xml"] = mib([string_table])
     out["reverse_order.xml"] = mib([reverse_columns(t) for t in reversed(tables[:2])] + scalars)
@@ -89,6 +91,7 @@ def mib_seeds():
     out["err_wrong_root.xml"] = '<mibs module="M">%s</mibs>\n' % SCALAR
     out["err_not_well_formed.xml"] = mib([SCALAR])[:-12]
     out["err_text_in_table.xml"] = mib([table([ID_COLUMN, "text"])])
+    out["err_module_oid.xml"] = mib([SCALAR], oid="1.3.x")
     return out
 
 

@@ -688,8 +688,8 @@ TEST_F(AgentReloadTest, SighupTakesNewCommunitiesAndLogLevelAndKeepsServing) {
       (agent_.snmp().get(kSwitch).find("Gauge32") != std::string::npos ? answered : lost)++;
     }
   });
-  ASSERT_NO_FATAL_FAILURE(
-      edit("rwcommunity private 127.0.0.1\n", "rocommunity extra 127.0.0.1\nzervaLogLevel debug\n"));
+  ASSERT_NO_FATAL_FAILURE(edit(std::string("rwcommunity private 127.0.0.1 ") + kSubtree + "\n",
+                               "rocommunity extra 127.0.0.1\nzervaLogLevel debug\n"));
   hangUp(std::string("configuration reloaded from ") + conf_);
   std::this_thread::sleep_for(std::chrono::milliseconds(500));
   done = true;
@@ -710,7 +710,7 @@ TEST_F(AgentReloadTest, SighupTakesNewCommunitiesAndLogLevelAndKeepsServing) {
 
 TEST_F(AgentReloadTest, SighupWithABrokenConfigurationKeepsTheOldOneAndNamesFileAndLine) {
   ASSERT_NO_FATAL_FAILURE(start(SmallEmbeddedArray()));
-  ASSERT_NO_FATAL_FAILURE(edit("rocommunity public 127.0.0.1\n", "zervaLogLevel loud\n"));
+  ASSERT_NO_FATAL_FAILURE(edit(std::string("rocommunity public 127.0.0.1 ") + kSubtree + "\n", "zervaLogLevel loud\n"));
   hangUp("not reloaded");
   const std::vector<std::string> errors = LinesWith(agent_.log(), "not reloaded");
   ASSERT_EQ(1u, errors.size()) << agent_.log();

@@ -70,6 +70,8 @@ bool AgentRuntime::serve(std::string* summary, std::string* error) {
     servers_.push_back(std::move(server));
     prefixes += (prefixes.empty() ? "" : ", ") + h.object->name + " " + h.prefix;
   }
+  const MibDescription& mib = module_.mib();
+  if (!mib.moduleOid.empty()) sysOR_.add(mib.moduleOid, "The MIB module " + mib.moduleName);
 
   *summary = "serving " + options.modulePath + " (MIB " + module_.mib().moduleName + " from " + module_.mibPath() +
              "): " + std::to_string(servers_.size()) + " handlers [" + prefixes + "] on " + where_ + ", back end " +
@@ -82,6 +84,7 @@ void AgentRuntime::unserve() {
   // SnmpRegistrations::unregisterKeepingMaster): the next serve() takes
   // them up again, stop() removes them.
   registrations_.unregisterKeepingMaster();
+  sysOR_.remove();
   servers_.clear();
   module_.unload();  // handlers, module, library
 }

@@ -73,6 +73,7 @@ class AgentRuntime {
   ModuleHost module_;
   std::vector<std::unique_ptr<ObjectServer>> servers_;
   SnmpRegistrations registrations_;
+  SysOREntry sysOR_;  // the served MIB module in sysORTable
   std::unique_ptr<FeatureSource> featureSource_;
   std::unique_ptr<FeatureWatch> featureWatch_;
   SnmpAlarm featureAlarm_;

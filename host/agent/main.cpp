@@ -40,8 +40,22 @@
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 // clang-format on
 
-extern "C" void init_vacm_conf(void);
-extern "C" void update_config(void);
+extern "C" {
+void init_vacm_conf(void);
+void update_config(void);
+// Net-SNMP's own MIB modules (libnetsnmpmibs) for the groups every SNMP
+// device serves.
+void init_system_mib(void);
+void init_sysORTable(void);
+void init_snmp_mib(void);
+void init_setSerialNo(void);
+void init_snmpEngine(void);
+void init_snmpMPDStats(void);
+void init_usmStats(void);
+void init_usmUser(void);
+void init_vacm_vars(void);
+void init_vacm_context(void);
+}
 
 namespace {
 
@@ -49,6 +63,8 @@ const char kAppType[] = "zerva-snmp-agent";
 const char kDefaultListen[] = "udp:127.0.0.1:1161";
 // The access of the agent without -c: read-only, from this host only.
 const char kDefaultAccess[] = "rocommunity public 127.0.0.1";
+// sysObjectID.0: VEM-PERFORMANCE-MIB::vemSnmpAgentProduct, this product.
+const char kProductOid[] = ".1.3.6.1.4.1.32473.4.2.1";
 // The lock file that keeps a second agent off a state directory.
 const char kLockFile[] = "zerva-snmp-agent.lock";
 // How long a SIGHUP waits for the check of the new configuration.
@@ -423,6 +439,34 @@ std::string ListenFailure(const std::string& addresses) {
   return "cannot listen on " + addresses;
 }
 
+// ---------------------------------------------------------------- the standard groups
+
+// The groups every SNMP device serves, from Net-SNMP's MIB modules as snmpd
+// serves them: system (sysDescr, sysObjectID, sysUpTime, sysContact,
+// sysName, sysLocation, sysServices, sysORTable), the snmp group and
+// snmpSetSerialNo, snmpEngine and the MPD statistics, USM and VACM. Their
+// configuration tokens (sysContact, sysName, sysLocation, sysDescr,
+// sysObjectID, ...) are Net-SNMP's. sysDescr and sysObjectID name this
+// product unless the configuration says otherwise. An AgentX sub-agent
+// leaves all of them to its master.
+void InitStandardGroups() {
+  init_system_mib();
+  init_sysORTable();
+  init_snmp_mib();
+  init_setSerialNo();
+  init_snmpEngine();
+  init_snmpMPDStats();
+  init_usmStats();
+  init_usmUser();
+  init_vacm_vars();
+  init_vacm_context();
+  std::string descr = std::string("sysdescr ") + kAppType + " " + ZERVA_VERSION +
+                      ": performance statistics of the Zerva storage array (VEM-PERFORMANCE-MIB)";
+  netsnmp_config(&descr[0]);
+  std::string objectId = std::string("sysobjectid ") + kProductOid;
+  netsnmp_config(&objectId[0]);
+}
+
 // ---------------------------------------------------------------- the configuration
 
 // The settings a start reads: Net-SNMP's (access, users, agentaddress,
@@ -462,6 +506,7 @@ bool ReadConfiguration(const zerva_agent::CommandLine& cmd, const std::string& p
     netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_PING_INTERVAL, 5);
   } else {
     init_vacm_conf();
+    InitStandardGroups();
   }
   zerva_agent::RegisterAgentTokens(kAppType, &config->options, &config->tokenErrors);
   if (cmd.configFile.empty()) netsnmp_config_remember(const_cast<char*>(kDefaultAccess));
@@ -634,6 +679,8 @@ int Run(zerva_agent::CommandLine cmd) {
     } else if (!runtime.start(running, config.where, &error)) {
       rc = Fail(error);
     } else {
+      // As snmpd does, to the configured trap2sink, trapsink and informsink.
+      if (!config.agentx) send_easy_trap(SNMP_TRAP_COLDSTART, 0);
       Serve(cmd, &config, &running, home);
     }
   }

@@ -329,8 +329,16 @@ bool ParseDocument(Checker& check, const pugi::xml_document& doc, MibDescription
   if (std::strcmp(root.name(), "mib") != 0) {
     return check.Fail(root, "the root element must be <mib>, not <" + std::string(root.name()) + ">");
   }
-  if (!CheckAttributes(check, root, {"module"})) return false;
+  if (!CheckAttributes(check, root, {"module", "oid"})) return false;
   if (!Required(check, root, "module", "<mib>", &out->moduleName)) return false;
+  if (root.attribute("oid")) {
+    out->moduleOid = root.attribute("oid").value();
+    std::vector<unsigned long> arcs;
+    if (!ParseOid(out->moduleOid, &arcs)) {
+      return check.Fail(root, "<mib>: oid " + Quoted(out->moduleOid) +
+                                  " is not an OID (dotted decimal, no leading dot, at least two arcs)");
+    }
+  }
 
   std::vector<pugi::xml_node> nodes;
   for (const pugi::xml_node& child : root.children()) {

@@ -51,6 +51,9 @@ struct MibObject {
 
 struct MibDescription {
   std::string moduleName;  // e.g. "VEM-PERFORMANCE-MIB"
+  // The module's MODULE-IDENTITY OID (the oid attribute of <mib>), dotted
+  // decimal: the agent lists it in sysORTable. "" when the file names none.
+  std::string moduleOid;
   std::vector<MibObject> objects;
 
   // The object registered under exactly this prefix, or null.

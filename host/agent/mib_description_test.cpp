@@ -247,6 +247,30 @@ TEST(MibDescriptionTest, PrefixThatIsNotAnOidIsRefused) {
             "parsed");
 }
 
+TEST(MibDescriptionTest, TheModuleOidIsReadWhenGivenAndEmptyWhenNot) {
+  MibDescription mib;
+  std::string error;
+  const std::string scalar =
+      "  <scalar prefix=\"1.3.6.1.4.1.99.1\" name=\"perfSwitch\" syntax=\"Unsigned32\" access=\"read-write\"/>\n";
+  ASSERT_TRUE(ParseMibDescription("<mib module=\"TEST-MIB\" oid=\"1.3.6.1.4.1.99\">\n" + scalar + "</mib>\n",
+                                  "test.xml", mib, &error))
+      << error;
+  EXPECT_EQ(mib.moduleOid, "1.3.6.1.4.1.99");
+  MibDescription without;
+  ASSERT_TRUE(ParseMibDescription(kValid, "test.xml", without, &error)) << error;
+  EXPECT_EQ(without.moduleOid, "");
+}
+
+TEST(MibDescriptionTest, AModuleOidThatIsNotAnOidIsRefused) {
+  for (const std::string bad : {".1.3.6", "1", "1.3.x", ""}) {
+    EXPECT_EQ(
+        ErrorOf("<mib module=\"TEST-MIB\" oid=\"" + bad +
+                "\">\n  <scalar prefix=\"1.3.6.1.4.1.99.1\" name=\"s\" syntax=\"Unsigned32\" "
+                "access=\"read-only\"/>\n</mib>\n"),
+        "test.xml: line 1: <mib>: oid '" + bad + "' is not an OID (dotted decimal, no leading dot, at least two arcs)");
+  }
+}
+
 TEST(MibDescriptionTest, DuplicatePrefixesAreRefused) {
   EXPECT_EQ(ErrorOf(WithTable(Table(
                 R"(prefix="1.3.6.1.4.1.99.1" name="portTable" entry="portEntry" index="1" index-encoding="Integer")",
@@ -396,9 +420,10 @@ struct AllHandlers {
   }
 };
 
-TEST(ShippedMibTest, LoadsAndNamesTheSmiModule) {
+TEST(ShippedMibTest, LoadsAndNamesTheSmiModuleAndItsIdentity) {
   MibDescription mib = Shipped();
   EXPECT_EQ(mib.moduleName, "VEM-PERFORMANCE-MIB");
+  EXPECT_EQ(mib.moduleOid, "1.3.6.1.4.1.32473.4.1.21");
 }
 
 TEST(ShippedMibTest, DescribesExactlyThePrefixesTheModuleRegistersWithAllFeatures) {

@@ -4,6 +4,7 @@
 #include <net-snmp/net-snmp-config.h>
 #include <net-snmp/net-snmp-includes.h>
 #include <net-snmp/agent/net-snmp-agent-includes.h>
+#include <net-snmp/agent/agent_sysORTable.h>
 // clang-format on
 
 #include <exception>
@@ -440,6 +441,26 @@ void RouteNetSnmpLog() {
 void SetNetSnmpLogCapture(std::vector<std::string>* capture) { g_capture = capture; }
 
 // ---------------------------------------------------------------- alarm
+
+SysOREntry::~SysOREntry() { remove(); }
+
+bool SysOREntry::add(const std::string& objectId, const std::string& description) {
+  remove();
+  ::oid parsed[MAX_OID_LEN];
+  size_t length = MAX_OID_LEN;
+  if (objectId.empty() || !read_objid(("." + objectId).c_str(), parsed, &length)) return false;
+  oid_.assign(parsed, parsed + length);
+  description_ = description;
+  register_sysORTable(parsed, length, description_.c_str());
+  return true;
+}
+
+void SysOREntry::remove() {
+  if (oid_.empty()) return;
+  std::vector<::oid> arcs(oid_.begin(), oid_.end());
+  unregister_sysORTable(arcs.data(), arcs.size());
+  oid_.clear();
+}
 
 SnmpAlarm::~SnmpAlarm() { stop(); }
 

@@ -73,6 +73,28 @@ void UnregisterAgentTokens(const char* appType);
 void RouteNetSnmpLog();
 void SetNetSnmpLogCapture(std::vector<std::string>* capture);
 
+// The served module's entry in sysORTable (SNMPv2-MIB), for as long as the
+// object lives or until remove(): in a standalone agent its own table, in an
+// AgentX sub-agent the master's (Net-SNMP sends it again when it reconnects),
+// inside snmpd through dlmod snmpd's table.
+class SysOREntry {
+ public:
+  SysOREntry() {}
+  ~SysOREntry();  // remove()
+  SysOREntry(const SysOREntry&) = delete;
+  SysOREntry& operator=(const SysOREntry&) = delete;
+
+  // Lists objectId (dotted decimal) with the description; replaces the
+  // entry listed before. False when objectId is not an OID.
+  // REQUIRES: Net-SNMP's agent is initialised.
+  bool add(const std::string& objectId, const std::string& description);
+  void remove();
+
+ private:
+  std::vector<unsigned long> oid_;
+  std::string description_;
+};
+
 // Runs a function from Net-SNMP's alarms, every period: in the agent's
 // loop (or snmpd's), between requests, never while one is being answered.
 class SnmpAlarm {

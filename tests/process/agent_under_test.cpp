@@ -71,13 +71,14 @@ bool AgentUnderTest::launch(const Options& options, std::string* error) {
   if (dir_.path().empty()) return *error = "no temporary directory", false;
   if (options.array == Array::kInThisProcess && !restartSimulator(error)) return false;
 
+  // The agent and snmpd serve the standard groups too: unless the test asks
+  // for everything, the communities see the module's subtree.
+  const std::string view = options.wholeView ? "" : std::string(" ") + kSubtree;
+  const std::string communities =
+      options.communities ? "rocommunity public 127.0.0.1" + view + "\nrwcommunity private 127.0.0.1" + view + "\n"
+                          : "";
   if (options.dlmod) {
-    // snmpd serves more than the agent: the communities see the subtree.
-    std::string conf;
-    if (options.communities) {
-      conf += std::string("rocommunity public 127.0.0.1 ") + kSubtree + "\nrwcommunity private 127.0.0.1 " + kSubtree +
-              "\n";
-    }
+    std::string conf = communities;
     conf += StockSnmpd::DlmodLine() + arrayConfig(options) + options.extraConfig;
     port_ = options.port != 0 ? options.port : FreeUdpPort();
     snmpd_.reset(new StockSnmpd(dir_));
@@ -85,9 +86,7 @@ bool AgentUnderTest::launch(const Options& options, std::string* error) {
     return snmpd_->start(port_, conf, error);
   }
 
-  std::string conf;
-  if (options.communities) conf += "rocommunity public 127.0.0.1\nrwcommunity private 127.0.0.1\n";
-  conf += arrayConfig(options) + options.extraConfig;
+  std::string conf = communities + arrayConfig(options) + options.extraConfig;
 
   std::vector<std::string> argv = {Program(), "-f", "-c", dir_.file("agent.conf", conf), "--state-dir", dir_.path()};
   if (options.logToStderr) argv.push_back("-L");

@@ -46,6 +46,10 @@ class AgentUnderTest {
     uint64_t frozenMs = 0;
     // rocommunity public and rwcommunity private for 127.0.0.1.
     bool communities = true;
+    // What those communities see: the module's subtree only (as in snmpd's
+    // configuration for a sub-agent or a dlmod module), or with wholeView
+    // everything the agent or snmpd serves (the standard groups too).
+    bool wholeView = false;
     // More configuration lines, after the harness's own.
     std::string extraConfig;
     // -L: the agent logs to stderr, into log(). False: where its

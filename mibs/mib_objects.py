@@ -1,8 +1,9 @@
 """The objects of the MIB description (VEM-PERFORMANCE.xml) and of the SMIv2
 module (VEM-PERFORMANCE-MIB.txt) in one comparable form.
 
-Each object is one text line:
+Each object is one text line, and so is the module itself:
 
+    module <name> <oid of its MODULE-IDENTITY>
     scalar <name> <oid> <syntax> <access>
     table  <name> <oid>
     entry  <name> <oid> index=<column name> encoding=<Integer|String>
@@ -36,7 +37,7 @@ def xml_objects(path):
         raise CheckError("%s: %s" % (path, err))
     if root.tag != "mib":
         raise CheckError("%s: root element is <%s>, not <mib>" % (path, root.tag))
-    lines = []
+    lines = ["module %s %s" % (root.get("module"), root.get("oid"))]
     for obj in root:
         if obj.tag == "scalar":
             lines.append("scalar %s %s %s %s" % (obj.get("name"), obj.get("prefix"), obj.get("syntax"),
@@ -112,7 +113,13 @@ def smi_objects(mib_path, smipath):
     nodes = root.find("nodes")
     if nodes is None:
         raise CheckError("smidump output of %s has no nodes" % mib_path)
-    lines = []
+    module = root.find("module")
+    identity = None if module is None else module.find("identity")
+    identity_oid = None
+    if identity is not None:
+        node = nodes.find("node[@name='%s']" % identity.get("node"))
+        identity_oid = None if node is None else node.get("oid")
+    lines = ["module %s %s" % (None if module is None else module.get("name"), identity_oid)]
     for scalar in nodes.findall("scalar"):
         lines.append("scalar %s %s %s %s" % (scalar.get("name"), scalar.get("oid"), _syntax(scalar),
                                              _access(scalar)))

@@ -26,6 +26,11 @@ BASE = "1.3.6.1.4.1.32473.4.1.21"
 # (what, file changed, old text, new text, lines the agreement diff must show);
 # old and new may be tuples of several changes.
 AGREEMENT_CASES = [
+    ("the module's OID in the XML", "xml",
+     '<mib module="VEM-PERFORMANCE-MIB" oid="%s">' % BASE,
+     '<mib module="VEM-PERFORMANCE-MIB" oid="%s.99">' % BASE,
+     ["-module VEM-PERFORMANCE-MIB %s.99" % BASE,
+      "+module VEM-PERFORMANCE-MIB %s" % BASE]),
     ("a column syntax in the XML", "xml",
      '<column number="3" name="vemPerfLunTotalIops" syntax="Gauge32"',
      '<column number="3" name="vemPerfLunTotalIops" syntax="Counter64"',

@@ -87,9 +87,9 @@ class Service:
 
     def environment(self):
         env = {"PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "LANG": "C.UTF-8"}
-        for spec in self.service.get("EnvironmentFile", []):
-            optional = spec.startswith("-")
-            path = spec[1:] if optional else spec
+        for entry in self.service.get("EnvironmentFile", []):
+            optional = entry.startswith("-")
+            path = entry[1:] if optional else entry
             if os.path.exists(path):
                 env.update(read_environment_file(path))
             elif not optional:

@@ -220,6 +220,11 @@ bool ArraySimulator::parseFault(const std::string& text, FaultRule* out, std::st
       text, [this](const std::string& name, unsigned long long* id) { return commandByName(name, id); }, out, error);
 }
 
+bool ArraySimulator::parseLatency(const std::string& text, LatencySetting* out, std::string* error) const {
+  return ParseLatency(
+      text, [this](const std::string& name, unsigned long long* id) { return commandByName(name, id); }, out, error);
+}
+
 std::map<unsigned long long, uint64_t> ArraySimulator::commandCounts() const {
   std::lock_guard<std::mutex> lock(countMu_);
   return counts_;
@@ -313,9 +318,19 @@ Reply ArraySimulator::handle(const unsigned char* frame, size_t size) {
       normal = AnswerWriter::Empty(kSimErrMalformed);
     }
   }
+  if (record.id() == kSimControlCmd) {
+    reply.bytes = std::move(normal);
+    return reply;
+  }
+  // The array's latency, then a fault if one hits (a delay fault adds to it).
+  const uint32_t latencyMs = latency_.of(record.id());
   FaultRule fault;
-  if (record.id() != kSimControlCmd && faults_.match(record.id(), &fault)) return faulted(fault, std::move(normal));
-  reply.bytes = std::move(normal);
+  if (faults_.match(record.id(), &fault)) {
+    reply = faulted(fault, std::move(normal));
+  } else {
+    reply.bytes = std::move(normal);
+  }
+  reply.delayMs += latencyMs;
   return reply;
 }
 
@@ -557,7 +572,27 @@ std::vector<unsigned char> ArraySimulator::control(const CTLVRecordV3& record) {
     clearFaults();
     return AnswerWriter::Empty(kSimOk);
   }
+  if (action == "latency") {
+    LatencySetting setting;
+    std::string error;
+    if (!ReadText(record, 1, &arg) || !parseLatency(arg, &setting, &error)) {
+      return AnswerWriter::Empty(kSimErrMalformed);
+    }
+    setLatency(setting);
+    return AnswerWriter::Empty(kSimOk);
+  }
+  if (action == "clear-latency") {
+    clearLatency();
+    return AnswerWriter::Empty(kSimOk);
+  }
   AnswerWriter w;
+  if (action == "list-latency") {
+    for (const LatencySetting& l : latencies()) {
+      w.beginRecord(kAnswerId);
+      w.str(1, LatencyText(l));
+    }
+    return w.finish();
+  }
   if (action == "list-faults") {
     for (const FaultRule& f : faults()) {
       w.beginRecord(kAnswerId);

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "sim/fault.h"
+#include "sim/latency.h"
 #include "sim/topology.h"
 #include "sim/workload.h"
 
@@ -145,6 +146,13 @@ class ArraySimulator {
   std::vector<FaultRule> faults() const { return faults_.list(); }
   // ParseFault with this simulator's command names.
   bool parseFault(const std::string& text, FaultRule* out, std::string* error) const;
+  // --- latency ------------------------------------------------------------
+  void setLatency(const LatencySetting& setting) { latency_.set(setting); }
+  void clearLatency() { latency_.clear(); }
+  std::vector<LatencySetting> latencies() const { return latency_.list(); }
+  // ParseLatency with this simulator's command names.
+  bool parseLatency(const std::string& text, LatencySetting* out, std::string* error) const;
+
   // The record identifier of a command name (GET_CUR_STATISTIC_DATA, ...,
   // LISTING, SORTED_LISTING, LUN_BATCH_STATS, SIM_CONTROL).
   bool commandByName(const std::string& name, unsigned long long* id) const;
@@ -178,6 +186,7 @@ class ArraySimulator {
   const CommandCodes codes_;
   std::atomic<uint32_t> switch_;
   FaultTable faults_;
+  LatencyTable latency_;
 
   mutable std::mutex clockMu_;
   bool frozen_ = false;

@@ -201,6 +201,35 @@ TEST_F(ArraySimulatorTest, FaultsShapeTheReply) {
   EXPECT_TRUE(sim_.faults().empty());
 }
 
+TEST_F(ArraySimulatorTest, LatencyDelaysEveryAnswerOfItsCommandAndAddsToADelayFault) {
+  LatencySetting l;
+  std::string error;
+  ASSERT_TRUE(sim_.parseLatency("GET_CUR_STATISTIC_DATA=5", &l, &error)) << error;
+  sim_.setLatency(l);
+  ASSERT_TRUE(sim_.parseLatency("1", &l, &error)) << error;
+  sim_.setLatency(l);
+  const std::vector<unsigned char> stats = Rec(codes_.getStats).str(0, "11:7").str(8, kLunItems).u32(2, 4).frame();
+  const std::vector<unsigned char> sw = Rec(codes_.getSwitch).frame();
+  Reply r = sim_.handle(stats.data(), stats.size());
+  EXPECT_EQ(r.delayMs, 5u);
+  EXPECT_FALSE(r.closeAfter);
+  EXPECT_EQ(DecodeAnswer(r.bytes)->code, 0u);
+  EXPECT_EQ(sim_.handle(sw.data(), sw.size()).delayMs, 1u);
+  // A delay fault comes on top of the latency.
+  FaultRule f;
+  ASSERT_TRUE(sim_.parseFault("delay=20,cmd=GET_CUR_STATISTIC_DATA,count=1", &f, &error)) << error;
+  sim_.addFault(f);
+  EXPECT_EQ(sim_.handle(stats.data(), stats.size()).delayMs, 25u);
+  EXPECT_EQ(sim_.handle(stats.data(), stats.size()).delayMs, 5u);
+  // Control requests are never late; they set and clear the latency too.
+  const std::vector<unsigned char> clear = Rec(kSimControlCmd).str(0, "clear-latency").frame();
+  r = sim_.handle(clear.data(), clear.size());
+  EXPECT_EQ(r.delayMs, 0u);
+  EXPECT_EQ(DecodeAnswer(r.bytes)->code, 0u);
+  EXPECT_TRUE(sim_.latencies().empty());
+  EXPECT_EQ(sim_.handle(stats.data(), stats.size()).delayMs, 0u);
+}
+
 TEST_F(ArraySimulatorTest, BadValuesFaultSpoilsOnlyTheValuesTexts) {
   FaultRule f;
   std::string error;

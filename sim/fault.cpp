@@ -54,6 +54,10 @@ bool ParseUnsigned(const std::string& text, unsigned long long max, unsigned lon
 
 }  // namespace
 
+bool ParseCommandId(const std::string& text, const CommandResolver& resolve, unsigned long long* id) {
+  return ParseUnsigned(text, ~0ULL, id) || (resolve && resolve(text, id));
+}
+
 bool ParseFault(const std::string& text, const CommandResolver& resolve, FaultRule* out, std::string* error) {
   FaultRule rule;
   std::istringstream in(text);
@@ -96,7 +100,7 @@ bool ParseFault(const std::string& text, const CommandResolver& resolve, FaultRu
       continue;
     }
     if (key == "cmd" && hasArg) {
-      if (!ParseUnsigned(arg, ~0ULL, &rule.command) && !(resolve && resolve(arg, &rule.command))) {
+      if (!ParseCommandId(arg, resolve, &rule.command)) {
         *error = "unknown command '" + arg + "'";
         return false;
       }

@@ -51,6 +51,11 @@ const uint32_t kMaxFaultDelayMs = 60000;
 // Resolves a command name to its record identifier; false when unknown.
 typedef std::function<bool(const std::string& name, unsigned long long* id)> CommandResolver;
 
+// A command as the text forms of faults and latencies name it: a decimal or
+// 0x-hexadecimal record identifier, or a name resolve knows. False when it
+// is neither.
+bool ParseCommandId(const std::string& text, const CommandResolver& resolve, unsigned long long* id);
+
 // Parses the text form above. False with *error when it is not one.
 bool ParseFault(const std::string& text, const CommandResolver& resolve, FaultRule* out, std::string* error);
 // The text form of a fault (command as 0x-hexadecimal).

@@ -43,6 +43,15 @@ int main(int argc, char** argv) {
     }
     server.array().addFault(rule);
   }
+  for (const std::string& text : flags.latencies) {
+    zerva_sim::LatencySetting setting;
+    if (!server.array().parseLatency(text, &setting, &error)) {
+      fprintf(stderr, "%s: --latency %s: %s\n", argv[0], text.c_str(), error.c_str());
+      server.stop();
+      return 2;
+    }
+    server.array().setLatency(setting);
+  }
   const zerva_sim::Topology& t = server.array().topology();
   printf("zerva-array-sim listening on %s (%zu controllers, %zu ports, %zu LUNs, %zu file systems, switch %s)\n",
          server.address().c_str(), t.controllers.size(), t.ports.size(), t.luns.size(), t.fileSystems.size(),

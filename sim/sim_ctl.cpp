@@ -9,7 +9,9 @@
 //   counts          "0xID NAME COUNT" per command, by identifier
 //   clock           the model time in milliseconds
 //   list-faults     one RULE per active fault
-//   fault RULE, clear-faults, freeze-clock MS, run-clock
+//   list-latency    one [CMD=]MS per latency set
+//   fault RULE, clear-faults, latency [CMD=]MS, clear-latency,
+//   freeze-clock MS, run-clock
 //                   one line saying what was done
 // Exit status: 0 done; 1 no answer, an unexpected answer or a refusal;
 // 2 bad command line. Errors are one "zerva-sim-ctl: ..." line on stderr.
@@ -23,6 +25,7 @@
 
 #include "sim/array_simulator.h"
 #include "sim/fault.h"
+#include "sim/latency.h"
 #include "snmpcommon/snmp_backend_frame.h"
 #include "snmpcommon/snmp_configuration.h"
 #include "snmpcommon/snmp_socket_transport.h"
@@ -54,6 +57,9 @@ std::string Usage() {
          "                         list-faults   the active faults, one RULE a line\n"
          "                         clear-faults  remove every fault\n"
          "                         fault RULE    add a fault: KIND[=ARG][,cmd=CMD][,rate=P][,count=N]\n"
+         "                         latency [CMD=]MS  answer every command (or CMD) MS ms late (0: remove)\n"
+         "                         list-latency  the latencies set, [CMD=]MS a line\n"
+         "                         clear-latency remove every latency\n"
          "                         freeze-clock MS  stop the model clock at MS\n"
          "                         run-clock     let the model clock run again\n"
          "  --timeout MS           connect and answer timeout (default 2000)\n"
@@ -149,9 +155,10 @@ int main(int argc, char** argv) {
 
   const std::string& addressText = args[0];
   const std::string& action = args[1];
-  const bool needsArg = action == "fault" || action == "freeze-clock";
+  const bool needsArg = action == "fault" || action == "freeze-clock" || action == "latency";
   const bool known = needsArg || action == "counts" || action == "clock" || action == "list-faults" ||
-                     action == "clear-faults" || action == "run-clock";
+                     action == "clear-faults" || action == "run-clock" || action == "list-latency" ||
+                     action == "clear-latency";
   if (!known) return BadUsage("unknown action '" + action + "'");
   if (args.size() != (needsArg ? 3u : 2u)) {
     return BadUsage(needsArg ? action + " needs one argument" : action + " takes no argument");
@@ -169,18 +176,25 @@ int main(int argc, char** argv) {
   std::unique_ptr<CTLVRecordV3> record(new CTLVRecordV3(zerva_sim::kSimControlCmd, CTLVRecordV3::DEFAULT_BUCKETS));
   record->append(tlv::NewStringCell(0, action));
   uint64_t frozenMs = 0;
+  // Faults and latencies are checked here first, for a precise message; the
+  // simulator checks them again.
+  const zerva_sim::CommandResolver resolve = [&names](const std::string& name, unsigned long long* id) {
+    for (const auto& n : names) {
+      if (n.first != name) continue;
+      *id = n.second;
+      return true;
+    }
+    return false;
+  };
   if (action == "fault") {
-    // Checked here first, for a precise message; the simulator checks again.
     zerva_sim::FaultRule rule;
-    const zerva_sim::CommandResolver resolve = [&names](const std::string& name, unsigned long long* id) {
-      for (const auto& n : names) {
-        if (n.first != name) continue;
-        *id = n.second;
-        return true;
-      }
-      return false;
-    };
     if (!zerva_sim::ParseFault(args[2], resolve, &rule, &error)) return BadUsage("fault '" + args[2] + "': " + error);
+    record->append(tlv::NewStringCell(1, args[2]));
+  } else if (action == "latency") {
+    zerva_sim::LatencySetting setting;
+    if (!zerva_sim::ParseLatency(args[2], resolve, &setting, &error)) {
+      return BadUsage("latency '" + args[2] + "': " + error);
+    }
     record->append(tlv::NewStringCell(1, args[2]));
   } else if (action == "freeze-clock") {
     if (!ParseDecimal(args[2], (1ULL << 50) - 1, &frozenMs)) {
@@ -225,10 +239,10 @@ int main(int argc, char** argv) {
       return Fail(kFailed, addressText + ": clock: the answer holds no model time");
     }
     out = std::to_string(ms) + "\n";
-  } else if (action == "list-faults") {
+  } else if (action == "list-faults" || action == "list-latency") {
     for (const CTLVRecordV3* r : rsp.records()) {
       if (!r->hasTag(1) || (*r)[1]->type() != CTLVCell::TLV_TYPE_STRING) {
-        return Fail(kFailed, addressText + ": list-faults: a record without a fault text in the answer");
+        return Fail(kFailed, addressText + ": " + action + ": a record without its text in the answer");
       }
       out += (*r)[1]->toString() + "\n";
     }
@@ -236,6 +250,10 @@ int main(int argc, char** argv) {
     out = "fault added: " + args[2] + "\n";
   } else if (action == "clear-faults") {
     out = "faults cleared\n";
+  } else if (action == "latency") {
+    out = "latency set: " + args[2] + "\n";
+  } else if (action == "clear-latency") {
+    out = "latency cleared\n";
   } else if (action == "freeze-clock") {
     out = "clock frozen at " + std::to_string(frozenMs) + "\n";
   } else {

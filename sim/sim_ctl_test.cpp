@@ -147,6 +147,32 @@ TEST_F(SimCtlTest, FaultIsAddedListedAppliedAndCleared) {
   EXPECT_EQ(r.output, "");
 }
 
+TEST_F(SimCtlTest, LatencyIsSetListedAppliedAndCleared) {
+  const CommandCodes codes;
+  CtlRun r = Ctl(address_ + " latency GET_CUR_STATISTIC_DATA=50");
+  EXPECT_EQ(r.rc, 0) << r.output;
+  EXPECT_EQ(r.output, "latency set: GET_CUR_STATISTIC_DATA=50\n");
+  r = Ctl(address_ + " latency 2");
+  EXPECT_EQ(r.rc, 0) << r.output;
+  EXPECT_EQ(server_->array().latencies().size(), 2u);
+  r = Ctl(address_ + " list-latency");
+  EXPECT_EQ(r.rc, 0) << r.output;
+  EXPECT_EQ(r.output, "2\n" + Hex(codes.getStats) + "=50\n");
+
+  // The statistics command answers 50 ms late, not sooner.
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(Call(Rec(codes.getStats).str(0, "11:1").str(8, "22").u32(2, 4)), 0);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(50));
+
+  r = Ctl(address_ + " clear-latency");
+  EXPECT_EQ(r.rc, 0) << r.output;
+  EXPECT_EQ(r.output, "latency cleared\n");
+  EXPECT_TRUE(server_->array().latencies().empty());
+  r = Ctl(address_ + " latency NOPE=1");
+  EXPECT_EQ(r.rc, 2) << r.output;
+  EXPECT_NE(r.output.find("latency 'NOPE=1': unknown command 'NOPE'"), std::string::npos) << r.output;
+}
+
 TEST_F(SimCtlTest, BadCommandLinesExitTwoAndSendNothing) {
   const struct {
     std::string args;

@@ -41,9 +41,10 @@ enum Flag {
   kFlagSeed,
   kFlagDeviceConfig,
   kFlagFault,
+  kFlagLatency,
 };
 
-const char kFlags[] = "listen:,topology:,luns:,filesystems:,features:,switch:,seed:,device-config:,fault:";
+const char kFlags[] = "listen:,topology:,luns:,filesystems:,features:,switch:,seed:,device-config:,fault:,latency:";
 
 }  // namespace
 
@@ -60,6 +61,8 @@ std::string SimUsage(const char* program) {
          "  --fault RULE           inject a fault (repeatable): KIND[=ARG][,cmd=CMD][,rate=P][,count=N]\n"
          "                         KIND: refuse=CODE delay=MS close garbage truncate bad-magic bad-version huge-len\n"
          "                               bad-values bad-body\n"
+         "  --latency [CMD=]MS     answer every command (or CMD) MS milliseconds late, as a real array's\n"
+         "                         management plane does (repeatable; 0 to 60000)\n"
          "  -h, --help             this text\n"
          "  --version              the program's version\n";
 }
@@ -130,6 +133,9 @@ bool ParseSimFlags(int argc, const char* const* argv, SimFlags* out, std::string
         break;
       case kFlagFault:
         flags.faults.push_back(value);
+        break;
+      case kFlagLatency:
+        flags.latencies.push_back(value);
         break;
     }
     return true;

@@ -13,9 +13,28 @@ bool Parse(std::vector<const char*> args, SimFlags* flags, std::string* error) {
 TEST(SimFlagsTest, ParsesEveryFlag) {
   SimFlags f;
   std::string error;
-  ASSERT_TRUE(Parse({"--listen", "unix:/tmp/x", "--topology", "t.conf", "--luns", "65536", "--filesystems=4096",
-                     "--features", "48,602", "--switch", "off", "--seed", "9", "--device-config", "d.xml", "--fault",
-                     "close", "--fault", "delay=5"},
+  ASSERT_TRUE(Parse({"--listen",
+                     "unix:/tmp/x",
+                     "--topology",
+                     "t.conf",
+                     "--luns",
+                     "65536",
+                     "--filesystems=4096",
+                     "--features",
+                     "48,602",
+                     "--switch",
+                     "off",
+                     "--seed",
+                     "9",
+                     "--device-config",
+                     "d.xml",
+                     "--fault",
+                     "close",
+                     "--fault",
+                     "delay=5",
+                     "--latency",
+                     "1",
+                     "--latency=GET_CUR_STATISTIC_DATA=5"},
                     &f, &error))
       << error;
   EXPECT_EQ(f.options.listen, "unix:/tmp/x");
@@ -27,6 +46,7 @@ TEST(SimFlagsTest, ParsesEveryFlag) {
   EXPECT_EQ(f.options.seed, 9u);
   EXPECT_EQ(f.options.deviceConfig, "d.xml");
   EXPECT_EQ(f.faults, (std::vector<std::string>{"close", "delay=5"}));
+  EXPECT_EQ(f.latencies, (std::vector<std::string>{"1", "GET_CUR_STATISTIC_DATA=5"}));
 }
 
 TEST(SimFlagsTest, RefusesBadFlagsClearly) {

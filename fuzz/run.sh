@@ -44,10 +44,17 @@ fi
 GENERATOR="Unix Makefiles"
 if command -v ninja >/dev/null 2>&1; then GENERATOR="Ninja"; fi
 
+# ccache when installed (see scripts/test.sh).
+LAUNCHER=()
+if command -v ccache >/dev/null 2>&1; then
+  export CCACHE_BASEDIR="${CCACHE_BASEDIR:-$(pwd)}" CCACHE_NOHASHDIR=1
+  LAUNCHER=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+fi
+
 echo "== configuring build-fuzz"
 cmake -S . -B build-fuzz -G "$GENERATOR" \
   -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
-  -DZERVA_BUILD_FUZZ=ON -DZERVA_BUILD_TESTS=OFF -DZERVA_BUILD_BENCH=OFF -DZERVA_WERROR=ON >/dev/null
+  -DZERVA_BUILD_FUZZ=ON -DZERVA_BUILD_TESTS=OFF -DZERVA_BUILD_BENCH=OFF -DZERVA_WERROR=ON "${LAUNCHER[@]}" >/dev/null
 echo "== building build-fuzz"
 cmake --build build-fuzz -j "$(nproc)"
 

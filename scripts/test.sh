@@ -15,11 +15,21 @@ JOBS="$(nproc)"
 
 scripts/deps.sh
 
+# ccache (installed by scripts/deps.sh) makes the rebuild of an unchanged
+# file cheap, from another checkout of the tree too: paths are taken
+# relative to the tree and the working directory is not hashed.
+LAUNCHER=()
+if command -v ccache >/dev/null 2>&1; then
+  export CCACHE_BASEDIR="$(pwd)" CCACHE_NOHASHDIR=1
+  LAUNCHER=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+fi
+
 echo "== format"
 scripts/check_format.sh
 
 echo "== normal build"
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZERVA_BUILD_BENCH=ON -DZERVA_WERROR=ON >/dev/null
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZERVA_BUILD_BENCH=ON -DZERVA_WERROR=ON \
+  "${LAUNCHER[@]}" >/dev/null
 cmake --build build -j "$JOBS"
 echo "== tests"
 ctest --test-dir build --output-on-failure -j "$JOBS"
@@ -30,7 +40,8 @@ echo "== package test (install, run as the units do, reload, purge)"
 python3 tests/package/package_test.py build-packages
 
 echo "== sanitizer build (ASan + UBSan)"
-cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DZERVA_SANITIZE=ON -DZERVA_BUILD_BENCH=OFF -DZERVA_WERROR=ON >/dev/null
+cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DZERVA_SANITIZE=ON -DZERVA_BUILD_BENCH=OFF -DZERVA_WERROR=ON \
+  "${LAUNCHER[@]}" >/dev/null
 cmake --build build-asan -j "$JOBS"
 echo "== tests under sanitizers"
 ASAN_OPTIONS="detect_leaks=1:abort_on_error=1" UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1" \

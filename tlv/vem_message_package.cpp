@@ -28,33 +28,6 @@ std::string AtFileLine(const char* file, int line) {
   return s;
 }
 
-// Owns the cells of a record being parsed until they are handed over.
-class PendingCells {
- public:
-  PendingCells() { cells_.reserve(16); }
-  ~PendingCells() {
-    for (CTLVCell* cell : cells_) delete cell;
-  }
-  void add(CTLVCell* cell) {
-    std::unique_ptr<CTLVCell> owned(cell);
-    cells_.push_back(cell);
-    owned.release();
-  }
-  size_t count() const { return cells_.size(); }
-  // Moves every cell into the record, in order.
-  void handTo(CTLVRecordV3* record) {
-    for (size_t i = 0; i < cells_.size(); ++i) {
-      CTLVCell* cell = cells_[i];
-      cells_[i] = nullptr;
-      record->append(cell);
-    }
-    cells_.clear();
-  }
-
- private:
-  std::vector<CTLVCell*> cells_;
-};
-
 }  // namespace
 
 template <typename HEAD>
@@ -113,17 +86,27 @@ void CTLVPackageV3<HEAD>::encode_i(unsigned char* buf, unsigned int bodyLen) {
   if (iRet != 0) {
     VEM_ACE_ERROR_FMT("%D %M (%t) memcpy_s iRet = %d\n", static_cast<int>(iRet));
   }
+  // One pass: each record's length is what its cells took, written after them.
   unsigned char* p = buf + HEAD::SIZE;
+  unsigned char* const end = p + bodyLen;
   for (const CTLVRecordV3* record : m_records) {
     tlv::EncodeFixed64(p, record->id());
-    tlv::EncodeFixed16(p + 8, static_cast<uint16_t>(record->length()));
     unsigned char* c = p + MIN_RECORD_SIZE;
     for (const CTLVCell* cell : record->cells()) {
+      const unsigned short len = cell->length();
       tlv::EncodeFixed16(c, cell->tagWord());
-      tlv::EncodeFixed16(c + 2, cell->length());
-      if (cell->length() != 0) std::memcpy(c + MIN_TLV_SIZE, cell->value(), cell->length());
-      c += MIN_TLV_SIZE + cell->length();
+      tlv::EncodeFixed16(c + 2, len);
+      unsigned char* v = c + MIN_TLV_SIZE;
+      if (len <= CTLVCell::INLINE_VALUE_SIZE && end - v >= CTLVCell::INLINE_VALUE_SIZE) {
+        // A short value lies in the cell's own 8 bytes: copy all of them at
+        // once; the bytes past the value are overwritten by what follows.
+        if (len != 0) std::memcpy(v, cell->value(), CTLVCell::INLINE_VALUE_SIZE);
+      } else if (len != 0) {
+        std::memcpy(v, cell->value(), len);
+      }
+      c = v + len;
     }
+    tlv::EncodeFixed16(p + 8, static_cast<uint16_t>(c - p - MIN_RECORD_SIZE));
     p = c;
   }
 }
@@ -208,7 +191,10 @@ unsigned int CTLVPackageV3<HEAD>::getRecord(unsigned char* buf, unsigned int siz
   // a cell header near the 64 KiB mark cannot wrap it back into the record.
   const unsigned short recordEnd16 = static_cast<unsigned short>(recordEnd);
   unsigned int pos = MIN_RECORD_SIZE;
-  PendingCells cells;
+  unsigned long count = 0;
+  // The record is made first and takes the cells as they are read; if the
+  // record turns out bad it is destroyed with them (values scrubbed).
+  std::unique_ptr<CTLVRecordV3> built(new CTLVRecordV3(id, CTLVRecordV3::DEFAULT_BUCKETS));
   while (pos - MIN_RECORD_SIZE < usRecordLen) {
     if (size - pos < MIN_TLV_SIZE) {
       VEM_ACE_ERROR_TEXT(where(__LINE__) + " : (MIN_TLV_SIZE > uiBufSize - pos) ->" + std::to_string(MIN_TLV_SIZE) +
@@ -231,17 +217,16 @@ unsigned int CTLVPackageV3<HEAD>::getRecord(unsigned char* buf, unsigned int siz
       break;
     }
     CTLVCell* cell = new CTLVCell();
-    cells.add(cell);
-    cell->setCell(tagWord, reinterpret_cast<const char*>(buf + pos), sDataLen);
-    pos += cell->length();
+    built->adopt(cell);
+    cell->setFromWire(tagWord, buf + pos, sDataLen);
+    pos += sDataLen;
+    ++count;
   }
 
   // The position alone decides, also after a loop left by an error above.
   if (pos != recordEnd) return 0;
 
-  std::unique_ptr<CTLVRecordV3> built(
-      new CTLVRecordV3(id, std::max<unsigned long>(cells.count(), CTLVRecordV3::DEFAULT_BUCKETS)));
-  cells.handTo(built.get());
+  built->setBucketCount(std::max<unsigned long>(count, CTLVRecordV3::DEFAULT_BUCKETS));
   record = built.release();
   return recordEnd;
 }

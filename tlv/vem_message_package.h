@@ -10,6 +10,12 @@
 // created with new and handed to a record with append(); records are handed
 // to a package with push_back(). Cell values are zeroed before they are freed.
 //
+// Memory: cells, records, the records' list nodes and tag index entries, and
+// value buffers of up to 2 KiB come from the per-thread block pool of
+// tlv/tlv_pool.h (class-level operator new/delete and allocators), so that
+// decoding does not call malloc once per cell. Values of up to 8 bytes live
+// inside the cell. A record builds its tag index at the first lookup by tag.
+//
 // The operations marked "platform" are defined out of line in libvempub; the
 // rest is inline here or in tlv/vem_message_package.cpp, and is compiled into
 // every binary that uses the types.
@@ -22,6 +28,7 @@
 #include <ace/Null_Mutex.h>
 
 #include <cstdint>
+#include <cstring>
 #include <list>
 #include <memory>
 #include <sstream>
@@ -30,6 +37,7 @@
 
 #include "diag/vem_exception.h"
 #include "tlv/coding.h"
+#include "tlv/tlv_pool.h"
 
 namespace Json {
 class Value;
@@ -52,6 +60,12 @@ class CTLVCell {
   };
 
   enum : unsigned short { DEFAULT_TAG = 4094 };
+  // Values of up to this many bytes are kept inside the cell.
+  enum : unsigned short { INLINE_VALUE_SIZE = 8 };
+
+  // Cells come from the TLV block pool; delete returns them there.
+  static void* operator new(size_t n) { return tlv::PoolAllocate(n); }
+  static void operator delete(void* p, size_t n) { tlv::PoolFree(p, n); }
 
   // A default cell: type 0, tag 4094, no value.
   CTLVCell() : m_usTagWord(static_cast<unsigned short>(DEFAULT_TAG << 4)), m_usLen(0), m_pValue(nullptr) {}
@@ -94,17 +108,47 @@ class CTLVCell {
   // Replaces the tag word; the value stays.
   void setTagWord(unsigned short tagWord) { m_usTagWord = tagWord; }
 
+  // As setCell on a cell that holds no value yet (a new cell), for the
+  // decoder: the tag word as read, len bytes of data copied.
+  // REQUIRES: the cell holds no value; data has len bytes.
+  void setFromWire(unsigned short tagWord, const unsigned char* data, unsigned short len) {
+    m_usTagWord = tagWord;
+    if (len != 0) {
+      unsigned char* copy = allocValue(len);
+      std::memcpy(copy, data, len);
+      m_pValue = copy;
+      m_usLen = len;
+    }
+  }
+
   // Value conversions, as function objects over a cell.
   template <typename T>
   struct ValueCast;
 
  private:
+  // Storage for a value of len (> 0) bytes: the cell's own bytes up to
+  // INLINE_VALUE_SIZE, a pool block up to tlv::kMaxPooledSize, else new[].
+  unsigned char* allocValue(unsigned short len) {
+    if (len <= INLINE_VALUE_SIZE) return m_inline;
+    if (len <= tlv::kMaxPooledSize) return static_cast<unsigned char*>(tlv::PoolAllocate(len));
+    return new unsigned char[len];
+  }
+  // Frees what allocValue(len) gave.
+  void freeValue(unsigned char* value, unsigned short len) {
+    if (value == m_inline) return;
+    if (len <= tlv::kMaxPooledSize) {
+      tlv::PoolFree(value, len);
+    } else {
+      delete[] value;
+    }
+  }
+
   void releaseValue() {
     if (m_pValue != nullptr) {
       volatile unsigned char* p = m_pValue;
       for (unsigned int i = 0; i < m_usLen; ++i) p[i] = 0;
       if (g_tlvCellReleaseObserver != nullptr) g_tlvCellReleaseObserver(m_pValue, m_usLen);
-      delete[] m_pValue;
+      freeValue(m_pValue, m_usLen);
       m_pValue = nullptr;
     }
     m_usLen = 0;
@@ -113,6 +157,7 @@ class CTLVCell {
   unsigned short m_usTagWord;
   unsigned short m_usLen;
   unsigned char* m_pValue;
+  unsigned char m_inline[INLINE_VALUE_SIZE];  // the value when it is this short
 };
 
 // The value as an unsigned 32-bit number, by value length n:
@@ -145,18 +190,27 @@ struct CTLVCell::ValueCast<unsigned int> {
 
 class CTLVRecordV3 {
  public:
-  typedef std::list<CTLVCell*> CellList;
+  typedef std::list<CTLVCell*, tlv::PoolAllocator<CTLVCell*>> CellList;
   typedef ACE_Hash_Map_Manager_Ex<int, CellList::iterator, ACE_Hash<int>, ACE_Equal_To<int>, ACE_Null_Mutex> TagIndex;
 
   enum : unsigned long long { RESPONSE_ID = 0xFFFFFFFFFFFFFFFFULL };
   enum : unsigned long { DEFAULT_BUCKETS = 32 };
 
   // An empty record with that identifier and a tag index of bucketCount
-  // buckets (a failure to get them is logged by ACE as
-  // "ACE_Hash_Map_Manager_Ex\n" and the record carries on).
+  // buckets. The index is made at the first lookup by tag (or append after
+  // one), its buckets and entries from the block pool; a failure to get them
+  // is logged by ACE as "ACE_Hash_Map_Manager_Ex\n" and the record carries on.
+  // Because of that, a record must not be read from two threads at once.
   CTLVRecordV3(unsigned long long id, unsigned long bucketCount)
-      : m_ullId(id), m_index(bucketCount, ACE_Allocator::instance(), ACE_Allocator::instance()) {}
-  ~CTLVRecordV3() { clear(); }
+      : m_ullId(id), m_ulBuckets(bucketCount), m_pIndex(nullptr) {}
+  ~CTLVRecordV3() {
+    clear();
+    dropIndex();
+  }
+
+  // Records come from the TLV block pool; delete returns them there.
+  static void* operator new(size_t n) { return tlv::PoolAllocate(n); }
+  static void operator delete(void* p, size_t n) { tlv::PoolFree(p, n); }
   CTLVRecordV3(const CTLVRecordV3&) = delete;
   CTLVRecordV3& operator=(const CTLVRecordV3&) = delete;
 
@@ -176,18 +230,43 @@ class CTLVRecordV3 {
   void dump(std::ostringstream& os) const;
 
   // True when the tag index holds the tag.
-  bool hasTag(unsigned short tag) const { return m_index.find(tag) == 0; }
+  bool hasTag(unsigned short tag) const { return index().find(tag) == 0; }
+
+  // As append, for the decoder: the cell goes at the end and is owned by the
+  // record (freed if that fails); it may be filled afterwards, but its tag
+  // must be set before the first lookup.
+  void adopt(CTLVCell* cell) {
+    std::unique_ptr<CTLVCell> guard(cell);
+    m_cells.push_back(cell);
+    guard.release();
+    if (m_pIndex != nullptr) m_pIndex->bind(cell->tag(), std::prev(m_cells.end()));
+  }
 
   unsigned long long id() const { return m_ullId; }
   void setId(unsigned long long id) { m_ullId = id; }
   const CellList& cells() const { return m_cells; }
   size_t cellCount() const { return m_cells.size(); }
-  size_t bucketCount() const { return m_index.total_size(); }
+  // The bucket count of the tag index (the one it will have while it is not
+  // made yet).
+  size_t bucketCount() const { return m_pIndex != nullptr ? m_pIndex->total_size() : m_ulBuckets; }
+  // Sets the bucket count of a tag index not made yet; no effect afterwards.
+  void setBucketCount(unsigned long bucketCount) {
+    if (m_pIndex == nullptr) m_ulBuckets = bucketCount;
+  }
 
  private:
+  // The tag index, made from the cells at the first call.
+  TagIndex& index() const {
+    if (m_pIndex == nullptr) buildIndex();
+    return *m_pIndex;
+  }
+  void buildIndex() const;  // platform
+  void dropIndex();         // platform
+
   unsigned long long m_ullId;
   CellList m_cells;
-  TagIndex m_index;
+  unsigned long m_ulBuckets;
+  mutable TagIndex* m_pIndex;
 };
 
 // The 28-byte message header, laid out as on the wire (little-endian host).

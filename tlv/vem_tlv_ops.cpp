@@ -35,15 +35,25 @@ void CTLVCell::set_i(ETLVType type, unsigned short tag, const void* value, unsig
   if (value == nullptr && len != 0) {
     throw CVEM_Exception("CTLVCell value is null, tag equal to " + std::to_string(tag));
   }
-  unsigned char* copy = nullptr;
-  if (len != 0) {
-    copy = new unsigned char[len];
-    std::memcpy(copy, value, len);
+  const unsigned short n = static_cast<unsigned short>(len);
+  if (n <= INLINE_VALUE_SIZE) {
+    // The new value goes where the old one may lie (value may even point
+    // into it): copy it aside before the old one is scrubbed.
+    unsigned char bytes[INLINE_VALUE_SIZE];
+    if (n != 0) std::memcpy(bytes, value, n);
+    releaseValue();
+    if (n != 0) {
+      std::memcpy(m_inline, bytes, n);
+      m_pValue = m_inline;
+    }
+  } else {
+    unsigned char* copy = allocValue(n);
+    std::memcpy(copy, value, n);
+    releaseValue();
+    m_pValue = copy;
   }
-  releaseValue();
   m_usTagWord = static_cast<unsigned short>((tag << 4) | (static_cast<unsigned int>(type) & 0xF));
-  m_usLen = static_cast<unsigned short>(len);
-  m_pValue = copy;
+  m_usLen = n;
 }
 
 void CTLVCell::setCell(unsigned short tagWord, const char* data, unsigned long len) {
@@ -99,18 +109,29 @@ std::string CTLVCell::toString() const {
 }
 
 void CTLVRecordV3::append(const CTLVCell* cell) {
-  CTLVCell* owned = const_cast<CTLVCell*>(cell);
-  std::unique_ptr<CTLVCell> guard(owned);
-  m_cells.push_back(owned);
-  guard.release();
-  CellList::iterator node = std::prev(m_cells.end());
   // bind() keeps an existing entry: the first cell of a tag stays indexed.
-  m_index.bind(owned->tag(), node);
+  adopt(const_cast<CTLVCell*>(cell));
+}
+
+void CTLVRecordV3::buildIndex() const {
+  void* storage = tlv::PoolAllocate(sizeof(TagIndex));
+  // A failure to get the buckets is logged by ACE; the index is then empty
+  // and finds nothing.
+  m_pIndex = new (storage) TagIndex(m_ulBuckets, tlv::PoolAceAllocator::instance(), tlv::PoolAceAllocator::instance());
+  CellList& cells = const_cast<CellList&>(m_cells);
+  for (CellList::iterator node = cells.begin(); node != cells.end(); ++node) m_pIndex->bind((*node)->tag(), node);
+}
+
+void CTLVRecordV3::dropIndex() {
+  if (m_pIndex == nullptr) return;
+  m_pIndex->~TagIndex();
+  tlv::PoolFree(m_pIndex, sizeof(TagIndex));
+  m_pIndex = nullptr;
 }
 
 CTLVCell* CTLVRecordV3::operator[](unsigned short tag) {
   CellList::iterator node;
-  if (m_index.find(tag, node) != 0) {
+  if (index().find(tag, node) != 0) {
     throw CVEM_Exception("cell don't exist, tag is " + std::to_string(tag));
   }
   return *node;
@@ -125,7 +146,7 @@ unsigned long CTLVRecordV3::length() const {
 }
 
 void CTLVRecordV3::clear() {
-  m_index.unbind_all();
+  if (m_pIndex != nullptr) m_pIndex->unbind_all();
   for (CTLVCell* cell : m_cells) delete cell;
   m_cells.clear();
 }

@@ -10,9 +10,17 @@
 //  - "large": records of one ~4 KiB string cell each (a big listing), to
 //    show how much of the cost is per record and per cell.
 //
-// Every benchmark reports bytes/second over the encoded size of the package;
-// bench/run_codec_bench.sh prints the ratios to memcpy.
+// The same packages as Protocol Buffers messages (bench/tlv_codec_bench.proto:
+// the header fields, and per record its identifier and cells of tag word and
+// value bytes) are parsed and serialized for comparison, with and without a
+// google::protobuf::Arena.
+//
+// Every benchmark reports bytes/second over the encoded size of the TLV
+// package (also for protobuf, whose encoding is of about the same size; its
+// own size is the "pb_size" counter); bench/run_codec_bench.sh prints the
+// ratios to memcpy.
 #include <benchmark/benchmark.h>
+#include <google/protobuf/arena.h>
 
 #include <cstdio>
 #include <cstring>
@@ -23,6 +31,7 @@
 
 #include "tlv/backend_codes.h"
 #include "tlv/vem_message_package.h"
+#include "tlv_codec_bench.pb.h"
 
 namespace {
 
@@ -67,24 +76,28 @@ std::string CounterText(std::mt19937_64& rng) {
 }
 
 // Statistics answers and table rows until the encoded size reaches ~1 MiB.
+// The size is kept as records are added (each record adds 10 + length()).
 void BuildStatsPackage(CTLVPackage& pkg) {
   std::mt19937_64 rng(20261122);
   unsigned int objectId = 12345;
   unsigned int batch = 0;
-  while (EncodedSize(pkg) < kTargetSize) {
-    for (unsigned int i = 0; i < kBatchObjects && EncodedSize(pkg) < kTargetSize; ++i) {
+  unsigned long size = EncodedSize(pkg);
+  while (size < kTargetSize) {
+    for (unsigned int i = 0; i < kBatchObjects && size < kTargetSize; ++i) {
       CTLVRecordV3* record = new CTLVRecordV3(CTLVRecordV3::RESPONSE_ID, CTLVRecordV3::DEFAULT_BUCKETS);
       pkg.push_back(record);
       record->append(tlv::NewStringCell(backend::kTagBatchObjectId, std::to_string(objectId++)));
       record->append(tlv::NewStringCell(backend::kTagStatsValues, CounterText(rng)));
+      size += CTLVPackage::MIN_RECORD_SIZE + record->length();
     }
-    for (unsigned int r = 0; r < kRowsPerBatch && EncodedSize(pkg) < kTargetSize; ++r) {
+    for (unsigned int r = 0; r < kRowsPerBatch && size < kTargetSize; ++r) {
       const unsigned long long id = kRowCommands[(batch + r) % (sizeof kRowCommands / sizeof kRowCommands[0])];
       CTLVRecordV3* record = new CTLVRecordV3(id, CTLVRecordV3::DEFAULT_BUCKETS);
       pkg.push_back(record);
       for (unsigned short tag = 1; tag <= kRowCells; ++tag) {
         record->append(tlv::NewUintCell(tag, CTLVCell::TLV_TYPE_UINT, rng() % 4000000000ULL, 4));
       }
+      size += CTLVPackage::MIN_RECORD_SIZE + record->length();
     }
     ++batch;
   }
@@ -108,10 +121,32 @@ void BuildLargePackage(CTLVPackage& pkg) {
 
 enum Variant { kStats = 0, kLarge = 1 };
 
-// The package of a variant, built once, and its encoding.
+// The same content as a protobuf message.
+void ToProto(const CTLVPackage& pkg, zerva::bench::BenchPackage* out) {
+  const TLVMsgHeadV3& h = pkg.head();
+  out->set_hdr_word0(h.hdrWord0);
+  out->set_hdr_word1(h.hdrWord1);
+  out->set_hdr_short0(h.hdrShort0);
+  out->set_hdr_short1(h.hdrShort1);
+  out->set_hdr_short2(h.hdrShort2);
+  out->set_hdr_short3(h.hdrShort3);
+  for (const CTLVRecordV3* record : pkg.records()) {
+    zerva::bench::BenchRecord* r = out->add_records();
+    r->set_id(record->id());
+    for (const CTLVCell* cell : record->cells()) {
+      zerva::bench::BenchCell* c = r->add_cells();
+      c->set_tag_word(cell->tagWord());
+      c->set_value(reinterpret_cast<const char*>(cell->value()), cell->length());
+    }
+  }
+}
+
+// The package of a variant, built once, its encoding and its protobuf form.
 struct Fixture {
   CTLVPackage pkg;
   std::vector<unsigned char> wire;
+  zerva::bench::BenchPackage proto;
+  std::string protoWire;
 
   explicit Fixture(Variant v) {
     if (v == kStats) {
@@ -122,6 +157,11 @@ struct Fixture {
     wire.resize(EncodedSize(pkg));
     if (pkg.encode(wire.data(), static_cast<unsigned int>(wire.size())) != wire.size()) {
       std::fprintf(stderr, "tlv_codec_bench: encoding the fixture failed\n");
+      std::abort();
+    }
+    ToProto(pkg, &proto);
+    if (!proto.SerializeToString(&protoWire)) {
+      std::fprintf(stderr, "tlv_codec_bench: serializing the protobuf fixture failed\n");
       std::abort();
     }
   }
@@ -137,6 +177,7 @@ void SetCommonCounters(benchmark::State& state, const Fixture& f) {
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(f.wire.size()));
   state.counters["size"] = static_cast<double>(f.wire.size());
   state.counters["records"] = static_cast<double>(f.pkg.size());
+  state.counters["pb_size"] = static_cast<double>(f.protoWire.size());
 }
 
 // The floor: copying the encoded bytes between two preallocated buffers.
@@ -212,6 +253,71 @@ void BM_Decode(benchmark::State& state, Variant v) { DecodeLoop(state, v, /*clea
 // decode() plus clear().
 void BM_DecodeAndClear(benchmark::State& state, Variant v) { DecodeLoop(state, v, /*clearTimed=*/true); }
 
+// Protocol Buffers: SerializeToArray into a preallocated buffer.
+void BM_ProtoSerialize(benchmark::State& state, Variant v) {
+  Fixture& f = GetFixture(v);
+  std::vector<unsigned char> buf(f.protoWire.size());
+  const int size = static_cast<int>(buf.size());
+  for (auto _ : state) {
+    bool ok = f.proto.SerializeToArray(buf.data(), size);
+    benchmark::DoNotOptimize(ok);
+    benchmark::ClobberMemory();
+  }
+  SetCommonCounters(state, f);
+}
+
+// Protocol Buffers without an arena: ParseFromArray into a new message on
+// the heap. With freeTimed the message's destruction is timed too (as
+// BM_DecodeAndClear); otherwise it is not (as BM_Decode).
+void ProtoParseLoop(benchmark::State& state, Variant v, bool freeTimed) {
+  Fixture& f = GetFixture(v);
+  const std::string wire(f.protoWire);
+  for (auto _ : state) {
+    auto* msg = new zerva::bench::BenchPackage();
+    bool ok = msg->ParseFromArray(wire.data(), static_cast<int>(wire.size()));
+    benchmark::DoNotOptimize(ok);
+    if (!freeTimed) state.PauseTiming();
+    if (!ok || msg->records_size() != static_cast<int>(f.pkg.size())) {
+      state.SkipWithError("protobuf parse of the fixture failed");
+      delete msg;
+      break;
+    }
+    delete msg;
+    if (!freeTimed) state.ResumeTiming();
+  }
+  SetCommonCounters(state, f);
+}
+
+// Protocol Buffers with a google::protobuf::Arena per message: the message
+// and all its records and cells are allocated from it, and freed at once
+// when the arena goes.
+void ProtoArenaParseLoop(benchmark::State& state, Variant v, bool freeTimed) {
+  Fixture& f = GetFixture(v);
+  const std::string wire(f.protoWire);
+  for (auto _ : state) {
+    auto* arena = new google::protobuf::Arena();
+    auto* msg = google::protobuf::Arena::CreateMessage<zerva::bench::BenchPackage>(arena);
+    bool ok = msg->ParseFromArray(wire.data(), static_cast<int>(wire.size()));
+    benchmark::DoNotOptimize(ok);
+    if (!freeTimed) state.PauseTiming();
+    if (!ok || msg->records_size() != static_cast<int>(f.pkg.size())) {
+      state.SkipWithError("protobuf arena parse of the fixture failed");
+      delete arena;
+      break;
+    }
+    delete arena;
+    if (!freeTimed) state.ResumeTiming();
+  }
+  SetCommonCounters(state, f);
+}
+
+void BM_ProtoParse(benchmark::State& state, Variant v) { ProtoParseLoop(state, v, /*freeTimed=*/false); }
+void BM_ProtoParseAndFree(benchmark::State& state, Variant v) { ProtoParseLoop(state, v, /*freeTimed=*/true); }
+void BM_ProtoArenaParse(benchmark::State& state, Variant v) { ProtoArenaParseLoop(state, v, /*freeTimed=*/false); }
+void BM_ProtoArenaParseAndFree(benchmark::State& state, Variant v) {
+  ProtoArenaParseLoop(state, v, /*freeTimed=*/true);
+}
+
 }  // namespace
 
 BENCHMARK_CAPTURE(BM_Memcpy, stats, kStats)->Unit(benchmark::kMicrosecond);
@@ -224,5 +330,15 @@ BENCHMARK_CAPTURE(BM_Decode, stats, kStats)->Unit(benchmark::kMicrosecond);
 BENCHMARK_CAPTURE(BM_Decode, large, kLarge)->Unit(benchmark::kMicrosecond);
 BENCHMARK_CAPTURE(BM_DecodeAndClear, stats, kStats)->Unit(benchmark::kMicrosecond);
 BENCHMARK_CAPTURE(BM_DecodeAndClear, large, kLarge)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_ProtoSerialize, stats, kStats)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_ProtoSerialize, large, kLarge)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_ProtoParse, stats, kStats)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_ProtoParse, large, kLarge)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_ProtoParseAndFree, stats, kStats)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_ProtoParseAndFree, large, kLarge)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_ProtoArenaParse, stats, kStats)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_ProtoArenaParse, large, kLarge)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_ProtoArenaParseAndFree, stats, kStats)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_ProtoArenaParseAndFree, large, kLarge)->Unit(benchmark::kMicrosecond);
 
 BENCHMARK_MAIN();

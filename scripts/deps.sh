@@ -6,7 +6,7 @@ set -euo pipefail
 PACKAGES=(
   build-essential cmake ninja-build pkg-config python3 ccache
   libace-dev libsafec-dev libjsoncpp-dev libpugixml-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libgtest-dev libgmock-dev libbenchmark-dev libprotobuf-dev protobuf-compiler
   clang clang-format libclang-rt-14-dev
   libsnmp-dev snmp snmpd snmptrapd smitools
   prometheus-snmp-exporter prometheus collectd-core monitoring-plugins-standard

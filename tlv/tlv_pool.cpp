@@ -96,8 +96,10 @@ void ReleaseCache(void* arg);
 
 // The calling thread's cache, or null once its thread-exit release has run
 // (frees then go to the depot under the lock).
-thread_local ThreadCache* t_cache = nullptr;
-thread_local bool t_cacheReleased = false;
+// Initial-exec: a plain TLS access, no __tls_get_addr call (16 bytes of
+// static TLS, which a library loaded with dlopen can still get).
+__attribute__((tls_model("initial-exec"))) thread_local ThreadCache* t_cache = nullptr;
+__attribute__((tls_model("initial-exec"))) thread_local bool t_cacheReleased = false;
 
 void ReleaseCache(void* arg) {
   ThreadCache* cache = static_cast<ThreadCache*>(arg);

@@ -128,10 +128,7 @@ ThreadCache* MakeCache() {
       cache = depot.spareCaches.back();
       depot.spareCaches.pop_back();
     }
-    if (cache == nullptr) {
-      cache = new ThreadCache();
-      depot.spareCaches.reserve(depot.spareCaches.size() + 1);  // room to hand it back at exit
-    }
+    if (cache == nullptr) cache = new ThreadCache();
   }
   std::memset(cache, 0, sizeof(*cache));
   pthread_setspecific(g_cacheKey, cache);

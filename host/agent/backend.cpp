@@ -13,15 +13,13 @@
 
 namespace zerva_agent {
 
-std::string DefaultDeviceConfig() { return CVEMXmlConfig::defaultPath(); }
-
 Backend::Backend() {}
 
 Backend::~Backend() { stop(); }
 
 bool Backend::start(const AgentOptions& options, std::string* error) {
   stop();
-  const std::string deviceConfig = options.deviceConfig.empty() ? DefaultDeviceConfig() : options.deviceConfig;
+  const std::string deviceConfig = options.deviceConfig.empty() ? CVEMXmlConfig::defaultPath() : options.deviceConfig;
   CVEMXmlConfig::instance()->setPath(deviceConfig);
   std::string why;
   if (!CVEMXmlConfig::instance()->load(&why)) {

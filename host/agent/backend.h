@@ -52,9 +52,6 @@ class Backend {
   bool installed_ = false;
 };
 
-// The device configuration used when none is configured.
-std::string DefaultDeviceConfig();
-
 }  // namespace zerva_agent
 
 #endif  // ZERVA_AGENT_BACKEND_H_

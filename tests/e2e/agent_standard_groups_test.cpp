@@ -6,6 +6,7 @@
 // our sysORTable entry is added there.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -35,10 +36,10 @@ const char kSysLocation[] = ".1.3.6.1.2.1.1.6.0";
 const char kSysOREntry[] = ".1.3.6.1.2.1.1.9.1";
 const char kSnmpInPkts[] = ".1.3.6.1.2.1.11.1.0";
 const char kSnmpEngineBoots[] = ".1.3.6.1.6.3.10.2.1.2.0";
-// VEM-PERFORMANCE-MIB::vemSnmpAgentProduct and the module's identity.
+// VEM-PERFORMANCE-MIB::vemSnmpAgentProduct.
 const char kProductOid[] = ".1.3.6.1.4.1.32473.4.2.1";
-const char kModuleOid[] = ".1.3.6.1.4.1.32473.4.1.21";
-const char kModuleDescr[] = "The MIB module VEM-PERFORMANCE-MIB";
+// The module's sysORTable row as SysORRows() gives it.
+const char kModuleRow[] = ".1.3.6.1.4.1.32473.4.1.21 \"The MIB module VEM-PERFORMANCE-MIB\"";
 
 // The value of one GET as snmpget prints it with -Oqv (strings quoted).
 std::string ValueOf(const Snmp& snmp, const std::string& oid) {
@@ -59,10 +60,7 @@ std::vector<std::string> SysORRows(const Snmp& snmp) {
 }
 
 bool HasRow(const std::vector<std::string>& rows, const std::string& row) {
-  for (const std::string& r : rows) {
-    if (r == row) return true;
-  }
-  return false;
+  return std::find(rows.begin(), rows.end(), row) != rows.end();
 }
 
 class StandardGroupsTest : public ::testing::Test {
@@ -103,7 +101,7 @@ TEST_F(StandardGroupsTest, SysUpTimeIsTheAgentsUpTimeAndGrows) {
 TEST_F(StandardGroupsTest, SysORTableListsTheServedMibModuleBesideNetSnmpsOwn) {
   ASSERT_NO_FATAL_FAILURE(start(""));
   const std::vector<std::string> rows = SysORRows(agent_.snmp());
-  EXPECT_TRUE(HasRow(rows, std::string(kModuleOid) + " \"" + kModuleDescr + "\"")) << ::testing::PrintToString(rows);
+  EXPECT_TRUE(HasRow(rows, kModuleRow)) << ::testing::PrintToString(rows);
   EXPECT_TRUE(HasRow(rows, ".1.3.6.1.6.3.1 \"The MIB module for SNMPv2 entities\"")) << ::testing::PrintToString(rows);
   EXPECT_TRUE(HasRow(rows,
                      ".1.3.6.1.6.3.15.2.1.1 \"The management information definitions for the SNMP User-based "
@@ -197,16 +195,16 @@ TEST(StandardGroupsAgentXTest, AsSubAgentOnlyItsSysOREntryIsAddedToTheMastersGro
   std::vector<std::string> rows;
   for (int i = 0; i < 50; ++i) {
     rows = SysORRows(snmp);
-    if (HasRow(rows, std::string(kModuleOid) + " \"" + kModuleDescr + "\"")) break;
+    if (HasRow(rows, kModuleRow)) break;
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
-  EXPECT_TRUE(HasRow(rows, std::string(kModuleOid) + " \"" + kModuleDescr + "\"")) << ::testing::PrintToString(rows);
+  EXPECT_TRUE(HasRow(rows, kModuleRow)) << ::testing::PrintToString(rows);
   // The system group is snmpd's.
   EXPECT_EQ(ValueOf(snmp, kSysObjectId).rfind(".1.3.6.1.4.1.8072.3.2.", 0), 0u) << ValueOf(snmp, kSysObjectId);
   EXPECT_EQ(0, agent.stop());
   // Gone from the master with the sub-agent.
   rows = SysORRows(snmp);
-  EXPECT_FALSE(HasRow(rows, std::string(kModuleOid) + " \"" + kModuleDescr + "\"")) << ::testing::PrintToString(rows);
+  EXPECT_FALSE(HasRow(rows, kModuleRow)) << ::testing::PrintToString(rows);
 }
 
 TEST(StandardGroupsDlmodTest, InsideSnmpdOnlyItsSysOREntryIsAddedToSnmpdsGroups) {
@@ -222,7 +220,7 @@ TEST(StandardGroupsDlmodTest, InsideSnmpdOnlyItsSysOREntryIsAddedToSnmpdsGroups)
   Snmp snmp(dir.path(), port);
   ASSERT_TRUE(snmp.ready()) << snmpd.log();
   const std::vector<std::string> rows = SysORRows(snmp);
-  EXPECT_TRUE(HasRow(rows, std::string(kModuleOid) + " \"" + kModuleDescr + "\"")) << ::testing::PrintToString(rows);
+  EXPECT_TRUE(HasRow(rows, kModuleRow)) << ::testing::PrintToString(rows);
   EXPECT_EQ(ValueOf(snmp, kSysObjectId).rfind(".1.3.6.1.4.1.8072.3.2.", 0), 0u) << ValueOf(snmp, kSysObjectId);
   EXPECT_EQ(0, snmpd.stop());
 }

@@ -46,6 +46,9 @@ PEER = "127.0.0.1:1161"
 
 passed = []
 failed = []
+# The SNMP tools' home directory (no ~/.snmp of the caller), in the test's
+# work directory.
+snmp_home = None
 
 
 def check(name, ok, detail=""):
@@ -61,7 +64,7 @@ def run(*cmd, **kw):
 def snmp_env():
     # No ~/.snmp of the caller, no MIBDIRS or MIBS: Net-SNMP's defaults.
     env = {k: v for k, v in os.environ.items() if k not in ("MIBDIRS", "MIBS", "SNMPCONFPATH")}
-    env["HOME"] = tempfile.mkdtemp(prefix="zerva-pkg-home.")
+    env["HOME"] = snmp_home
     return env
 
 
@@ -85,9 +88,22 @@ def installed_packages():
 
 
 def main(debdir):
+    global snmp_home
     if os.geteuid() != 0:
         print("SKIP: the package test installs packages and starts services: run it as root")
         return 0
+    # Made readable for the services' user (the topology is read from here).
+    work = tempfile.mkdtemp(prefix="zerva-pkg.")
+    os.chmod(work, 0o755)
+    snmp_home = os.path.join(work, "home")
+    os.mkdir(snmp_home)
+    try:
+        return install_serve_purge(debdir, work)
+    finally:
+        shutil.rmtree(work, ignore_errors=True)
+
+
+def install_serve_purge(debdir, work):
     # The packages, not their -dbgsym companions.
     debs = sorted(d for d in glob.glob(os.path.join(debdir, "*.deb")) if "-dbgsym_" not in d)
     names = sorted(re.sub(r"_.*", "", os.path.basename(d)) for d in debs)
@@ -137,7 +153,6 @@ def main(debdir):
           str(elf_runpaths))
 
     # The units.
-    work = tempfile.mkdtemp(prefix="zerva-pkg.")
     units = os.path.join(work, "units")
     os.makedirs(os.path.join(units, "zerva-snmp-agent.service.d"))
     for unit in ("zerva-snmp-agent.service", "zerva-array-sim.service"):
@@ -157,7 +172,6 @@ def main(debdir):
     topology = os.path.join(work, "array.conf")
     with open(topology, "w") as f:
         f.write(TOPOLOGY)
-    os.chmod(work, 0o755)
     os.chmod(topology, 0o644)
     with open("/etc/default/zerva-array-sim", "a") as f:
         f.write('SIM_OPTS="--topology %s --seed 5"\n' % topology)
@@ -184,7 +198,6 @@ def main(debdir):
     check("after the purge no installed file, configuration or state remains", remaining == [], str(remaining))
     check("after the purge no statoverride of ours remains",
           "/etc/zerva" not in run("dpkg-statoverride", "--list").stdout)
-    shutil.rmtree(work, ignore_errors=True)
     print("%d passed, %d failed" % (len(passed), len(failed)))
     return 1 if failed else 0
 

@@ -126,11 +126,12 @@ class Service:
     def start(self):
         self._directories("RuntimeDirectory", "/run")
         self._directories("StateDirectory", "/var/lib")
-        command = expand_command(self.value("ExecStart"), self.environment())
+        env = self.environment()
+        command = expand_command(self.value("ExecStart"), env)
         umask = int(self.value("UMask", "0022"), 8)
         log = open(self.log_path, "ab")
         self.process = subprocess.Popen(self.setpriv() + command, stdin=subprocess.DEVNULL, stdout=log,
-                                        stderr=subprocess.STDOUT, cwd="/", env=self.environment(),
+                                        stderr=subprocess.STDOUT, cwd="/", env=env,
                                         preexec_fn=lambda: os.umask(umask))
         log.close()
         return command

@@ -81,7 +81,8 @@ void Record(const char* token, char* line) { g_handed.push_back({token, line != 
 bool SameOptions(const AgentOptions& a, const AgentOptions& b) {
   return a.modulePath == b.modulePath && a.mibDir == b.mibDir && a.backend == b.backend &&
          a.backendTimeoutMs == b.backendTimeoutMs && a.snapshotSeconds == b.snapshotSeconds &&
-         a.walkSeconds == b.walkSeconds && a.batchRows == b.batchRows && a.logLevel == b.logLevel &&
+         a.walkSeconds == b.walkSeconds && a.waitMs == b.waitMs && a.maxAgeSeconds == b.maxAgeSeconds &&
+         a.simLatencies == b.simLatencies && a.batchRows == b.batchRows && a.logLevel == b.logLevel &&
          a.logFile == b.logFile && a.syslog == b.syslog && a.deviceConfig == b.deviceConfig &&
          a.simTopology == b.simTopology && a.simLuns == b.simLuns && a.simFileSystems == b.simFileSystems &&
          a.simFeatures == b.simFeatures && a.simSeed == b.simSeed && a.agentx == b.agentx &&
@@ -172,6 +173,22 @@ bool Expect(const std::string& token, const std::string& v, AgentOptions* expect
     expected->walkSeconds = static_cast<unsigned int>(n);
     return true;
   }
+  if (token == "zervaWaitMilliseconds") {
+    if (!ValidNumber(v, 1, 60000, &n)) return false;
+    expected->waitMs = static_cast<unsigned int>(n);
+    return true;
+  }
+  if (token == "zervaMaxAgeSeconds") {
+    if (!ValidNumber(v, 0, 86400, &n)) return false;
+    expected->maxAgeSeconds = static_cast<unsigned int>(n);
+    return true;
+  }
+  if (token == "zervaSimLatency") {
+    // Checked against the device configuration's command names at start.
+    if (v.empty()) return false;
+    expected->simLatencies.push_back(v);
+    return true;
+  }
   if (token == "zervaBatchRows") {
     if (!ValidNumber(v, 1, 10000, &n)) return false;
     expected->batchRows = static_cast<unsigned int>(n);
@@ -248,6 +265,9 @@ void CheckRanges(const AgentOptions& o) {
   FUZZ_CHECK(o.backendTimeoutMs <= 3600000);
   FUZZ_CHECK(o.snapshotSeconds <= 86400);
   FUZZ_CHECK(o.walkSeconds <= 86400);
+  FUZZ_CHECK(o.waitMs >= 1 && o.waitMs <= 60000);
+  FUZZ_CHECK(o.maxAgeSeconds <= 86400);
+  for (const std::string& l : o.simLatencies) FUZZ_CHECK(!l.empty());
   FUZZ_CHECK(o.logFoldSeconds <= 86400);
   for (const auto& k : o.kitLogLevels) {
     FUZZ_CHECK(k.first <= 255);

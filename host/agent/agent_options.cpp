@@ -76,6 +76,10 @@ const std::vector<AgentToken>& AgentTokens() {
       {"zervaBackendTimeout", "MS: back-end call timeout (listings get twice as long)"},
       {"zervaSnapshotSeconds", "N: how long table rows are reused (0: never)"},
       {"zervaWalkSeconds", "N: how long a walk goes on with the rows it began on (0: no longer than the snapshot)"},
+      {"zervaWaitMilliseconds",
+       "MS: how long a request waits for the back end before it is answered from the previous read"},
+      {"zervaMaxAgeSeconds",
+       "N: the oldest read a request the back end is late for is answered from (0: none, genErr)"},
       {"zervaBatchRows", "N: rows asked per batch of a batch table"},
       {"zervaLogLevel", "trace|debug|warn|error|off: level of the debug kits"},
       {"zervaKitLogLevel", "KIT trace|debug|warn|error|off: level of one debug kit (repeatable)"},
@@ -88,6 +92,7 @@ const std::vector<AgentToken>& AgentTokens() {
       {"zervaSimFileSystems", "N: file systems of the embedded simulator"},
       {"zervaSimFeatures", "N: features of the embedded simulator (bits: 1 NFS, 2 SMB, 4 file systems)"},
       {"zervaSimSeed", "N: workload seed of the embedded simulator"},
+      {"zervaSimLatency", "[CMD=]MS: answer latency of the embedded simulator, per command or for all (repeatable)"},
       {"zervaRole", "master|agentx: standalone agent or AgentX sub-agent"},
   };
   return tokens;
@@ -117,6 +122,8 @@ bool ApplyAgentToken(const std::string& token, const std::string& rawValue, Agen
   if (token == "zervaBackendTimeout") return NumberToken(value, 1, 3600000, &o->backendTimeoutMs, error);
   if (token == "zervaSnapshotSeconds") return NumberToken(value, 0, 86400, &o->snapshotSeconds, error);
   if (token == "zervaWalkSeconds") return NumberToken(value, 0, 86400, &o->walkSeconds, error);
+  if (token == "zervaWaitMilliseconds") return NumberToken(value, 1, 60000, &o->waitMs, error);
+  if (token == "zervaMaxAgeSeconds") return NumberToken(value, 0, 86400, &o->maxAgeSeconds, error);
   if (token == "zervaBatchRows") return NumberToken(value, 1, 10000, &o->batchRows, error);
   if (token == "zervaLogLevel") {
     if (VEMParseLogLevel(value, &o->logLevel)) return true;
@@ -165,6 +172,16 @@ bool ApplyAgentToken(const std::string& token, const std::string& rawValue, Agen
   if (token == "zervaSimFileSystems") return NumberToken(value, 0, 1000000, &o->simFileSystems, error);
   if (token == "zervaSimFeatures") return NumberToken(value, 0, 7, &o->simFeatures, error);
   if (token == "zervaSimSeed") return NumberToken(value, 0, UINT64_MAX, &o->simSeed, error);
+  if (token == "zervaSimLatency") {
+    // The command names are the device configuration's: checked when the
+    // simulator starts.
+    if (value.empty()) {
+      *error = "a latency is [COMMAND=]MS";
+      return false;
+    }
+    o->simLatencies.push_back(value);
+    return true;
+  }
   *error = "unknown token '" + token + "'";
   return false;
 }

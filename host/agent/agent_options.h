@@ -21,6 +21,8 @@ struct AgentOptions {
   unsigned int backendTimeoutMs = 0;     // zervaBackendTimeout: 0 keeps the transport's defaults
   unsigned int snapshotSeconds = 3;      // zervaSnapshotSeconds: 0 reads the back end for every request
   unsigned int walkSeconds = 60;         // zervaWalkSeconds: a walk's snapshot age limit; 0: no extension
+  unsigned int waitMs = 300;             // zervaWaitMilliseconds: how long a request waits for the back end
+  unsigned int maxAgeSeconds = 180;      // zervaMaxAgeSeconds: the oldest read a late request is answered from
   unsigned int batchRows = 160;          // zervaBatchRows: rows per batch of a batch table
   EVEMLogLevel logLevel = VEM_LOG_WARN;  // zervaLogLevel
   // zervaKitLogLevel KIT LEVEL: levels of single kits, over zervaLogLevel.
@@ -35,6 +37,8 @@ struct AgentOptions {
   long simFileSystems = -1;
   long simFeatures = -1;
   unsigned long long simSeed = 1;
+  std::vector<std::string>
+      simLatencies;     // zervaSimLatency [CMD=]MS (repeatable): answer latency of the embedded simulator
   bool agentx = false;  // zervaRole agentx: run as an AgentX sub-agent
 };
 

@@ -22,6 +22,9 @@ TEST(AgentOptionsTest, DefaultsAreDocumented) {
   EXPECT_EQ(3u, o.snapshotSeconds);
   EXPECT_EQ(60u, o.walkSeconds);
   EXPECT_EQ(160u, o.batchRows);
+  EXPECT_EQ(300u, o.waitMs);
+  EXPECT_EQ(180u, o.maxAgeSeconds);
+  EXPECT_TRUE(o.simLatencies.empty());
   EXPECT_EQ(VEM_LOG_WARN, o.logLevel);
   EXPECT_TRUE(o.kitLogLevels.empty());
   EXPECT_EQ(60u, o.logFoldSeconds);
@@ -38,6 +41,10 @@ TEST(AgentOptionsTest, EveryTokenAcceptsAGoodValue) {
   EXPECT_TRUE(Apply("zervaSnapshotSeconds", "0", &o, &e));
   EXPECT_TRUE(Apply("zervaWalkSeconds", "0", &o, &e));
   EXPECT_TRUE(Apply("zervaBatchRows", "16", &o, &e));
+  EXPECT_TRUE(Apply("zervaWaitMilliseconds", "50", &o, &e));
+  EXPECT_TRUE(Apply("zervaMaxAgeSeconds", "0", &o, &e));
+  EXPECT_TRUE(Apply("zervaSimLatency", "5", &o, &e));
+  EXPECT_TRUE(Apply("zervaSimLatency", "GET_CUR_STATISTIC_DATA=1", &o, &e));
   EXPECT_TRUE(Apply("zervaLogLevel", "debug", &o, &e));
   EXPECT_TRUE(Apply("zervaKitLogLevel", "4 error", &o, &e)) << e;
   EXPECT_TRUE(Apply("zervaLogFoldSeconds", "0", &o, &e)) << e;
@@ -57,6 +64,9 @@ TEST(AgentOptionsTest, EveryTokenAcceptsAGoodValue) {
   EXPECT_EQ(0u, o.snapshotSeconds);
   EXPECT_EQ(0u, o.walkSeconds);
   EXPECT_EQ(16u, o.batchRows);
+  EXPECT_EQ(50u, o.waitMs);
+  EXPECT_EQ(0u, o.maxAgeSeconds);
+  EXPECT_EQ((std::vector<std::string>{"5", "GET_CUR_STATISTIC_DATA=1"}), o.simLatencies);
   EXPECT_EQ(VEM_LOG_DEBUG, o.logLevel);
   EXPECT_EQ((std::map<unsigned int, EVEMLogLevel>{{4, VEM_LOG_ERROR}}), o.kitLogLevels);
   EXPECT_EQ(0u, o.logFoldSeconds);
@@ -79,6 +89,10 @@ TEST(AgentOptionsTest, BadValuesAreRefusedWithAReason) {
   EXPECT_NE(std::string::npos, e.find("'sixty' is not a number from 0 to 86400")) << e;
   EXPECT_FALSE(Apply("zervaWalkSeconds", "86401", &o, &e));
   EXPECT_FALSE(Apply("zervaBatchRows", "ten", &o, &e));
+  EXPECT_FALSE(Apply("zervaWaitMilliseconds", "0", &o, &e));
+  EXPECT_FALSE(Apply("zervaWaitMilliseconds", "60001", &o, &e));
+  EXPECT_FALSE(Apply("zervaMaxAgeSeconds", "86401", &o, &e));
+  EXPECT_FALSE(Apply("zervaSimLatency", "", &o, &e));
   EXPECT_FALSE(Apply("zervaLogLevel", "loud", &o, &e));
   EXPECT_FALSE(Apply("zervaSyslog", "maybe", &o, &e));
   EXPECT_FALSE(Apply("zervaLogFoldSeconds", "1m", &o, &e));

@@ -53,6 +53,11 @@ bool AgentRuntime::serve(std::string* summary, std::string* error) {
   settings.walkTime = std::chrono::seconds(options.walkSeconds);
   settings.batchRows = options.batchRows;
   settings.request = CurrentSnmpRequest;
+  settings.waitTime = std::chrono::milliseconds(options.waitMs);
+  settings.maxAge = std::chrono::seconds(options.maxAgeSeconds);
+  settings.deadline = RequestDeadline(settings);
+  worker_.reset(new BackendWorker());
+  settings.worker = worker_.get();
   std::string prefixes;
   for (const HostedHandler& h : module_.handlers()) {
     std::unique_ptr<ObjectServer> server;
@@ -85,11 +90,15 @@ void AgentRuntime::unserve() {
   // them up again, stop() removes them.
   registrations_.unregisterKeepingMaster();
   sysOR_.remove();
+  worker_.reset();  // waits for the module call under way; the servers' jobs go with it
   servers_.clear();
   module_.unload();  // handlers, module, library
 }
 
 void AgentRuntime::stop() {
+  // A module call under way ends now instead of when the array answers: the
+  // worker is waited for below.
+  if (backend_.transport()) backend_.transport()->shutdown();
   featureAlarm_.stop();
   featureWatch_.reset();
   featureSource_.reset();

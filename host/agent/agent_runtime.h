@@ -71,6 +71,7 @@ class AgentRuntime {
   std::string where_;
   Backend backend_;
   ModuleHost module_;
+  std::unique_ptr<BackendWorker> worker_;  // makes every call into the module
   std::vector<std::unique_ptr<ObjectServer>> servers_;
   SnmpRegistrations registrations_;
   SysOREntry sysOR_;  // the served MIB module in sysORTable

@@ -9,6 +9,7 @@
 #include "snmpcommon/snmp_configuration.h"
 #include "snmpcommon/snmp_socket_transport.h"
 #include "vempub/vem_xml_config.h"
+#include "sim/array_simulator.h"
 #include "sim/sim_server.h"
 
 namespace zerva_agent {
@@ -49,6 +50,15 @@ bool Backend::start(const AgentOptions& options, std::string* error) {
       *error = "the embedded simulator does not start: " + why;
       stop();
       return false;
+    }
+    for (const std::string& text : options.simLatencies) {
+      zerva_sim::LatencySetting setting;
+      if (!sim_->array().parseLatency(text, &setting, &why)) {
+        *error = "zervaSimLatency " + text + ": " + why;
+        stop();
+        return false;
+      }
+      sim_->array().setLatency(setting);
     }
     address = sim_->address();
     description_ = "the embedded simulated array at " + address;

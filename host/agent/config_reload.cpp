@@ -115,6 +115,8 @@ std::vector<std::string> KeepRestartSettings(const AgentOptions& running, AgentO
   keep("zervaBackendTimeout", reread->backendTimeoutMs, running.backendTimeoutMs);
   keep("zervaSnapshotSeconds", reread->snapshotSeconds, running.snapshotSeconds);
   keep("zervaWalkSeconds", reread->walkSeconds, running.walkSeconds);
+  keep("zervaWaitMilliseconds", reread->waitMs, running.waitMs);
+  keep("zervaMaxAgeSeconds", reread->maxAgeSeconds, running.maxAgeSeconds);
   keep("zervaBatchRows", reread->batchRows, running.batchRows);
   keep("zervaDeviceConfig", reread->deviceConfig, running.deviceConfig);
   keep("zervaSimTopology", reread->simTopology, running.simTopology);
@@ -122,6 +124,7 @@ std::vector<std::string> KeepRestartSettings(const AgentOptions& running, AgentO
   keep("zervaSimFileSystems", reread->simFileSystems, running.simFileSystems);
   keep("zervaSimFeatures", reread->simFeatures, running.simFeatures);
   keep("zervaSimSeed", reread->simSeed, running.simSeed);
+  keep("zervaSimLatency", reread->simLatencies, running.simLatencies);
   keep("zervaRole", reread->agentx, running.agentx);
   return kept;
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <exception>
 #include <memory>
+#include <utility>
 
 #include "snmpcommon/snmp_configuration.h"
 #include "snmpcommon/snmp_read_failures.h"
@@ -67,13 +68,46 @@ Lookup WithStatus(Lookup::Status status) {
 
 // ---------------------------------------------------------------- ObjectServer
 
+std::function<Clock::time_point()> RequestDeadline(const ServerSettings& settings) {
+  struct Shared {
+    uint64_t request = 0;
+    Clock::time_point at;
+  };
+  auto shared = std::make_shared<Shared>();
+  const std::chrono::milliseconds wait = settings.waitTime;
+  const std::function<uint64_t()> request = settings.request;
+  return [shared, wait, request] {
+    const uint64_t current = request();
+    if (current != shared->request || shared->request == 0) {
+      shared->request = current;
+      shared->at = Clock::now() + wait;
+    }
+    return shared->at;
+  };
+}
+
 ObjectServer::ObjectServer(const MibObject& object, CSnmpHandler* handler, const ServerSettings& settings)
     : object_(object),
       handler_(handler),
       settings_(settings),
-      prefix_(std::vector<uint32_t>(object.oid.begin(), object.oid.end())) {}
+      prefix_(std::vector<uint32_t>(object.oid.begin(), object.oid.end())),
+      ownWorker_(settings.worker == nullptr ? new BackendWorker(BackendWorker::kInline) : nullptr),
+      worker_(settings.worker != nullptr ? settings.worker : ownWorker_.get()) {}
+
+BackendWorker::Ticket ObjectServer::submit(std::function<void()> fn, bool urgent) {
+  return worker_->submit(std::move(fn), urgent);
+}
+
+bool ObjectServer::waitUntil(const BackendWorker::Ticket& job, Clock::time_point deadline) {
+  return worker_->waitUntil(job, deadline);
+}
+
+Clock::time_point ObjectServer::deadline() const {
+  return settings_.deadline ? settings_.deadline() : Clock::now() + settings_.waitTime;
+}
 
 void ObjectServer::reportFailure(const std::string& what) {
+  std::lock_guard<std::mutex> lock(logMu_);
   if (failing_ == what) return;
   failing_ = what;
   VEMLog(VEM_KIT_AGENT, VEM_LOG_ERROR, "ObjectServer", __LINE__, "%s (%s) failed: %s; answering genErr",
@@ -81,17 +115,49 @@ void ObjectServer::reportFailure(const std::string& what) {
 }
 
 void ObjectServer::reportSuccess() {
+  std::lock_guard<std::mutex> lock(logMu_);
   if (failing_.empty()) return;
   failing_.clear();
   VEMLog(VEM_KIT_AGENT, VEM_LOG_WARN, "ObjectServer", __LINE__, "%s (%s) answers again", object_.name.c_str(),
          object_.prefix.c_str());
 }
 
+void ObjectServer::reportLate(const std::string& what) {
+  std::lock_guard<std::mutex> lock(logMu_);
+  const bool first = !late_;
+  late_ = true;
+  VEMLog(VEM_KIT_AGENT, first ? VEM_LOG_WARN : VEM_LOG_DEBUG, "ObjectServer", __LINE__, "%s (%s): %s",
+         object_.name.c_str(), object_.prefix.c_str(), what.c_str());
+}
+
+void ObjectServer::reportInTime() {
+  std::lock_guard<std::mutex> lock(logMu_);
+  if (!late_) return;
+  late_ = false;
+  VEMLog(VEM_KIT_AGENT, VEM_LOG_WARN, "ObjectServer", __LINE__, "%s (%s): the back end answers in time again",
+         object_.name.c_str(), object_.prefix.c_str());
+}
+
 void ObjectServer::warnOnce(const std::string& text) {
+  std::lock_guard<std::mutex> lock(logMu_);
   if (!warned_.insert(text).second) return;
   VEMLog(VEM_KIT_AGENT, VEM_LOG_WARN, "ObjectServer", __LINE__, "%s (%s): %s", object_.name.c_str(),
          object_.prefix.c_str(), text.c_str());
 }
+
+namespace {
+
+std::string Milliseconds(std::chrono::milliseconds ms) { return std::to_string(ms.count()) + " ms"; }
+
+// How old a read made at `at` is, for logs: "2.4 s".
+std::string Age(Clock::time_point now, Clock::time_point at) {
+  const long long ms = std::chrono::duration_cast<std::chrono::milliseconds>(now - at).count();
+  char text[32];
+  snprintf(text, sizeof text, "%lld.%lld s", ms / 1000, (ms % 1000) / 100);
+  return text;
+}
+
+}  // namespace
 
 // ---------------------------------------------------------------- ScalarServer
 
@@ -111,7 +177,7 @@ bool ScalarServer::writable() const {
   return SnmpTypeOf(c->syntax) != kAsnOctetString && c->syntax != MibSyntax::Counter64;
 }
 
-Lookup ScalarServer::read() {
+Lookup ScalarServer::readNow() {
   const MibColumn* col = object_.columns.empty() ? nullptr : &object_.columns.front();
   if (col == nullptr) return Error("the MIB description gives the scalar no syntax");
   CVEM_SnmpContext ctx(SNMP_OP_GET, Agentpp::Oidx{0}, 1);
@@ -135,6 +201,46 @@ Lookup ScalarServer::read() {
   out.status = Lookup::kFound;
   out.name = instance();
   return out;
+}
+
+Lookup ScalarServer::read() {
+  const Clock::time_point until = deadline();
+  std::shared_ptr<Read> read;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    read = pending_;
+  }
+  if (!read) {
+    read = std::make_shared<Read>();
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      pending_ = read;
+    }
+    read->ticket = submit([this, read] {
+      read->result = readNow();
+      std::lock_guard<std::mutex> lock(mu_);
+      if (read->result.status == Lookup::kFound) {
+        last_ = read->result;
+        lastAt_ = settings_.now();
+      }
+      if (pending_ == read) pending_.reset();
+    });
+  }
+  if (waitUntil(read->ticket, until)) {
+    reportInTime();
+    return read->result;
+  }
+  std::lock_guard<std::mutex> lock(mu_);
+  const Clock::time_point now = settings_.now();
+  if (last_.status == Lookup::kFound && now - lastAt_ <= settings_.maxAge) {
+    reportLate("the back end has not answered within " + Milliseconds(settings_.waitTime) +
+               "; answering the value read " + Age(now, lastAt_) + " ago");
+    return last_;
+  }
+  const std::string why = "the back end has not answered within " + Milliseconds(settings_.waitTime) +
+                          ", and no earlier value is younger than " + Milliseconds(settings_.maxAge);
+  reportLate(why);
+  return Error(why);
 }
 
 Lookup ScalarServer::get(const Agentpp::Oidx& oid) {
@@ -167,19 +273,39 @@ int ScalarServer::readCurrent(uint32_t* value, std::string* why) {
 }
 
 int ScalarServer::write(uint32_t value, std::string* why) {
-  CVEM_SnmpContext ctx(SNMP_OP_SET, Agentpp::Oidx{0}, 1);
-  CTLVPackage req;
-  std::unique_ptr<CTLVRecordV3> record(new CTLVRecordV3(CTLVRecordV3::RESPONSE_ID, CTLVRecordV3::DEFAULT_BUCKETS));
-  record->append(tlv::NewUintCell(0, CTLVCell::TLV_TYPE_UINT, value, 4));
-  req.push_back(record.release());
-  CTLVPackage rsp;
-  const int rc = CallHandler([&] { return handler_->OnSetLeaf(ctx, req, rsp); }, why);
-  if (rc != 0) {
+  struct Outcome {
+    int rc = -1;
+    std::string why;
+  };
+  auto outcome = std::make_shared<Outcome>();
+  // Before the reads queued: a write waits for the call under way only.
+  BackendWorker::Ticket job = submit(
+      [this, value, outcome] {
+        CVEM_SnmpContext ctx(SNMP_OP_SET, Agentpp::Oidx{0}, 1);
+        CTLVPackage req;
+        std::unique_ptr<CTLVRecordV3> record(
+            new CTLVRecordV3(CTLVRecordV3::RESPONSE_ID, CTLVRecordV3::DEFAULT_BUCKETS));
+        record->append(tlv::NewUintCell(0, CTLVCell::TLV_TYPE_UINT, value, 4));
+        req.push_back(record.release());
+        CTLVPackage rsp;
+        outcome->rc = CallHandler([&] { return handler_->OnSetLeaf(ctx, req, rsp); }, &outcome->why);
+      },
+      true);
+  if (!waitUntil(job, deadline())) {
+    if (worker().cancel(job)) {
+      *why = "the back end is busy: the write did not start within " + Milliseconds(settings_.waitTime);
+      reportLate(*why);
+      return -1;
+    }
+    worker().wait(job);  // begun: its outcome is the answer
+  }
+  *why = outcome->why;
+  if (outcome->rc != 0) {
     reportFailure("OnSetLeaf(" + std::to_string(value) + "): " + *why);
   } else {
     reportSuccess();
   }
-  return rc;
+  return outcome->rc;
 }
 
 // ---------------------------------------------------------------- TableServer
@@ -187,23 +313,39 @@ int ScalarServer::write(uint32_t value, std::string* why) {
 TableServer::TableServer(const MibObject& object, CSnmpHandler* handler, const ServerSettings& settings, bool batch)
     : ObjectServer(object, handler, settings),
       batch_(batch && object.indexEncoding == MibIndexEncoding::Integer),
+      current_(std::make_shared<Generation>()),
       snapshot_(settings.snapshotTime, settings.walkTime, settings.now, settings.request) {}
 
+bool TableServer::batchMode() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return batch_;
+}
+
 void TableServer::invalidate() {
-  rows_.clear();
-  known_.clear();
+  // What the table answers has changed: no earlier read may answer.
+  std::lock_guard<std::mutex> lock(mu_);
+  current_ = std::make_shared<Generation>();
+  previous_.reset();
+  pending_.reset();
+  snapshot_.drop();
+}
+
+void TableServer::roll() {
+  if (current_->read) previous_ = current_;
+  current_ = std::make_shared<Generation>();
+  pending_.reset();  // its rows would go to the generation just replaced
   snapshot_.drop();
 }
 
 void TableServer::begin(SnapshotLifetime::Use use) {
-  if (snapshot_.begin(use)) invalidate();
+  deadline_ = deadline();
+  if (snapshot_.begin(use)) roll();
 }
 
-TableServer::Fetch TableServer::fail(const std::string& why) {
-  invalidate();
+void TableServer::fail(const std::string& why) {
+  current_ = std::make_shared<Generation>();
   snapshot_.noteFailure();
   failure_ = why;
-  return kFailed;
 }
 
 void TableServer::Row::set(size_t i, const SnmpValue& value) {
@@ -231,8 +373,7 @@ bool TableServer::Row::get(size_t i, SnmpValue* value) const {
   return true;
 }
 
-bool TableServer::query(const CVEM_SnmpContext& ctx, std::vector<std::pair<Agentpp::Oidx, Row>>* rows,
-                        std::string* why) {
+bool TableServer::query(const CVEM_SnmpContext& ctx, RowList* rows, std::string* why) {
   CTLVPackage req;
   CTLVPackage rsp;
   const uint64_t calls = CSnmpReadFailures::failedCalls();
@@ -282,107 +423,218 @@ bool TableServer::query(const CVEM_SnmpContext& ctx, std::vector<std::pair<Agent
   return true;
 }
 
-void TableServer::keepWhole(std::vector<std::pair<Agentpp::Oidx, Row>>& rows) {
-  invalidate();
+void TableServer::keepWhole(Generation& gen, RowList& rows) {
+  gen.rows.clear();
+  gen.known.clear();
+  gen.ahead = false;
   for (auto& r : rows) {
-    if (!rows_.emplace(r.first, std::move(r.second)).second) {
+    if (!gen.rows.emplace(r.first, std::move(r.second)).second) {
       warnOnce("row " + r.first.get_printable() + " is listed twice; the first is kept");
     }
   }
-  known_.add(RowIntervalSet::Whole());
-  snapshot_.noteRead();
+  gen.known.add(RowIntervalSet::Whole());
 }
 
-TableServer::Fetch TableServer::fetchWhole(ESnmpOperation op, const Agentpp::Oidx& index, std::string* why) {
-  std::vector<std::pair<Agentpp::Oidx, Row>> rows;
-  if (!query(CVEM_SnmpContext(op, index, 0), &rows, why)) return fail(*why);
-  keepWhole(rows);
-  return kFetched;
-}
-
-TableServer::Fetch TableServer::fetchBatch(bool fromStart, const Agentpp::Oidx& after, unsigned int rowsHint,
-                                           std::string* why) {
-  const unsigned int wanted = std::max(rowsHint, std::max(settings_.batchRows, 1u));
-  std::vector<std::pair<Agentpp::Oidx, Row>> rows;
-  const Agentpp::Oidx index = fromStart ? Agentpp::Oidx() : after;
-  if (!query(CVEM_SnmpContext(SNMP_OP_GETNEXT, index, wanted), &rows, why)) return fail(*why);
-  if (handler_->isWholeTable()) {
-    // The walk began at the first object and reached the end (also when the
-    // handler did not continue after the index it was given).
-    keepWhole(rows);
-    return kFetched;
-  }
-  // A batch continues after `after` in index order; a table whose listing
-  // does not follow that order cannot be read in batches.
-  bool ordered = true;
-  for (size_t i = 0; i < rows.size() && ordered; ++i) {
-    const Agentpp::Oidx& prev = i == 0 ? after : rows[i - 1].first;
-    if ((i > 0 || !fromStart) && !(prev < rows[i].first)) ordered = false;
-  }
-  if (!ordered) {
-    batch_ = false;
-    VEMLog(VEM_KIT_AGENT, VEM_LOG_WARN, "TableServer", __LINE__,
-           "%s lists its rows out of index order: it is read whole from now on", object_.name.c_str());
-    return fetchWhole(SNMP_OP_WALK, Agentpp::Oidx(), why);
-  }
+void TableServer::keepBatch(Generation& gen, const Query& q, RowList& rows) {
   RowIntervalSet::Interval read;
-  read.fromStart = fromStart;
-  read.lo = after;
-  read.toEnd = rows.size() < wanted;  // the walk ended before the rows wanted
+  read.fromStart = q.fromStart;
+  read.lo = q.after;
+  read.toEnd = rows.size() < q.rows;  // the walk ended before the rows wanted
   if (!rows.empty()) read.hi = rows.back().first;
-  if (!read.toEnd && rows.empty()) {
-    // Nothing learnt; the snapshot's time starts all the same.
-    snapshot_.noteRead();
-    return kFetched;
+  if (!read.toEnd && rows.empty()) return;  // nothing learnt
+  for (auto& r : rows) gen.rows.emplace(r.first, std::move(r.second));
+  gen.known.add(read);
+  gen.ahead = !read.toEnd;
+  if (gen.ahead) {
+    gen.aheadFrom = rows.front().first;
+    gen.aheadAfter = read.hi;
   }
-  for (auto& r : rows) rows_.emplace(r.first, std::move(r.second));
-  known_.add(read);
+}
+
+namespace {
+
+// True when a batch read after `after` (from the first row when fromStart)
+// lists its rows in index order, as a batch must.
+template <typename RowList>
+bool InIndexOrder(const RowList& rows, bool fromStart, const Agentpp::Oidx& after) {
+  for (size_t i = 0; i < rows.size(); ++i) {
+    const Agentpp::Oidx& prev = i == 0 ? after : rows[i - 1].first;
+    if ((i > 0 || !fromStart) && !(prev < rows[i].first)) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+void TableServer::readJob(const GenerationPtr& gen, Query q, uint64_t serial) {
+  const Clock::time_point began = settings_.now();
+  RowList rows;
+  std::string why;
+  const Agentpp::Oidx index = q.fromStart && !q.whole ? Agentpp::Oidx() : q.after;
+  bool ok = query(CVEM_SnmpContext(q.op, index, q.rows), &rows, &why);
+  bool readWhole = false;
+  if (ok && !q.whole) {
+    if (handler_->isWholeTable()) {
+      // The walk began at the first object and reached the end (also when
+      // the handler did not continue after the index it was given).
+      q.whole = true;
+    } else if (!InIndexOrder(rows, q.fromStart, q.after)) {
+      // A batch continues after `after` in index order; a table whose
+      // listing does not follow that order cannot be read in batches.
+      VEMLog(VEM_KIT_AGENT, VEM_LOG_WARN, "TableServer", __LINE__,
+             "%s lists its rows out of index order: it is read whole from now on", object_.name.c_str());
+      readWhole = true;
+      q.whole = true;
+      ok = query(CVEM_SnmpContext(SNMP_OP_WALK, Agentpp::Oidx(), 0), &rows, &why);
+    }
+  }
+  std::lock_guard<std::mutex> lock(mu_);
+  if (readWhole) batch_ = false;
+  bool late = false;
+  if (pending_ && pending_->serial == serial) {
+    late = pending_->late;
+    pending_.reset();
+  }
+  if (gen != current_) return;  // refreshed or dropped meanwhile
+  if (!ok) {
+    fail(why);
+    return;
+  }
+  if (q.whole) {
+    keepWhole(*gen, rows);
+  } else {
+    keepBatch(*gen, q, rows);
+  }
+  if (!gen->read) {
+    gen->read = true;
+    gen->born = began;
+  }
   snapshot_.noteRead();
-  return kFetched;
+  if (late) {
+    reportLate("a late read took " + Age(settings_.now(), began));
+  } else {
+    reportInTime();
+  }
 }
 
-bool TableServer::coversAfter(bool fromStart, const Agentpp::Oidx& after) const {
-  return fromStart ? known_.coversFirst() : known_.coversAfter(after);
+void TableServer::start(std::unique_lock<std::mutex>& lock, const Query& q) {
+  pending_.reset(new Pending);
+  const uint64_t serial = pending_->serial = ++serial_;
+  pending_->submitted = settings_.now();
+  GenerationPtr gen = current_;
+  lock.unlock();  // an inline worker runs the job at once
+  BackendWorker::Ticket ticket = submit([this, gen, q, serial] { readJob(gen, q, serial); });
+  lock.lock();
+  if (pending_ && pending_->serial == serial) pending_->ticket = ticket;
 }
 
-TableServer::Fetch TableServer::nextRow(bool fromStart, const Agentpp::Oidx& after, unsigned int rowsHint,
-                                        const Rows::value_type** row, std::string* why) {
-  if (!coversAfter(fromStart, after)) {
+bool TableServer::coversAfter(const Generation& gen, bool fromStart, const Agentpp::Oidx& after) {
+  return fromStart ? gen.known.coversFirst() : gen.known.coversAfter(after);
+}
+
+TableServer::Fetch TableServer::readUntil(std::unique_lock<std::mutex>& lock,
+                                          const std::function<bool(const Generation&)>& covered, const Query& q,
+                                          const Generation** gen, std::string* why) {
+  uint64_t mine = 0;      // the read started for q
+  bool mineDone = false;  // ... has stored what it read
+  for (;;) {
+    if (covered(*current_)) {
+      *gen = current_.get();
+      return kFetched;
+    }
     if (snapshot_.failedInThisRequest()) {
       *why = failure_;
       return kFailed;
     }
-    if (!batch_) {
-      if (fetchWhole(fromStart ? SNMP_OP_WALK : SNMP_OP_GETNEXT, after, why) != kFetched) return kFailed;
-    } else if (fetchBatch(fromStart, after, rowsHint, why) != kFetched) {
+    if (mineDone) {
+      *why = "the table's batch answered nothing new";
+      reportFailure(*why);
+      fail(*why);
       return kFailed;
     }
-  }
-  if (!coversAfter(fromStart, after)) {
-    *why = "the table's batch answered nothing new";
-    reportFailure(*why);
-    return fail(*why);
-  }
-  auto it = fromStart ? rows_.begin() : rows_.upper_bound(after);
-  *row = it == rows_.end() ? nullptr : &*it;
-  return kFetched;
-}
-
-TableServer::Fetch TableServer::ensureRow(const Agentpp::Oidx& index, std::string* why) {
-  if (known_.covers(index)) return kFetched;
-  if (snapshot_.failedInThisRequest()) {
-    *why = failure_;
+    if (!pending_) {
+      start(lock, q);
+      mine = serial_;
+      mineDone = !pending_;  // an inline worker has run it already
+      continue;
+    }
+    const bool fallback = previous_ && covered(*previous_) && settings_.now() - previous_->born <= settings_.maxAge;
+    // A read that made a lookup give up already is not waited for again
+    // while the previous generation can answer.
+    if (!(pending_->late && fallback)) {
+      const BackendWorker::Ticket ticket = pending_->ticket;
+      lock.unlock();
+      const uint64_t serial = pending_->serial;
+      const bool done = waitUntil(ticket, deadline_);
+      lock.lock();
+      if (done) {
+        mineDone = serial == mine;
+        continue;
+      }
+    }
+    if (pending_) pending_->late = true;
+    const bool stillFallback =
+        previous_ && covered(*previous_) && settings_.now() - previous_->born <= settings_.maxAge;
+    if (stillFallback) {
+      reportLate("the back end has not answered within " + Milliseconds(settings_.waitTime) +
+                 "; answering from the read of " + Age(settings_.now(), previous_->born) + " ago");
+      *gen = previous_.get();
+      return kLate;
+    }
+    *why = "the back end has not answered within " + Milliseconds(settings_.waitTime) +
+           ", and no earlier read younger than " + Milliseconds(settings_.maxAge) + " can answer";
+    reportLate(*why);
     return kFailed;
   }
-  if (!batch_ || object_.indexEncoding != MibIndexEncoding::Integer) {
-    return fetchWhole(SNMP_OP_GET, index, why);
+}
+
+void TableServer::readAhead(std::unique_lock<std::mutex>& lock, const Generation& gen, const Agentpp::Oidx& at) {
+  if (!worker().threaded() || !batch_ || pending_ || &gen != current_.get() || !gen.ahead) return;
+  if (at < gen.aheadFrom) return;  // not in the last batch yet
+  Query q;
+  q.op = SNMP_OP_GETNEXT;
+  q.fromStart = false;
+  q.after = gen.aheadAfter;
+  q.rows = std::max(settings_.batchRows, 1u);
+  current_->ahead = false;  // one read per batch
+  start(lock, q);
+}
+
+TableServer::Fetch TableServer::nextRow(std::unique_lock<std::mutex>& lock, bool fromStart, const Agentpp::Oidx& after,
+                                        unsigned int rowsHint, const Generation** gen, const Rows::value_type** row,
+                                        std::string* why) {
+  Query q;
+  q.whole = !batch_;
+  q.op = batch_ ? SNMP_OP_GETNEXT : fromStart ? SNMP_OP_WALK : SNMP_OP_GETNEXT;
+  q.fromStart = fromStart;
+  q.after = fromStart ? Agentpp::Oidx() : after;
+  q.rows = batch_ ? std::max(rowsHint, std::max(settings_.batchRows, 1u)) : 0;
+  const Fetch got = readUntil(
+      lock, [&](const Generation& g) { return coversAfter(g, fromStart, after); }, q, gen, why);
+  if (got == kFailed) return kFailed;
+  auto it = fromStart ? (*gen)->rows.begin() : (*gen)->rows.upper_bound(after);
+  *row = it == (*gen)->rows.end() ? nullptr : &*it;
+  if (*row != nullptr && got == kFetched) readAhead(lock, **gen, (*row)->first);
+  return got;
+}
+
+TableServer::Fetch TableServer::ensureRow(std::unique_lock<std::mutex>& lock, const Agentpp::Oidx& index,
+                                          const Generation** gen, std::string* why) {
+  Query q;
+  if (!batch_) {
+    q.whole = true;
+    q.op = SNMP_OP_GET;
+    q.fromStart = false;
+    q.after = index;
+  } else {
+    // The row is the first of a batch that starts after its predecessor.
+    q.op = SNMP_OP_GETNEXT;
+    q.fromStart = index[0] == 0;
+    q.after = q.fromStart ? Agentpp::Oidx() : Agentpp::Oidx{index[0] - 1};
+    q.rows = std::max(settings_.batchRows, 1u);
   }
-  // The row is the first of a batch that starts after its predecessor.
-  const bool fromStart = index[0] == 0;
-  const Agentpp::Oidx before = fromStart ? Agentpp::Oidx() : Agentpp::Oidx{index[0] - 1};
-  if (fetchBatch(fromStart, before, 1, why) != kFetched) return kFailed;
-  if (!known_.covers(index)) return fetchWhole(SNMP_OP_WALK, Agentpp::Oidx(), why);
-  return kFetched;
+  return readUntil(
+      lock, [&](const Generation& g) { return g.known.covers(index); }, q, gen, why);
 }
 
 Lookup TableServer::get(const Agentpp::Oidx& oid) {
@@ -392,11 +644,13 @@ Lookup TableServer::get(const Agentpp::Oidx& oid) {
   if (col == nullptr) return WithStatus(Lookup::kNoSuchObject);
   const Agentpp::Oidx index = oid.cut_left(p + 2);
   if (!IsValidIndex(index, object_.indexEncoding)) return WithStatus(Lookup::kNoSuchInstance);
+  std::unique_lock<std::mutex> lock(mu_);
   begin(SnapshotLifetime::kStart);
   std::string why;
-  if (ensureRow(index, &why) != kFetched) return Error(why);
-  auto row = rows_.find(index);
-  if (row == rows_.end()) return WithStatus(Lookup::kNoSuchInstance);
+  const Generation* gen = nullptr;
+  if (ensureRow(lock, index, &gen, &why) == kFailed) return Error(why);
+  auto row = gen->rows.find(index);
+  if (row == gen->rows.end()) return WithStatus(Lookup::kNoSuchInstance);
   Lookup out;
   if (!row->second.get(static_cast<size_t>(col - object_.columns.data()), &out.value)) {
     return WithStatus(Lookup::kNoSuchInstance);
@@ -427,6 +681,7 @@ Lookup TableServer::getNext(const Agentpp::Oidx& oid, unsigned int rowsHint) {
     // start from the first instance.
     return WithStatus(Lookup::kEndOfObject);
   }
+  std::unique_lock<std::mutex> lock(mu_);
   // An OID with a row index continues a walk; any other starts one.
   begin(fromStart ? SnapshotLifetime::kStart : SnapshotLifetime::kContinue);
 
@@ -435,9 +690,10 @@ Lookup TableServer::getNext(const Agentpp::Oidx& oid, unsigned int rowsHint) {
     // Rows without this column (short value lists) are passed over; each
     // step moves to a later row, so the loop ends with the table.
     for (;;) {
+      const Generation* gen = nullptr;
       const Rows::value_type* row = nullptr;
       std::string why;
-      if (nextRow(fromStart, after, rowsHint, &row, &why) != kFetched) return Error(why);
+      if (nextRow(lock, fromStart, after, rowsHint, &gen, &row, &why) == kFailed) return Error(why);
       if (row == nullptr) break;
       Lookup out;
       if (row->second.get(i, &out.value)) {

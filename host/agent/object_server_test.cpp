@@ -3,7 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <condition_variable>
 #include <functional>
+#include <mutex>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -888,6 +890,310 @@ TEST_F(SnapshotUseTest, WithoutTheWalkExtensionAContinuingGetNextReadsAgainAfter
   next();
   EXPECT_EQ(Lookup::kFound, s->getNext(Under(*s, "1.1.1"), 0).status);
   EXPECT_EQ(2, handler_.calls);
+}
+
+// ------------------------------------------------------------------ the back-end worker
+
+// A handler whose calls can be held: while held, a call waits (on the
+// worker) until released. A table of one row (index 1, count `value`), and
+// a scalar of `value`.
+class HeldHandler : public CSnmpHandler {
+ public:
+  int OnQueryTable(const CVEM_SnmpContext&, const CTLVPackage&, CTLVPackage& rsp) override {
+    std::unique_lock<std::mutex> lock(mu_);
+    ++calls_;
+    released_.wait(lock, [this] { return !held_; });
+    order_ += 't';
+    rsp.push_back(Rec().u32(1, 1).u32(2, value_).build());
+    return 0;
+  }
+  int OnQueryLeaf(const CVEM_SnmpContext&, const CTLVPackage&, CTLVPackage& rsp) override {
+    std::unique_lock<std::mutex> lock(mu_);
+    ++calls_;
+    released_.wait(lock, [this] { return !held_; });
+    order_ += 'l';
+    rsp.push_back(Rec().u32(0, value_).build());
+    return 0;
+  }
+  int OnSetLeaf(const CVEM_SnmpContext&, const CTLVPackage& req, CTLVPackage&) override {
+    std::lock_guard<std::mutex> lock(mu_);
+    ++calls_;
+    value_ = CTLVCell::ValueCast<unsigned int>()((*req[0])[0]);
+    writes_.push_back(value_);
+    order_ += 's';
+    return 0;
+  }
+  int OnCreateTable(const CVEM_SnmpContext&, const CTLVPackage&, CTLVPackage&) override { return -1; }
+  int OnModifyTable(const CVEM_SnmpContext&, const CTLVPackage&, CTLVPackage&) override { return -1; }
+  int OnDeleteTable(const CVEM_SnmpContext&, const CTLVPackage&, CTLVPackage&) override { return -1; }
+  void hold() {
+    std::lock_guard<std::mutex> lock(mu_);
+    held_ = true;
+  }
+  void release() {
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      held_ = false;
+    }
+    released_.notify_all();
+  }
+  void set(uint32_t value) {
+    std::lock_guard<std::mutex> lock(mu_);
+    value_ = value;
+  }
+  int calls() {
+    std::lock_guard<std::mutex> lock(mu_);
+    return calls_;
+  }
+  std::vector<uint32_t> writes() {
+    std::lock_guard<std::mutex> lock(mu_);
+    return writes_;
+  }
+  // The calls made, in order: t table read, l leaf read, s write.
+  std::string order() {
+    std::lock_guard<std::mutex> lock(mu_);
+    return order_;
+  }
+
+ private:
+  std::mutex mu_;
+  std::condition_variable released_;
+  bool held_ = false;
+  uint32_t value_ = 5;
+  int calls_ = 0;
+  std::vector<uint32_t> writes_;
+  std::string order_;
+};
+
+class WorkerTest : public ::testing::Test {
+ protected:
+  WorkerTest()
+      : table_(Table(kTablePrefix, MibIndexEncoding::Integer, MibSyntax::Unsigned32,
+                     {MibColumn{2, "count", MibSyntax::Counter32, false}})),
+        scalar_(Scalar(MibSyntax::Unsigned32, true)) {
+    settings_.now = [this] { return now_; };
+    settings_.waitTime = std::chrono::milliseconds(50);
+    settings_.maxAge = std::chrono::seconds(60);
+    settings_.worker = &worker_;
+    settings_.deadline = [this] { return Clock::now() + wait_; };
+  }
+  ~WorkerTest() override {
+    handler_.release();
+    drain();
+  }
+  // Returns once every job queued so far has run.
+  void drain() {
+    worker_.wait(worker_.submit([] {}));
+  }
+  TableServer& table() {
+    if (!tableServer_) tableServer_.reset(new TableServer(table_, &handler_, settings_, false));
+    return *tableServer_;
+  }
+  ScalarServer& scalar() {
+    if (!scalarServer_) scalarServer_.reset(new ScalarServer(scalar_, &handler_, settings_));
+    return *scalarServer_;
+  }
+  Lookup readCount() { return table().get(Under(table(), "1.2.1")); }
+  Lookup readScalar() { return scalar().get(Under(scalar(), "0")); }
+
+  MibObject table_;
+  MibObject scalar_;
+  HeldHandler handler_;
+  ServerSettings settings_;
+  Clock::time_point now_ = Clock::time_point() + std::chrono::hours(1);
+  std::chrono::milliseconds wait_{50};  // each request's deadline is this far away
+  std::unique_ptr<TableServer> tableServer_;
+  std::unique_ptr<ScalarServer> scalarServer_;
+  BackendWorker worker_;  // goes first: no job outlives the servers
+};
+
+TEST_F(WorkerTest, TheModuleIsCalledOnTheWorkerNotOnTheRequestThread) {
+  std::thread::id calledOn;
+  class Probe : public ScriptedTable {
+   public:
+    explicit Probe(std::thread::id* on) : on_(on) {}
+    int OnQueryTable(const CVEM_SnmpContext& ctx, const CTLVPackage& req, CTLVPackage& rsp) override {
+      *on_ = std::this_thread::get_id();
+      return ScriptedTable::OnQueryTable(ctx, req, rsp);
+    }
+    std::thread::id* on_;
+  } handler(&calledOn);
+  handler.rows = {Rec().u32(1, 1).u32(2, 7)};
+  {
+    TableServer server(table_, &handler, settings_, false);
+    Lookup got = server.get(Under(server, "1.2.1"));
+    ASSERT_EQ(Lookup::kFound, got.status) << got.error;
+    EXPECT_EQ(7u, got.value.number);
+    drain();
+  }
+  EXPECT_NE(std::thread::id(), calledOn);
+  EXPECT_NE(std::this_thread::get_id(), calledOn);
+}
+
+TEST_F(WorkerTest, ALateRefreshIsAnsweredFromThePreviousReadAndItsRowsServeLater) {
+  ASSERT_EQ(5u, readCount().value.number);
+  now_ += std::chrono::seconds(4);  // past the snapshot time
+  handler_.set(6);
+  handler_.hold();
+  Lookup late = readCount();
+  ASSERT_EQ(Lookup::kFound, late.status) << late.error;
+  EXPECT_EQ(5u, late.value.number);
+  handler_.release();
+  drain();
+  Lookup fresh = readCount();
+  ASSERT_EQ(Lookup::kFound, fresh.status) << fresh.error;
+  EXPECT_EQ(6u, fresh.value.number);
+  EXPECT_EQ(2, handler_.calls());  // the late read served the lookup after it
+}
+
+TEST_F(WorkerTest, ALateFirstReadIsAnErrorAtTheDeadlineNotAHang) {
+  KitLogCapture log;
+  handler_.hold();
+  Lookup got = readCount();
+  ASSERT_EQ(Lookup::kError, got.status);
+  EXPECT_EQ("the back end has not answered within 50 ms, and no earlier read younger than 60000 ms can answer",
+            got.error);
+  bool logged = false;
+  for (const CVEMLogRecord& r : log.records(VEM_LOG_WARN)) {
+    logged =
+        logged || r.message.find("testTable (1.3.6.1.4.1.32473.99.1): the back end has not answered within 50 ms") == 0;
+  }
+  EXPECT_TRUE(logged);
+  handler_.release();
+  drain();
+  EXPECT_EQ(5u, readCount().value.number);
+  EXPECT_EQ(1, handler_.calls());
+}
+
+TEST_F(WorkerTest, AReadAlreadyLateIsNotWaitedForAgainWhileThePreviousAnswers) {
+  ASSERT_EQ(5u, readCount().value.number);
+  now_ += std::chrono::seconds(4);
+  handler_.hold();
+  ASSERT_EQ(5u, readCount().value.number);  // waited until its deadline
+  // The next request could wait 20 s, but the read is late already.
+  wait_ = std::chrono::seconds(20);
+  const Clock::time_point start = Clock::now();
+  Lookup got = readCount();
+  ASSERT_EQ(Lookup::kFound, got.status) << got.error;
+  EXPECT_EQ(5u, got.value.number);
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(10));
+  EXPECT_EQ(2, handler_.calls());  // the held read, not another
+}
+
+TEST_F(WorkerTest, APreviousReadOlderThanTheMaximumAgeIsNotServed) {
+  ASSERT_EQ(5u, readCount().value.number);
+  now_ += std::chrono::seconds(61);
+  handler_.hold();
+  Lookup got = readCount();
+  ASSERT_EQ(Lookup::kError, got.status);
+  EXPECT_NE(std::string::npos, got.error.find("no earlier read younger than 60000 ms"));
+}
+
+TEST_F(WorkerTest, ALateScalarReadAnswersTheLastValueReadOrAnError) {
+  handler_.hold();
+  EXPECT_EQ(Lookup::kError, readScalar().status);
+  handler_.release();
+  drain();
+  ASSERT_EQ(5u, readScalar().value.number);
+  handler_.set(9);
+  handler_.hold();
+  Lookup late = readScalar();
+  ASSERT_EQ(Lookup::kFound, late.status) << late.error;
+  EXPECT_EQ(5u, late.value.number);
+  handler_.release();
+  drain();
+  EXPECT_EQ(9u, readScalar().value.number);
+}
+
+TEST_F(WorkerTest, AWriteGoesBeforeTheQueuedReads) {
+  ASSERT_EQ(5u, readCount().value.number);
+  handler_.hold();
+  now_ += std::chrono::seconds(4);
+  EXPECT_EQ(Lookup::kFound, readCount().status);   // a table read, held on the worker
+  EXPECT_EQ(Lookup::kError, readScalar().status);  // a scalar read queued behind it
+  std::thread releaser([this] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    handler_.release();
+  });
+  wait_ = std::chrono::seconds(30);
+  ScalarServer writer(scalar_, &handler_, settings_);
+  std::string why;
+  EXPECT_EQ(0, writer.write(7, &why)) << why;
+  releaser.join();
+  // The write ran after the table read under way and before the scalar read
+  // queued earlier.
+  drain();
+  EXPECT_EQ("tsl", handler_.order().substr(1));
+  EXPECT_EQ((std::vector<uint32_t>{7}), handler_.writes());
+}
+
+TEST_F(WorkerTest, AWriteThatCannotStartBeforeTheDeadlineIsRefusedAndNeverMade) {
+  handler_.hold();
+  EXPECT_EQ(Lookup::kError, readCount().status);  // holds the worker
+  std::string why;
+  EXPECT_EQ(-1, scalar().write(7, &why));
+  EXPECT_EQ("the back end is busy: the write did not start within 50 ms", why);
+  handler_.release();
+  drain();
+  EXPECT_TRUE(handler_.writes().empty());
+}
+
+TEST(RequestDeadlineTest, EveryLookupOfOneRequestSharesOneDeadline) {
+  ServerSettings settings;
+  uint64_t request = 1;
+  settings.request = [&request] { return request; };
+  settings.waitTime = std::chrono::milliseconds(300);
+  std::function<Clock::time_point()> deadline = RequestDeadline(settings);
+  const Clock::time_point before = Clock::now();
+  const Clock::time_point first = deadline();
+  EXPECT_GE(first, before + std::chrono::milliseconds(300));
+  std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  EXPECT_EQ(first, deadline());  // same request
+  ++request;
+  EXPECT_GT(deadline(), first);  // the next request has its own
+}
+
+TEST(WorkerBatchTest, AWalkHasTheNextBatchReadAheadAndReadsEachBatchOnce) {
+  BackendFixture fixture;
+  LunBackend backend(fixture, Keys(400), 256);
+  CPerformanceLunHandler handler;
+  MibObject object = LunTable();
+  ServerSettings settings;
+  Clock::time_point now = Clock::time_point() + std::chrono::hours(1);
+  settings.now = [&now] { return now; };
+  settings.waitTime = std::chrono::seconds(30);
+  std::unique_ptr<TableServer> server;
+  BackendWorker worker;
+  settings.worker = &worker;
+  server.reset(new TableServer(object, &handler, settings, true));
+  auto drain = [&worker] { worker.wait(worker.submit([] {})); };
+  auto batches = [&fixture] { return fixture.backend().callsTo(backend::kLunBatchStatsCmd).size(); };
+
+  Lookup first = server->getNext(server->prefix(), 0);
+  ASSERT_EQ(Lookup::kFound, first.status) << first.error;
+  drain();
+  EXPECT_EQ(2u, batches());  // rows 0-159, and 160-319 ahead of the walk
+  EXPECT_EQ(400u * 16, Walk(*server).size());
+  drain();
+  EXPECT_EQ(3u, batches());  // ceil(400 / 160): nothing read twice
+  // Nobody asks: nothing is read, however old the rows get.
+  now += std::chrono::minutes(10);
+  drain();
+  EXPECT_EQ(3u, batches());
+  ASSERT_EQ(Lookup::kFound, server->getNext(server->prefix(), 0).status);
+  drain();
+  EXPECT_EQ(5u, batches());  // a new walk: its first batch and the next
+  server.reset();
+}
+
+TEST(WorkerBatchTest, AnInlineServerReadsNothingAhead) {
+  BackendFixture fixture;
+  LunBackend backend(fixture, Keys(400), 256);
+  CPerformanceLunHandler handler;
+  MibObject object = LunTable();
+  TableServer server(object, &handler, ServerSettings(), true);
+  ASSERT_EQ(Lookup::kFound, server.getNext(server.prefix(), 0).status);
+  EXPECT_EQ(1u, fixture.backend().callsTo(backend::kLunBatchStatsCmd).size());
 }
 
 }  // namespace

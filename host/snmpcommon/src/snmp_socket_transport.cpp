@@ -198,10 +198,18 @@ struct CSnmpSocketTransport::State {
   Clock::time_point retryAfter;       // ... so calls answer heldCode until this
   bool fastFailLogged = false;        // a refusal in the current window was logged
   std::atomic<uint64_t> connects{0};  // connections opened
+  std::mutex fdMu;                    // fd's changes, against shutdown() on another thread
+  std::atomic<bool> shut{false};      // shutdown() was called
 
   void drop() {
+    std::lock_guard<std::mutex> lock(fdMu);
     if (fd >= 0) close(fd);
     fd = -1;
+  }
+  void use(int connection) {
+    std::lock_guard<std::mutex> lock(fdMu);
+    fd = connection;
+    if (shut.load()) ::shutdown(fd, SHUT_RDWR);  // shut down while connecting
   }
   // Calls answer code at once for the interval, without trying the back end.
   void hold(int code, std::chrono::milliseconds interval) {
@@ -231,9 +239,18 @@ CSnmpSocketTransport::~CSnmpSocketTransport() {
 
 uint64_t CSnmpSocketTransport::connectCount() const { return state_->connects.load(); }
 
+void CSnmpSocketTransport::shutdown() {
+  State& st = *state_;
+  std::lock_guard<std::mutex> lock(st.fdMu);
+  st.shut = true;
+  if (st.fd >= 0) ::shutdown(st.fd, SHUT_RDWR);
+}
+
 int CSnmpSocketTransport::exchange(CTLVPackageV3<TLVMsgHeadV3>& req, CTLVPackageV3<TLVMsgHeadV3>& rsp, bool listing) {
   State& st = *state_;
+  if (st.shut.load()) return SNMP_TRANSPORT_E_NOT_CONFIGURED;
   std::lock_guard<std::mutex> lock(st.mu);
+  if (st.shut.load()) return SNMP_TRANSPORT_E_NOT_CONFIGURED;
   const uint64_t call = ++st.calls;
   const unsigned long long requestId = req.empty() || req[0] == nullptr ? 0ULL : req[0]->id();
   const std::string address = options_.address.toString();
@@ -303,7 +320,7 @@ int CSnmpSocketTransport::exchange(CTLVPackageV3<TLVMsgHeadV3>& req, CTLVPackage
                   "connect failed after " + std::to_string(MillisBetween(start, Clock::now())) + " ms (" + reason + ")",
                   false);
     }
-    st.fd = fd;
+    st.use(fd);
     st.heldCode = 0;
     st.connects.fetch_add(1);
     VEMLog(VEM_KIT_HOST, VEM_LOG_DEBUG, "exchange", __LINE__, "back end %s: connected", address.c_str());

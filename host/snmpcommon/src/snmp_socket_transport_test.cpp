@@ -371,6 +371,30 @@ TEST_F(SocketTransportTest, NoAnswerTimesOutAndTheLateAnswerIsNotTakenForTheNext
   ExpectOneTransportError(log, "no whole answer within 200 ms");
 }
 
+TEST_F(SocketTransportTest, ShutdownEndsTheCallUnderWayAndRefusesEveryLaterOne) {
+  Gate requestSeen, serverDone;
+  auto server = TestServer::Unix(socketPath(), [&](Conn& c) {
+    CTLVPackage req;
+    if (c.read(req)) requestSeen.open();  // and never answers
+    serverDone.wait();
+  });
+  ASSERT_TRUE(server);
+  CSnmpSocketTransportOptions o = Options(server->address());
+  o.callTimeout = Ms(30000);  // the call would wait this long
+  CSnmpSocketTransport t(o);
+  int rc = 0;
+  std::thread caller([&] { rc = Call(t, 1); });
+  ASSERT_TRUE(requestSeen.wait());
+  const auto start = std::chrono::steady_clock::now();
+  t.shutdown();
+  caller.join();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, kBound);
+  EXPECT_EQ(SNMP_TRANSPORT_E_CLOSED, rc);
+  EXPECT_EQ(SNMP_TRANSPORT_E_NOT_CONFIGURED, Call(t, 2));
+  EXPECT_EQ(1u, t.connectCount());  // no reconnect was tried
+  serverDone.open();
+}
+
 // A back end that serves one connection at a time on one thread, as a simple
 // back end does: it accepts a connection and answers its requests until the
 // peer closes it, then accepts the next. Its first answer comes late, after

@@ -47,6 +47,11 @@ class CSnmpSocketTransport : public ISnmpBackendTransport {
   const CSnmpSocketTransportOptions& options() const { return options_; }
   // Connections opened so far (reconnects included).
   uint64_t connectCount() const;
+  // Ends the transport for good, from any thread: the call under way ends at
+  // once (its connection is shut down under it) and every later call
+  // answers SNMP_TRANSPORT_E_NOT_CONFIGURED without trying. The agent stops
+  // so without waiting out a slow array.
+  void shutdown();
 
  private:
   struct State;

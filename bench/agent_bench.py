@@ -99,10 +99,10 @@ class Harness:
                 p.wait()
         self.children.remove(p)
 
-    def start_sim(self, name, luns=None):
+    def start_sim(self, name, luns=None, extra=()):
         """Starts zerva-array-sim on the large topology; returns (process, address)."""
         sock = os.path.join(self.tmp, name + ".sock")
-        argv = [self.sim, "--listen", "unix:" + sock, "--topology", LARGE]
+        argv = [self.sim, "--listen", "unix:" + sock, "--topology", LARGE] + list(extra)
         if luns is not None:
             argv += ["--luns", str(luns)]
         p = self.spawn(argv, name)

@@ -40,7 +40,7 @@ import agent_bench  # noqa: E402  (the same harness as the agent benchmark)
 from agent_bench import Harness, LARGE, SUBTREE, LUN_TABLE, cpu_seconds, vm_hwm_kib, med, delta  # noqa: E402
 
 WARMUP_LIMIT_S = 120  # warm-up walks stop once one succeeds, or after this long
-AGE_RE = re.compile(r"answering from the read of (\d+)\.(\d) s ago")
+AGE_RE = re.compile(r"from the read of (\d+)\.(\d) s ago")
 AGENT_LOG = ["zervaKitLogLevel 2 debug"]  # the agent kit: late answers and their age
 
 

@@ -149,9 +149,9 @@ namespace {
 
 std::string Milliseconds(std::chrono::milliseconds ms) { return std::to_string(ms.count()) + " ms"; }
 
-// How old a read made at `at` is, for logs: "2.4 s".
-std::string Age(Clock::time_point now, Clock::time_point at) {
-  const long long ms = std::chrono::duration_cast<std::chrono::milliseconds>(now - at).count();
+// A duration for logs: "2.4 s".
+std::string Age(Clock::duration age) {
+  const long long ms = std::chrono::duration_cast<std::chrono::milliseconds>(age).count();
   char text[32];
   snprintf(text, sizeof text, "%lld.%lld s", ms / 1000, (ms % 1000) / 100);
   return text;
@@ -231,15 +231,19 @@ Lookup ScalarServer::read() {
     return read->result;
   }
   std::lock_guard<std::mutex> lock(mu_);
+  const bool first = !read->late;  // logged once per late read
+  read->late = true;
   const Clock::time_point now = settings_.now();
   if (last_.status == Lookup::kFound && now - lastAt_ <= settings_.maxAge) {
-    reportLate("the back end has not answered within " + Milliseconds(settings_.waitTime) +
-               "; answering the value read " + Age(now, lastAt_) + " ago");
+    if (first) {
+      reportLate("the back end has not answered within " + Milliseconds(settings_.waitTime) +
+                 "; answering the value read " + Age(now - lastAt_) + " ago");
+    }
     return last_;
   }
   const std::string why = "the back end has not answered within " + Milliseconds(settings_.waitTime) +
                           ", and no earlier value is younger than " + Milliseconds(settings_.maxAge);
-  reportLate(why);
+  if (first) reportLate(why);
   return Error(why);
 }
 
@@ -510,8 +514,12 @@ void TableServer::readJob(const GenerationPtr& gen, Query q, uint64_t serial) {
     gen->born = began;
   }
   snapshot_.noteRead();
+  const Clock::time_point now = settings_.now();
+  lastRead_ = now - began;
   if (late) {
-    reportLate("a late read took " + Age(settings_.now(), began));
+    std::string text = "a late read took " + Age(lastRead_);
+    if (previous_) text += "; until then answers came from the read of " + Age(now - previous_->born) + " ago";
+    reportLate(text);
   } else {
     reportInTime();
   }
@@ -558,13 +566,17 @@ TableServer::Fetch TableServer::readUntil(std::unique_lock<std::mutex>& lock,
       mineDone = !pending_;  // an inline worker has run it already
       continue;
     }
-    const bool fallback = previous_ && covered(*previous_) && settings_.now() - previous_->born <= settings_.maxAge;
-    // A read that made a lookup give up already is not waited for again
-    // while the previous generation can answer.
-    if (!(pending_->late && fallback)) {
+    auto canFallBack = [&] {
+      return previous_ && covered(*previous_) && settings_.now() - previous_->born <= settings_.maxAge;
+    };
+    // While the previous generation can answer, a read is not waited for
+    // when it made a lookup give up already, or when the last read of this
+    // table took longer than the wait left.
+    const bool slow = lastRead_ > deadline_ - Clock::now();
+    if (!(canFallBack() && (pending_->late || slow))) {
       const BackendWorker::Ticket ticket = pending_->ticket;
-      lock.unlock();
       const uint64_t serial = pending_->serial;
+      lock.unlock();
       const bool done = waitUntil(ticket, deadline_);
       lock.lock();
       if (done) {
@@ -572,18 +584,21 @@ TableServer::Fetch TableServer::readUntil(std::unique_lock<std::mutex>& lock,
         continue;
       }
     }
+    // Logged once per late read.
+    const bool first = pending_ && !pending_->late;
     if (pending_) pending_->late = true;
-    const bool stillFallback =
-        previous_ && covered(*previous_) && settings_.now() - previous_->born <= settings_.maxAge;
-    if (stillFallback) {
-      reportLate("the back end has not answered within " + Milliseconds(settings_.waitTime) +
-                 "; answering from the read of " + Age(settings_.now(), previous_->born) + " ago");
+    if (canFallBack()) {
+      if (first) {
+        const std::string reason = slow ? "its last read took " + Age(lastRead_) + ", longer than the wait"
+                                        : "the back end has not answered within " + Milliseconds(settings_.waitTime);
+        reportLate(reason + "; answering from the read of " + Age(settings_.now() - previous_->born) + " ago");
+      }
       *gen = previous_.get();
       return kLate;
     }
     *why = "the back end has not answered within " + Milliseconds(settings_.waitTime) +
            ", and no earlier read younger than " + Milliseconds(settings_.maxAge) + " can answer";
-    reportLate(*why);
+    if (first) reportLate(*why);
     return kFailed;
   }
 }

@@ -194,7 +194,8 @@ class ScalarServer : public ObjectServer {
   // One read of the scalar by the worker; lookups meanwhile wait for it too.
   struct Read {
     BackendWorker::Ticket ticket;
-    Lookup result;  // set on the worker before the job is done
+    Lookup result;      // set on the worker before the job is done
+    bool late = false;  // a lookup gave up waiting for it (guarded by mu_)
   };
   // The scalar's value: read on the worker within the request's deadline,
   // else the last value read (not older than maxAge), else an error.
@@ -336,6 +337,7 @@ class TableServer : public ObjectServer {
   std::string failure_;        // why the last read failed
   std::unique_ptr<Pending> pending_;
   uint64_t serial_ = 0;         // of the last read started
+  Clock::duration lastRead_{};  // how long the last read that stored rows took
   Clock::time_point deadline_;  // of the current lookup's request
 };
 

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -900,6 +901,7 @@ TEST_F(SnapshotUseTest, WithoutTheWalkExtensionAContinuingGetNextReadsAgainAfter
 class HeldHandler : public CSnmpHandler {
  public:
   int OnQueryTable(const CVEM_SnmpContext&, const CTLVPackage&, CTLVPackage& rsp) override {
+    if (whileReading_) whileReading_();
     std::unique_lock<std::mutex> lock(mu_);
     ++calls_;
     released_.wait(lock, [this] { return !held_; });
@@ -941,6 +943,8 @@ class HeldHandler : public CSnmpHandler {
     std::lock_guard<std::mutex> lock(mu_);
     value_ = value;
   }
+  // Called at the start of every table read (on the worker).
+  void whileReading(std::function<void()> fn) { whileReading_ = std::move(fn); }
   int calls() {
     std::lock_guard<std::mutex> lock(mu_);
     return calls_;
@@ -963,6 +967,7 @@ class HeldHandler : public CSnmpHandler {
   int calls_ = 0;
   std::vector<uint32_t> writes_;
   std::string order_;
+  std::function<void()> whileReading_;
 };
 
 class WorkerTest : public ::testing::Test {
@@ -971,7 +976,7 @@ class WorkerTest : public ::testing::Test {
       : table_(Table(kTablePrefix, MibIndexEncoding::Integer, MibSyntax::Unsigned32,
                      {MibColumn{2, "count", MibSyntax::Counter32, false}})),
         scalar_(Scalar(MibSyntax::Unsigned32, true)) {
-    settings_.now = [this] { return now_; };
+    settings_.now = [this] { return Clock::time_point(Clock::duration(now_.load())); };
     settings_.waitTime = std::chrono::milliseconds(50);
     settings_.maxAge = std::chrono::seconds(60);
     settings_.worker = &worker_;
@@ -1000,7 +1005,9 @@ class WorkerTest : public ::testing::Test {
   MibObject scalar_;
   HeldHandler handler_;
   ServerSettings settings_;
-  Clock::time_point now_ = Clock::time_point() + std::chrono::hours(1);
+  // The agent's clock of ages, moved by the test (and by handlers, on the worker).
+  void advance(Clock::duration d) { now_ += d.count(); }
+  std::atomic<Clock::rep> now_{std::chrono::duration_cast<Clock::duration>(std::chrono::hours(1)).count()};
   std::chrono::milliseconds wait_{50};  // each request's deadline is this far away
   std::unique_ptr<TableServer> tableServer_;
   std::unique_ptr<ScalarServer> scalarServer_;
@@ -1032,7 +1039,7 @@ TEST_F(WorkerTest, TheModuleIsCalledOnTheWorkerNotOnTheRequestThread) {
 
 TEST_F(WorkerTest, ALateRefreshIsAnsweredFromThePreviousReadAndItsRowsServeLater) {
   ASSERT_EQ(5u, readCount().value.number);
-  now_ += std::chrono::seconds(4);  // past the snapshot time
+  advance(std::chrono::seconds(4));  // past the snapshot time
   handler_.set(6);
   handler_.hold();
   Lookup late = readCount();
@@ -1067,7 +1074,7 @@ TEST_F(WorkerTest, ALateFirstReadIsAnErrorAtTheDeadlineNotAHang) {
 
 TEST_F(WorkerTest, AReadAlreadyLateIsNotWaitedForAgainWhileThePreviousAnswers) {
   ASSERT_EQ(5u, readCount().value.number);
-  now_ += std::chrono::seconds(4);
+  advance(std::chrono::seconds(4));
   handler_.hold();
   ASSERT_EQ(5u, readCount().value.number);  // waited until its deadline
   // The next request could wait 20 s, but the read is late already.
@@ -1080,9 +1087,33 @@ TEST_F(WorkerTest, AReadAlreadyLateIsNotWaitedForAgainWhileThePreviousAnswers) {
   EXPECT_EQ(2, handler_.calls());  // the held read, not another
 }
 
+TEST_F(WorkerTest, AReadSlowerThanTheWaitIsNotWaitedForWhileThePreviousAnswers) {
+  KitLogCapture log;
+  handler_.whileReading([this] { advance(std::chrono::seconds(2)); });  // every read takes 2 s
+  wait_ = std::chrono::seconds(5);
+  ASSERT_EQ(5u, readCount().value.number);  // no previous read: waited for
+  advance(std::chrono::seconds(4));
+  handler_.hold();
+  wait_ = std::chrono::seconds(1);  // shorter than the last read
+  const Clock::time_point start = Clock::now();
+  Lookup got = readCount();
+  ASSERT_EQ(Lookup::kFound, got.status) << got.error;
+  EXPECT_EQ(5u, got.value.number);
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(1));
+  bool logged = false;
+  for (const CVEMLogRecord& r : log.records(VEM_LOG_WARN)) {
+    logged = logged || r.message.find("its last read took 2.0 s, longer than the wait; answering from the read of ") !=
+                           std::string::npos;
+  }
+  EXPECT_TRUE(logged);
+  handler_.release();
+  drain();
+  EXPECT_EQ(2, handler_.calls());  // the refresh was asked all the same
+}
+
 TEST_F(WorkerTest, APreviousReadOlderThanTheMaximumAgeIsNotServed) {
   ASSERT_EQ(5u, readCount().value.number);
-  now_ += std::chrono::seconds(61);
+  advance(std::chrono::seconds(61));
   handler_.hold();
   Lookup got = readCount();
   ASSERT_EQ(Lookup::kError, got.status);
@@ -1108,7 +1139,7 @@ TEST_F(WorkerTest, ALateScalarReadAnswersTheLastValueReadOrAnError) {
 TEST_F(WorkerTest, AWriteGoesBeforeTheQueuedReads) {
   ASSERT_EQ(5u, readCount().value.number);
   handler_.hold();
-  now_ += std::chrono::seconds(4);
+  advance(std::chrono::seconds(4));
   EXPECT_EQ(Lookup::kFound, readCount().status);   // a table read, held on the worker
   EXPECT_EQ(Lookup::kError, readScalar().status);  // a scalar read queued behind it
   std::thread releaser([this] {

@@ -1,5 +1,6 @@
 #include "host/agent/agent_runtime.h"
 
+#include <algorithm>
 #include <chrono>
 
 #include "host/agent/agent_log.h"
@@ -75,6 +76,12 @@ bool AgentRuntime::serve(std::string* summary, std::string* error) {
     servers_.push_back(std::move(server));
     prefixes += (prefixes.empty() ? "" : ", ") + h.object->name + " " + h.prefix;
   }
+  // Walks go from each object to the next in OID order.
+  std::vector<ObjectServer*> inOrder;
+  for (auto& s : servers_) inOrder.push_back(s.get());
+  std::sort(inOrder.begin(), inOrder.end(),
+            [](const ObjectServer* a, const ObjectServer* b) { return a->prefix() < b->prefix(); });
+  for (size_t i = 0; i + 1 < inOrder.size(); ++i) inOrder[i]->setNext(inOrder[i + 1]);
   const MibDescription& mib = module_.mib();
   if (!mib.moduleOid.empty()) sysOR_.add(mib.moduleOid, "The MIB module " + mib.moduleName);
 

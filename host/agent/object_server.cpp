@@ -205,17 +205,21 @@ Lookup ScalarServer::readNow() {
 
 Lookup ScalarServer::read() {
   const Clock::time_point until = deadline();
+  auto lastUsable = [this] { return last_.status == Lookup::kFound && settings_.now() - lastAt_ <= settings_.maxAge; };
   std::shared_ptr<Read> read;
+  bool start = false;
   {
     std::lock_guard<std::mutex> lock(mu_);
+    // A read that made a lookup give up already is not waited for again
+    // while the last value can answer.
+    if (pending_ && pending_->late && lastUsable()) return last_;
+    if (!pending_) {
+      pending_ = std::make_shared<Read>();
+      start = true;
+    }
     read = pending_;
   }
-  if (!read) {
-    read = std::make_shared<Read>();
-    {
-      std::lock_guard<std::mutex> lock(mu_);
-      pending_ = read;
-    }
+  if (start) {
     read->ticket = submit([this, read] {
       read->result = readNow();
       std::lock_guard<std::mutex> lock(mu_);
@@ -233,11 +237,10 @@ Lookup ScalarServer::read() {
   std::lock_guard<std::mutex> lock(mu_);
   const bool first = !read->late;  // logged once per late read
   read->late = true;
-  const Clock::time_point now = settings_.now();
-  if (last_.status == Lookup::kFound && now - lastAt_ <= settings_.maxAge) {
+  if (lastUsable()) {
     if (first) {
       reportLate("the back end has not answered within " + Milliseconds(settings_.waitTime) +
-                 "; answering the value read " + Age(now - lastAt_) + " ago");
+                 "; answering the value read " + Age(settings_.now() - lastAt_) + " ago");
     }
     return last_;
   }
@@ -332,6 +335,18 @@ void TableServer::invalidate() {
   previous_.reset();
   pending_.reset();
   snapshot_.drop();
+}
+
+void TableServer::prefetch() {
+  std::unique_lock<std::mutex> lock(mu_);
+  if (!worker().threaded() || pending_ || !snapshot_.wouldReadAtStart()) return;
+  if (snapshot_.held()) roll();
+  if (current_->known.coversFirst()) return;
+  Query q;
+  q.whole = !batch_;
+  q.op = batch_ ? SNMP_OP_GETNEXT : SNMP_OP_WALK;
+  q.rows = batch_ ? std::max(settings_.batchRows, 1u) : 0;
+  start(lock, q);
 }
 
 void TableServer::roll() {
@@ -716,6 +731,12 @@ Lookup TableServer::getNext(const Agentpp::Oidx& oid, unsigned int rowsHint) {
         out.name = entry;
         out.name += col.number;
         out.name += row->first;
+        // In the last column the walk is about to leave: the next object
+        // is read meanwhile.
+        if (next_ != nullptr && i + 1 == object_.columns.size()) {
+          lock.unlock();
+          next_->prefetch();
+        }
         return out;
       }
       fromStart = false;

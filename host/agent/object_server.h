@@ -134,6 +134,13 @@ class ObjectServer {
   virtual Lookup getNext(const Agentpp::Oidx& oid, unsigned int rowsHint) = 0;
   // Drops whatever was kept from the back end.
   virtual void invalidate() {}
+  // Has the worker read what a walk entering this object would read first,
+  // when it would read at all: the walk of the object before it is about
+  // to reach it. No request waits for it.
+  virtual void prefetch() {}
+  // The object after this one in OID order: a walk leaving this one goes
+  // there. REQUIRES: next outlives this server.
+  void setNext(ObjectServer* next) { next_ = next; }
 
  protected:
   // Records a failure: logged once until the object answers again.
@@ -160,6 +167,7 @@ class ObjectServer {
   CSnmpHandler* const handler_;
   const ServerSettings settings_;
   const Agentpp::Oidx prefix_;
+  ObjectServer* next_ = nullptr;
 
  private:
   std::unique_ptr<BackendWorker> ownWorker_;  // when the settings give none
@@ -219,6 +227,7 @@ class TableServer : public ObjectServer {
   Lookup get(const Agentpp::Oidx& oid) override;
   Lookup getNext(const Agentpp::Oidx& oid, unsigned int rowsHint) override;
   void invalidate() override;
+  void prefetch() override;
 
   // False for a table read whole: not a batch table, a text index, or a
   // batch table that turned out to list rows out of index order (read whole

@@ -1227,5 +1227,66 @@ TEST(WorkerBatchTest, AnInlineServerReadsNothingAhead) {
   EXPECT_EQ(1u, fixture.backend().callsTo(backend::kLunBatchStatsCmd).size());
 }
 
+TEST(WorkerPrefetchTest, AWalkInItsLastColumnHasTheNextTableReadOnceAndOnlyThen) {
+  MibObject first = Table(kTablePrefix, MibIndexEncoding::Integer, MibSyntax::Unsigned32,
+                          {MibColumn{2, "count", MibSyntax::Counter32, false}});
+  MibObject second = Table("1.3.6.1.4.1.32473.99.2", MibIndexEncoding::Integer, MibSyntax::Unsigned32,
+                           {MibColumn{2, "count", MibSyntax::Counter32, false}});
+  ScriptedTable a, b;
+  a.rows = {Rec().u32(1, 1).u32(2, 10), Rec().u32(1, 2).u32(2, 20)};
+  b.rows = {Rec().u32(1, 7).u32(2, 70)};
+  ServerSettings settings;
+  settings.waitTime = std::chrono::seconds(30);
+  std::unique_ptr<TableServer> sa, sb;
+  BackendWorker worker;
+  settings.worker = &worker;
+  sa.reset(new TableServer(first, &a, settings, false));
+  sb.reset(new TableServer(second, &b, settings, false));
+  sa->setNext(sb.get());
+  auto drain = [&worker] { worker.wait(worker.submit([] {})); };
+
+  // The index column: not yet the last one.
+  Lookup got = sa->getNext(sa->prefix(), 0);
+  ASSERT_EQ(Lookup::kFound, got.status) << got.error;
+  drain();
+  EXPECT_EQ(0, b.calls);
+  // The last column: the next table is read.
+  got = sa->getNext(Under(*sa, "1.2"), 0);
+  ASSERT_EQ(Lookup::kFound, got.status) << got.error;
+  drain();
+  EXPECT_EQ(1, b.calls);
+  EXPECT_EQ(2u, Walk(*sa).size() / 2);  // rows 1 and 2, two columns
+  drain();
+  EXPECT_EQ(1, b.calls);  // once per snapshot
+  // The walk goes on into the next table: answered from what was read.
+  EXPECT_EQ((std::vector<std::string>{"1.1.7=Gauge32: 7", "1.2.7=Counter32: 70"}), Walk(*sb));
+  EXPECT_EQ(1, b.calls);
+  EXPECT_EQ(1, a.calls);
+  sa.reset();
+  sb.reset();
+}
+
+TEST(WorkerPrefetchTest, NothingIsReadAheadWhenEveryRequestReadsAnyway) {
+  MibObject first = Table(kTablePrefix, MibIndexEncoding::Integer, MibSyntax::Unsigned32,
+                          {MibColumn{2, "count", MibSyntax::Counter32, false}});
+  MibObject second = Table("1.3.6.1.4.1.32473.99.2", MibIndexEncoding::Integer, MibSyntax::Unsigned32,
+                           {MibColumn{2, "count", MibSyntax::Counter32, false}});
+  ScriptedTable a, b;
+  a.rows = {Rec().u32(1, 1).u32(2, 10)};
+  ServerSettings settings;
+  settings.snapshotTime = std::chrono::milliseconds(0);
+  std::unique_ptr<TableServer> sa, sb;
+  BackendWorker worker;
+  settings.worker = &worker;
+  sa.reset(new TableServer(first, &a, settings, false));
+  sb.reset(new TableServer(second, &b, settings, false));
+  sa->setNext(sb.get());
+  EXPECT_EQ(2u, Walk(*sa).size());
+  worker.wait(worker.submit([] {}));
+  EXPECT_EQ(0, b.calls);
+  sa.reset();
+  sb.reset();
+}
+
 }  // namespace
 }  // namespace zerva_agent

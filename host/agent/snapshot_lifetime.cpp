@@ -17,6 +17,11 @@ bool SnapshotLifetime::begin(Use use) {
   return limit.count() <= 0 || now_() - born_ >= limit;
 }
 
+bool SnapshotLifetime::wouldReadAtStart() const {
+  if (time_.count() <= 0) return false;  // every request reads: nothing to read before it
+  return !held_ || now_() - born_ >= time_;
+}
+
 void SnapshotLifetime::noteRead() {
   if (!held_) born_ = now_();
   held_ = true;

@@ -50,6 +50,10 @@ class SnapshotLifetime {
   // when a snapshot is held and may not serve the lookup: the caller drops
   // its rows and calls drop().
   bool begin(Use use);
+  // True when a GET or a walk starting now would read the table: nothing
+  // is held, or the snapshot is older than the snapshot time (which is not
+  // zero). Begins no lookup.
+  bool wouldReadAtStart() const;
   // Records rows read for the current lookup: a snapshot starts (its age
   // with it) unless one is held already, and it serves the rest of the
   // current request whatever its age.

@@ -226,5 +226,24 @@ TEST_F(SnapshotLifetimeTest, AsksForTheRequestOncePerLookup) {
   EXPECT_EQ(2, asked);
 }
 
+TEST_F(SnapshotLifetimeTest, AStartWouldReadWithNothingHeldOrPastTheSnapshotTimeOnly) {
+  SnapshotLifetime life = lifetime(milliseconds(3000), milliseconds(60000));
+  EXPECT_TRUE(life.wouldReadAtStart());
+  read(life);
+  EXPECT_FALSE(life.wouldReadAtStart());
+  now_ += milliseconds(2999);
+  EXPECT_FALSE(life.wouldReadAtStart());
+  now_ += milliseconds(1);
+  EXPECT_TRUE(life.wouldReadAtStart());  // the walk time does not count for a start
+  EXPECT_EQ(1u, request_);               // asks no request number
+}
+
+TEST_F(SnapshotLifetimeTest, WithASnapshotTimeOfZeroNothingIsReadBeforeTheRequest) {
+  SnapshotLifetime life = lifetime(milliseconds(0));
+  EXPECT_FALSE(life.wouldReadAtStart());
+  read(life);
+  EXPECT_FALSE(life.wouldReadAtStart());
+}
+
 }  // namespace
 }  // namespace zerva_agent

@@ -41,7 +41,7 @@ from agent_bench import Harness, LARGE, SUBTREE, LUN_TABLE, cpu_seconds, vm_hwm_
 
 WARMUP_LIMIT_S = 120  # warm-up walks stop once one succeeds, or after this long
 AGE_RE = re.compile(r"from the read of (\d+)\.(\d) s ago")
-AGENT_LOG = ["zervaKitLogLevel 2 debug"]  # the agent kit: late answers and their age
+AGENT_LOG = ["zervaKitLogLevel 2 debug", "zervaLogFoldSeconds 0"]  # the agent kit: every late read and its age, unfolded
 
 
 def machine():

@@ -8,9 +8,11 @@ namespace zerva_agent {
 class BackendWorker::Job {
  public:
   enum State { kQueued, kRunning, kDone, kDropped };
-  explicit Job(std::function<void()> fn) : fn(std::move(fn)) {}
+  Job(std::function<void()> fn, Clock::duration expected) : fn(std::move(fn)), expected(expected) {}
   std::function<void()> fn;
-  State state = kQueued;  // guarded by the worker's mutex
+  const Clock::duration expected;
+  State state = kQueued;      // guarded by the worker's mutex
+  Clock::time_point started;  // when it began to run (likewise)
 };
 
 BackendWorker::BackendWorker(Mode mode) : mode_(mode) {
@@ -30,8 +32,8 @@ BackendWorker::~BackendWorker() {
   thread_.join();
 }
 
-BackendWorker::Ticket BackendWorker::submit(std::function<void()> fn, bool urgent) {
-  Ticket job = std::make_shared<Job>(std::move(fn));
+BackendWorker::Ticket BackendWorker::submit(std::function<void()> fn, bool urgent, Clock::duration expected) {
+  Ticket job = std::make_shared<Job>(std::move(fn), expected);
   if (mode_ == kInline) {
     job->state = Job::kRunning;
     job->fn();
@@ -65,12 +67,15 @@ void BackendWorker::run() {
     Ticket job = queue_.front();
     queue_.pop_front();
     job->state = Job::kRunning;
+    job->started = Clock::now();
+    running_ = job;
     std::function<void()> fn = std::move(job->fn);
     lock.unlock();
     fn();
     fn = nullptr;  // what the job holds goes before anyone learns it is done
     lock.lock();
     job->state = Job::kDone;
+    running_.reset();
     ++jobsRun_;
     done_.notify_all();
   }
@@ -93,6 +98,19 @@ bool BackendWorker::cancel(const Ticket& job) {
   queue_.erase(std::find(queue_.begin(), queue_.end(), job));
   done_.notify_all();
   return true;
+}
+
+BackendWorker::Clock::time_point BackendWorker::expectedDone(const Ticket& job) const {
+  std::lock_guard<std::mutex> lock(mu_);
+  const Clock::time_point now = Clock::now();
+  if (job->state == Job::kDone || job->state == Job::kDropped) return now;
+  Clock::time_point at = running_ ? std::max(now, running_->started + running_->expected) : now;
+  if (job->state == Job::kRunning) return at;
+  for (const Ticket& queued : queue_) {
+    at += queued->expected;
+    if (queued == job) break;
+  }
+  return at;
 }
 
 bool BackendWorker::started(const Ticket& job) const {

@@ -40,8 +40,14 @@ class BackendWorker {
   bool threaded() const { return mode_ == kThreaded; }
 
   // Queues fn to run after the queued jobs (urgent: before them, after the
-  // running one). Inline: runs fn now. REQUIRES: fn does not throw.
-  Ticket submit(std::function<void()> fn, bool urgent = false);
+  // running one). expected: how long it is likely to take (its last run),
+  // for expectedDone(). Inline: runs fn now. REQUIRES: fn does not throw.
+  Ticket submit(std::function<void()> fn, bool urgent = false, Clock::duration expected = Clock::duration::zero());
+  // When the job is likely to be done: after the running job and the jobs
+  // queued before it, each taking what it was expected to take (a job
+  // running longer than expected is taken to end now). Now for a job that
+  // has run or was dropped.
+  Clock::time_point expectedDone(const Ticket& job) const;
   // Waits until the job has run or until deadline. True when it has run.
   bool waitUntil(const Ticket& job, Clock::time_point deadline);
   // Waits until the job has run or was dropped; no bound.
@@ -62,6 +68,7 @@ class BackendWorker {
   std::condition_variable wake_;  // a job was queued, or the worker stops
   std::condition_variable done_;  // a job finished or was dropped
   std::deque<Ticket> queue_;
+  Ticket running_;  // the job under way, if any
   bool stopping_ = false;
   uint64_t jobsRun_ = 0;
   std::thread thread_;

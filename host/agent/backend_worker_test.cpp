@@ -145,5 +145,25 @@ TEST(BackendWorkerTest, DestructionDropsQueuedJobsAndWaitsForTheRunningOne) {
   EXPECT_FALSE(queuedRan.load());
 }
 
+TEST(BackendWorkerTest, ExpectedDoneAddsTheRunningJobAndTheJobsQueuedBeforeIt) {
+  BackendWorker worker;
+  Gate gate;
+  const Clock::time_point before = Clock::now();
+  worker.submit(gate.job(), false, std::chrono::seconds(10));
+  gate.waitEntered();
+  BackendWorker::Ticket a = worker.submit([] {}, false, std::chrono::seconds(1));
+  BackendWorker::Ticket b = worker.submit([] {}, false, std::chrono::seconds(2));
+  const Clock::time_point after = Clock::now();
+  // The running job ends 10 s after it started, then a, then b.
+  EXPECT_GE(worker.expectedDone(a), before + std::chrono::seconds(11));
+  EXPECT_LE(worker.expectedDone(a), after + std::chrono::seconds(11));
+  EXPECT_GE(worker.expectedDone(b), before + std::chrono::seconds(13));
+  EXPECT_LE(worker.expectedDone(b), after + std::chrono::seconds(13));
+  gate.release();
+  worker.wait(b);
+  const Clock::time_point doneAt = worker.expectedDone(b);
+  EXPECT_LE(doneAt, Clock::now());  // done: now, not 13 s away
+}
+
 }  // namespace
 }  // namespace zerva_agent

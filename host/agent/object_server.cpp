@@ -486,6 +486,15 @@ bool InIndexOrder(const RowList& rows, bool fromStart, const Agentpp::Oidx& afte
 }  // namespace
 
 void TableServer::readJob(const GenerationPtr& gen, Query q, uint64_t serial) {
+  {
+    // A read queued for a generation since replaced (refreshed or dropped)
+    // would store nothing: the array is not asked.
+    std::lock_guard<std::mutex> lock(mu_);
+    if (gen != current_) {
+      if (pending_ && pending_->serial == serial) pending_.reset();
+      return;
+    }
+  }
   const Clock::time_point began = settings_.now();
   RowList rows;
   std::string why;
@@ -543,10 +552,10 @@ void TableServer::readJob(const GenerationPtr& gen, Query q, uint64_t serial) {
 void TableServer::start(std::unique_lock<std::mutex>& lock, const Query& q) {
   pending_.reset(new Pending);
   const uint64_t serial = pending_->serial = ++serial_;
-  pending_->submitted = settings_.now();
   GenerationPtr gen = current_;
-  lock.unlock();  // an inline worker runs the job at once
-  BackendWorker::Ticket ticket = submit([this, gen, q, serial] { readJob(gen, q, serial); });
+  const Clock::duration expected = lastRead_;  // this read takes as long as the last one, likely
+  lock.unlock();                               // an inline worker runs the job at once
+  BackendWorker::Ticket ticket = worker().submit([this, gen, q, serial] { readJob(gen, q, serial); }, false, expected);
   lock.lock();
   if (pending_ && pending_->serial == serial) pending_->ticket = ticket;
 }
@@ -585,9 +594,10 @@ TableServer::Fetch TableServer::readUntil(std::unique_lock<std::mutex>& lock,
       return previous_ && covered(*previous_) && settings_.now() - previous_->born <= settings_.maxAge;
     };
     // While the previous generation can answer, a read is not waited for
-    // when it made a lookup give up already, or when the last read of this
-    // table took longer than the wait left.
-    const bool slow = lastRead_ > deadline_ - Clock::now();
+    // when it made a lookup give up already, or when it is not expected to
+    // be done in time: the jobs before it on the worker and the read itself
+    // take as long as they did last time.
+    const bool slow = worker().expectedDone(pending_->ticket) > deadline_;
     if (!(canFallBack() && (pending_->late || slow))) {
       const BackendWorker::Ticket ticket = pending_->ticket;
       const uint64_t serial = pending_->serial;
@@ -604,8 +614,9 @@ TableServer::Fetch TableServer::readUntil(std::unique_lock<std::mutex>& lock,
     if (pending_) pending_->late = true;
     if (canFallBack()) {
       if (first) {
-        const std::string reason = slow ? "its last read took " + Age(lastRead_) + ", longer than the wait"
-                                        : "the back end has not answered within " + Milliseconds(settings_.waitTime);
+        const std::string reason =
+            slow ? "its read is not expected within the wait (the last one took " + Age(lastRead_) + ")"
+                 : "the back end has not answered within " + Milliseconds(settings_.waitTime);
         reportLate(reason + "; answering from the read of " + Age(settings_.now() - previous_->born) + " ago");
       }
       *gen = previous_.get();

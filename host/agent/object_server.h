@@ -288,7 +288,6 @@ class TableServer : public ObjectServer {
     uint64_t serial = 0;
     BackendWorker::Ticket ticket;  // unset until the worker has it
     bool late = false;             // a lookup gave up waiting for it
-    Clock::time_point submitted;
   };
 
   enum Fetch { kFetched, kFailed, kLate };

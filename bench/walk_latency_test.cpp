@@ -33,8 +33,8 @@ TEST(WalkLatencyTest, WalksCountWhatSnmpwalkFindsAndTimeEveryRequest) {
   zerva_test::TempDir dir;
   const int port = zerva_test::FreeUdpPort();
   const std::string address = "127.0.0.1:" + std::to_string(port);
-  zerva_test::Process agent({BASELINE_AGENT_PATH, "--mib", ZERVA_MIB_XML, "--listen", "udp:" + address, "--luns",
-                             "25", "--ports", "1", "--controllers", "1", "--filesystems", "1"},
+  zerva_test::Process agent({BASELINE_AGENT_PATH, "--mib", ZERVA_MIB_XML, "--listen", "udp:" + address, "--luns", "25",
+                             "--ports", "1", "--controllers", "1", "--filesystems", "1"},
                             dir.path() + "/agent.log");
   const std::string env = "MIBS= SNMP_PERSISTENT_DIR=" + dir.path() + " SNMPCONFPATH=" + dir.path() + " ";
   std::string walked;

@@ -538,6 +538,7 @@ void TableServer::readJob(const GenerationPtr& gen, Query q, uint64_t serial) {
     gen->born = began;
   }
   snapshot_.noteRead();
+  freeReplaced(*gen);
   const Clock::time_point now = settings_.now();
   lastRead_ = now - began;
   if (late) {
@@ -547,6 +548,21 @@ void TableServer::readJob(const GenerationPtr& gen, Query q, uint64_t serial) {
   } else {
     reportInTime();
   }
+}
+
+void TableServer::freeReplaced(const Generation& gen) {
+  if (!previous_) return;
+  if (gen.known.complete()) {
+    previous_.reset();  // every lookup is answered from gen now
+    return;
+  }
+  // The rows from the first index up to where gen goes on without a gap
+  // are answered from gen: the previous generation forgets them.
+  const std::vector<RowIntervalSet::Interval>& known = gen.known.intervals();
+  if (known.empty() || !known.front().fromStart) return;
+  const Agentpp::Oidx& hi = known.front().hi;
+  previous_->rows.erase(previous_->rows.begin(), previous_->rows.upper_bound(hi));
+  previous_->known.removeThrough(hi);
 }
 
 void TableServer::start(std::unique_lock<std::mutex>& lock, const Query& q) {

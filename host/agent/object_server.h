@@ -321,6 +321,11 @@ class TableServer : public ObjectServer {
   // The worker's part of a read: asks the module, then stores the rows
   // into gen unless it was replaced meanwhile.
   void readJob(const GenerationPtr& gen, Query q, uint64_t serial);
+  // Frees what gen now answers from the previous generation: all of it
+  // once gen is complete, else the rows up to where gen covers the table
+  // from its first row without a gap (a walk fills it so), so that a walk
+  // of a large table holds about one copy, not two. REQUIRES: mu_ held.
+  void freeReplaced(const Generation& gen);
   // While a walk is in the last batch read, reads the next one.
   void readAhead(std::unique_lock<std::mutex>& lock, const Generation& gen, const Agentpp::Oidx& at);
   // Calls OnQueryTable; on success fills *rows in answer order. The read

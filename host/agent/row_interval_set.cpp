@@ -42,6 +42,19 @@ bool RowIntervalSet::complete() const {
   return intervals_.size() == 1 && intervals_[0].fromStart && intervals_[0].toEnd;
 }
 
+void RowIntervalSet::removeThrough(const Agentpp::Oidx& hi) {
+  std::vector<Interval> kept;
+  for (Interval r : intervals_) {
+    if (!r.toEnd && !(hi < r.hi)) continue;  // ends at or before hi
+    if (r.fromStart || r.lo < hi) {
+      r.fromStart = false;
+      r.lo = hi;
+    }
+    kept.push_back(r);
+  }
+  intervals_.swap(kept);
+}
+
 bool RowIntervalSet::coversFirst() const {
   for (const Interval& r : intervals_) {
     if (r.fromStart) return true;

@@ -38,6 +38,8 @@ class RowIntervalSet {
   void add(const Interval& interval);
   // Forgets every interval.
   void clear();
+  // Forgets every index up to and including hi: what is left starts after hi.
+  void removeThrough(const Agentpp::Oidx& hi);
 
   // True when nothing was added since the last clear().
   bool empty() const { return intervals_.empty(); }

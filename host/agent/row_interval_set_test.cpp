@@ -225,5 +225,31 @@ TEST(RowIntervalSetTest, ClearForgetsEverything) {
   EXPECT_FALSE(set.covers(Oidx{1}));
 }
 
+TEST(RowIntervalSetTest, RemoveThroughForgetsEveryIndexUpToItAndKeepsTheRest) {
+  RowIntervalSet set;
+  set.add(UpTo(10));
+  set.add(Between(20, 30));
+  set.add(After(40));
+  set.removeThrough(Oidx{25});
+  EXPECT_EQ((std::vector<std::string>{"(25,30]", "(40,end)"}), Text(set));
+  EXPECT_EQ((Rows{26, 30, 41, 99}), Covered(set, Rows{5, 10, 21, 25, 26, 30, 35, 41, 99}));
+  EXPECT_FALSE(set.coversFirst());
+
+  RowIntervalSet whole;
+  whole.add(RowIntervalSet::Whole());
+  whole.removeThrough(Oidx{7});
+  EXPECT_EQ((std::vector<std::string>{"(7,end)"}), Text(whole));
+  EXPECT_FALSE(whole.complete());
+  EXPECT_EQ((Rows{7, 8}), CoveredAfter(whole, Rows{6, 7, 8}));
+
+  RowIntervalSet gone;
+  gone.add(Between(1, 5));
+  gone.removeThrough(Oidx{5});
+  EXPECT_TRUE(gone.empty());
+  gone.add(Between(10, 20));
+  gone.removeThrough(Oidx{3});  // before it: unchanged
+  EXPECT_EQ((std::vector<std::string>{"(10,20]"}), Text(gone));
+}
+
 }  // namespace
 }  // namespace zerva_agent

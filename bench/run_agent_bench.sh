@@ -5,7 +5,7 @@
 #
 #   bench/run_agent_bench.sh [--runs N] [--skip-codec] [--json FILE]
 #
-# Builds what it needs in build-bench/ (or $BUILD_DIR, RelWithDebInfo, -j2),
+# Builds what it needs (bench/build_bench.sh: build-bench/ or $BUILD_DIR),
 # then runs bench/agent_bench.py on that build. --help builds nothing.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -17,12 +17,6 @@ for arg in "$@"; do
   esac
 done
 
-if [ ! -f "$BUILD_DIR/CMakeCache.txt" ]; then
-  GENERATOR="Unix Makefiles"
-  if command -v ninja >/dev/null 2>&1; then GENERATOR="Ninja"; fi
-  cmake -S . -B "$BUILD_DIR" -G "$GENERATOR" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZERVA_BUILD_BENCH=ON >/dev/null
-fi
-cmake --build "$BUILD_DIR" -j 2 --target zerva-snmp-agent zerva-array-sim zerva-sim-ctl baseline_agent \
-  tlv_codec_bench snmp_zerva_performance
+bench/build_bench.sh
 
 exec python3 bench/agent_bench.py "$@"

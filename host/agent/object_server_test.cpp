@@ -1229,65 +1229,65 @@ TEST(WorkerBatchTest, AnInlineServerReadsNothingAhead) {
   EXPECT_EQ(1u, fixture.backend().callsTo(backend::kLunBatchStatsCmd).size());
 }
 
-TEST(WorkerPrefetchTest, AWalkInItsLastColumnHasTheNextTableReadOnceAndOnlyThen) {
-  MibObject first = Table(kTablePrefix, MibIndexEncoding::Integer, MibSyntax::Unsigned32,
-                          {MibColumn{2, "count", MibSyntax::Counter32, false}});
-  MibObject second = Table("1.3.6.1.4.1.32473.99.2", MibIndexEncoding::Integer, MibSyntax::Unsigned32,
-                           {MibColumn{2, "count", MibSyntax::Counter32, false}});
-  ScriptedTable a, b;
-  a.rows = {Rec().u32(1, 1).u32(2, 10), Rec().u32(1, 2).u32(2, 20)};
-  b.rows = {Rec().u32(1, 7).u32(2, 70)};
-  ServerSettings settings;
-  settings.waitTime = std::chrono::seconds(30);
-  std::unique_ptr<TableServer> sa, sb;
-  BackendWorker worker;
-  settings.worker = &worker;
-  sa.reset(new TableServer(first, &a, settings, false));
-  sb.reset(new TableServer(second, &b, settings, false));
-  sa->setNext(sb.get());
-  auto drain = [&worker] { worker.wait(worker.submit([] {})); };
+// Two whole tables one after the other, on a worker: a walk of the first
+// may have the second read ahead.
+class WorkerPrefetchTest : public ::testing::Test {
+ protected:
+  WorkerPrefetchTest()
+      : first_(Table(kTablePrefix, MibIndexEncoding::Integer, MibSyntax::Unsigned32,
+                     {MibColumn{2, "count", MibSyntax::Counter32, false}})),
+        second_(Table("1.3.6.1.4.1.32473.99.2", MibIndexEncoding::Integer, MibSyntax::Unsigned32,
+                      {MibColumn{2, "count", MibSyntax::Counter32, false}})) {
+    a_.rows = {Rec().u32(1, 1).u32(2, 10), Rec().u32(1, 2).u32(2, 20)};
+    b_.rows = {Rec().u32(1, 7).u32(2, 70)};
+    settings_.waitTime = std::chrono::seconds(30);
+    settings_.worker = &worker_;
+  }
+  ~WorkerPrefetchTest() override { drain(); }
+  void serve() {
+    first_server_.reset(new TableServer(first_, &a_, settings_, false));
+    second_server_.reset(new TableServer(second_, &b_, settings_, false));
+    first_server_->setNext(second_server_.get());
+  }
+  void drain() {
+    worker_.wait(worker_.submit([] {}));
+  }
 
+  MibObject first_, second_;
+  ScriptedTable a_, b_;
+  ServerSettings settings_;
+  std::unique_ptr<TableServer> first_server_, second_server_;
+  BackendWorker worker_;  // goes first: no job outlives the servers
+};
+
+TEST_F(WorkerPrefetchTest, AWalkInItsLastColumnHasTheNextTableReadOnceAndOnlyThen) {
+  serve();
+  TableServer& sa = *first_server_;
   // The index column: not yet the last one.
-  Lookup got = sa->getNext(sa->prefix(), 0);
+  Lookup got = sa.getNext(sa.prefix(), 0);
   ASSERT_EQ(Lookup::kFound, got.status) << got.error;
   drain();
-  EXPECT_EQ(0, b.calls);
+  EXPECT_EQ(0, b_.calls);
   // The last column: the next table is read.
-  got = sa->getNext(Under(*sa, "1.2"), 0);
+  got = sa.getNext(Under(sa, "1.2"), 0);
   ASSERT_EQ(Lookup::kFound, got.status) << got.error;
   drain();
-  EXPECT_EQ(1, b.calls);
-  EXPECT_EQ(2u, Walk(*sa).size() / 2);  // rows 1 and 2, two columns
+  EXPECT_EQ(1, b_.calls);
+  EXPECT_EQ(4u, Walk(sa).size());  // rows 1 and 2, two columns
   drain();
-  EXPECT_EQ(1, b.calls);  // once per snapshot
+  EXPECT_EQ(1, b_.calls);  // once per snapshot
   // The walk goes on into the next table: answered from what was read.
-  EXPECT_EQ((std::vector<std::string>{"1.1.7=Gauge32: 7", "1.2.7=Counter32: 70"}), Walk(*sb));
-  EXPECT_EQ(1, b.calls);
-  EXPECT_EQ(1, a.calls);
-  sa.reset();
-  sb.reset();
+  EXPECT_EQ((std::vector<std::string>{"1.1.7=Gauge32: 7", "1.2.7=Counter32: 70"}), Walk(*second_server_));
+  EXPECT_EQ(1, b_.calls);
+  EXPECT_EQ(1, a_.calls);
 }
 
-TEST(WorkerPrefetchTest, NothingIsReadAheadWhenEveryRequestReadsAnyway) {
-  MibObject first = Table(kTablePrefix, MibIndexEncoding::Integer, MibSyntax::Unsigned32,
-                          {MibColumn{2, "count", MibSyntax::Counter32, false}});
-  MibObject second = Table("1.3.6.1.4.1.32473.99.2", MibIndexEncoding::Integer, MibSyntax::Unsigned32,
-                           {MibColumn{2, "count", MibSyntax::Counter32, false}});
-  ScriptedTable a, b;
-  a.rows = {Rec().u32(1, 1).u32(2, 10)};
-  ServerSettings settings;
-  settings.snapshotTime = std::chrono::milliseconds(0);
-  std::unique_ptr<TableServer> sa, sb;
-  BackendWorker worker;
-  settings.worker = &worker;
-  sa.reset(new TableServer(first, &a, settings, false));
-  sb.reset(new TableServer(second, &b, settings, false));
-  sa->setNext(sb.get());
-  EXPECT_EQ(2u, Walk(*sa).size());
-  worker.wait(worker.submit([] {}));
-  EXPECT_EQ(0, b.calls);
-  sa.reset();
-  sb.reset();
+TEST_F(WorkerPrefetchTest, NothingIsReadAheadWhenEveryRequestReadsAnyway) {
+  settings_.snapshotTime = std::chrono::milliseconds(0);
+  serve();
+  EXPECT_EQ(4u, Walk(*first_server_).size());
+  drain();
+  EXPECT_EQ(0, b_.calls);
 }
 
 }  // namespace

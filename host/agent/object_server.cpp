@@ -538,7 +538,6 @@ void TableServer::readJob(const GenerationPtr& gen, Query q, uint64_t serial) {
     gen->born = began;
   }
   snapshot_.noteRead();
-  freeReplaced(*gen);
   const Clock::time_point now = settings_.now();
   lastRead_ = now - began;
   if (late) {
@@ -548,6 +547,7 @@ void TableServer::readJob(const GenerationPtr& gen, Query q, uint64_t serial) {
   } else {
     reportInTime();
   }
+  freeReplaced(*gen);
 }
 
 void TableServer::freeReplaced(const Generation& gen) {

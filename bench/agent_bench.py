@@ -150,21 +150,26 @@ class Harness:
         self.wait_ready(port, p, name)
         return p, port
 
-    def walk(self, tool, port, oid, extra=(), keep=None):
-        """Runs the client; returns (wall seconds, varbinds, output lines or None)."""
+    def try_walk(self, tool, port, oid, extra=(), keep=None, timing=("-t", "10", "-r", "1")):
+        """Runs the client; returns (wall seconds, varbinds, output lines or None, error text or None)."""
         out = os.path.join(self.tmp, "walk.out")
-        argv = [tool, "-v2c", "-c", "public", "-On", "-t", "10", "-r", "1"] + list(extra) + \
-            ["127.0.0.1:%d" % port, oid]
+        argv = [tool, "-v2c", "-c", "public", "-On"] + list(timing) + list(extra) + ["127.0.0.1:%d" % port, oid]
         with open(out, "w") as f:
             t0 = time.perf_counter()
             r = subprocess.run(argv, env=self.env, stdout=f, stderr=subprocess.PIPE, text=True,
                                timeout=WALK_TIMEOUT)
             t1 = time.perf_counter()
-        if r.returncode != 0 or "Timeout" in r.stderr:
-            sys.exit("%s on port %d failed: %s" % (tool, port, r.stderr.strip()))
+        failed = r.returncode != 0 or "Timeout" in r.stderr or "Error" in r.stderr
         with open(out) as f:
             lines = [line for line in f if line.startswith(".")]
-        return t1 - t0, len(lines), (lines if keep else None)
+        return t1 - t0, len(lines), (lines if keep else None), (r.stderr.strip() or "failed") if failed else None
+
+    def walk(self, tool, port, oid, extra=(), keep=None):
+        """Runs the client, which must succeed; returns (wall seconds, varbinds, output lines or None)."""
+        wall, n, lines, error = self.try_walk(tool, port, oid, extra, keep)
+        if error:
+            sys.exit("%s on port %d failed: %s" % (tool, port, error))
+        return wall, n, lines
 
     def counts(self, address):
         """The simulator's command counts (zerva-sim-ctl counts), by command name."""
@@ -176,6 +181,17 @@ class Harness:
             _, name, n = line.split()
             out[name] = int(n)
         return out
+
+
+def machine():
+    """The machine the figures come from: CPU count and model."""
+    model = ""
+    with open("/proc/cpuinfo") as f:
+        for line in f:
+            if line.startswith("model name"):
+                model = line.split(":", 1)[1].strip()
+                break
+    return {"cpus": os.cpu_count(), "cpu": model}
 
 
 def free_udp_port():
@@ -477,15 +493,9 @@ def main(argv=None):
     signal.signal(signal.SIGINT, on_signal)
 
     results = {"runs": args.runs}
-    cpu_model = ""
-    with open("/proc/cpuinfo") as f:
-        for line in f:
-            if line.startswith("model name"):
-                cpu_model = line.split(":", 1)[1].strip()
-                break
+    results["machine"] = machine()
     print("== %d CPU(s): %s; load average before: %s" %
-          (os.cpu_count(), cpu_model, open("/proc/loadavg").read().split()[0]))
-    results["machine"] = {"cpus": os.cpu_count(), "cpu": cpu_model}
+          (results["machine"]["cpus"], results["machine"]["cpu"], open("/proc/loadavg").read().split()[0]))
     cold = Cold()
     t_start = time.time()
 

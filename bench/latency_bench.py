@@ -28,7 +28,6 @@ Takes about 15 minutes. Not part of ctest.
 import argparse
 import json
 import os
-import platform
 import re
 import signal
 import subprocess
@@ -37,37 +36,17 @@ import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import agent_bench  # noqa: E402  (the same harness as the agent benchmark)
-from agent_bench import Harness, LARGE, SUBTREE, LUN_TABLE, cpu_seconds, vm_hwm_kib, med, delta  # noqa: E402
+from agent_bench import Harness, LARGE, SUBTREE, LUN_TABLE, machine, vm_hwm_kib, med, delta  # noqa: E402
 
 WARMUP_LIMIT_S = 120  # warm-up walks stop once one succeeds, or after this long
 AGE_RE = re.compile(r"from the read of (\d+)\.(\d) s ago")
 AGENT_LOG = ["zervaKitLogLevel 2 debug", "zervaLogFoldSeconds 0"]  # the agent kit: every late read and its age, unfolded
 
 
-def machine():
-    """A line naming the machine the figures come from."""
-    model = ""
-    try:
-        with open("/proc/cpuinfo") as f:
-            for line in f:
-                if line.startswith("model name"):
-                    model = line.split(":", 1)[1].strip()
-                    break
-    except OSError:
-        pass
-    return "%s, %d cores, %s" % (model or platform.processor(), os.cpu_count(), platform.platform())
-
-
-def try_walk(h, port, oid, extra=()):
-    """One snmpbulkwalk; returns (wall seconds, varbinds, ok)."""
-    argv = ["snmpbulkwalk", "-v2c", "-c", "public", "-On", "-t", "5", "-r", "0", "-Cr50"] + list(extra) + \
-        ["127.0.0.1:%d" % port, oid]
-    t0 = time.perf_counter()
-    r = subprocess.run(argv, env=h.env, capture_output=True, text=True, timeout=agent_bench.WALK_TIMEOUT)
-    wall = time.perf_counter() - t0
-    n = sum(1 for line in r.stdout.splitlines() if line.startswith("."))
-    ok = r.returncode == 0 and "Timeout" not in r.stderr and "Error" not in r.stderr
-    return wall, n, ok
+def try_walk(h, port, oid):
+    """One snmpbulkwalk (-Cr50, 5 s timeout, no retry); returns (wall seconds, varbinds, ok)."""
+    wall, n, _, error = h.try_walk("snmpbulkwalk", port, oid, ["-Cr50"], timing=("-t", "5", "-r", "0"))
+    return wall, n, error is None
 
 
 def warm_up(h, port):
@@ -234,7 +213,9 @@ def main(argv=None):
         h.cleanup()
         sys.exit(128 + signum)
     signal.signal(signal.SIGTERM, on_signal)
+    signal.signal(signal.SIGINT, on_signal)
     results = {"machine": machine(), "date": time.strftime("%Y-%m-%d")}
+    print("== %d CPU(s): %s" % (results["machine"]["cpus"], results["machine"]["cpu"]))
     only = set(args.only.split(","))
     try:
         if "L1" in only:
@@ -247,7 +228,6 @@ def main(argv=None):
             scenario_l4(h, results)
     finally:
         h.cleanup()
-    print("\nmachine: " + results["machine"])
     if args.json:
         with open(args.json, "w") as f:
             json.dump(results, f, indent=1, default=str)

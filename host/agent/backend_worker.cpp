@@ -39,8 +39,6 @@ BackendWorker::Ticket BackendWorker::submit(std::function<void()> fn, bool urgen
     job->fn();
     job->fn = nullptr;
     job->state = Job::kDone;
-    std::lock_guard<std::mutex> lock(mu_);
-    ++jobsRun_;
     return job;
   }
   {
@@ -76,7 +74,6 @@ void BackendWorker::run() {
     lock.lock();
     job->state = Job::kDone;
     running_.reset();
-    ++jobsRun_;
     done_.notify_all();
   }
 }
@@ -111,16 +108,6 @@ BackendWorker::Clock::time_point BackendWorker::expectedDone(const Ticket& job) 
     if (queued == job) break;
   }
   return at;
-}
-
-bool BackendWorker::started(const Ticket& job) const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return job->state != Job::kQueued;
-}
-
-uint64_t BackendWorker::jobsRun() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return jobsRun_;
 }
 
 }  // namespace zerva_agent

@@ -54,11 +54,6 @@ class BackendWorker {
   void wait(const Ticket& job);
   // Drops the job unless it has started. True when it was dropped.
   bool cancel(const Ticket& job);
-  // True when the job has started (or finished, or was dropped).
-  bool started(const Ticket& job) const;
-
-  // Jobs run so far (the back-end traffic the agent made, in jobs).
-  uint64_t jobsRun() const;
 
  private:
   void run();
@@ -70,7 +65,6 @@ class BackendWorker {
   std::deque<Ticket> queue_;
   Ticket running_;  // the job under way, if any
   bool stopping_ = false;
-  uint64_t jobsRun_ = 0;
   std::thread thread_;
 };
 

@@ -37,9 +37,8 @@ TEST(BackendWorkerTest, InlineWorkerRunsTheJobBeforeSubmitReturns) {
   std::thread::id ranOn;
   BackendWorker::Ticket job = worker.submit([&] { ranOn = std::this_thread::get_id(); });
   EXPECT_EQ(caller, ranOn);
-  EXPECT_TRUE(worker.started(job));
-  EXPECT_TRUE(worker.waitUntil(job, Clock::now()));
-  EXPECT_EQ(1u, worker.jobsRun());
+  EXPECT_TRUE(worker.waitUntil(job, Clock::now()));  // done already
+  EXPECT_FALSE(worker.cancel(job));
   EXPECT_FALSE(worker.threaded());
 }
 
@@ -67,7 +66,6 @@ TEST(BackendWorkerTest, JobsRunOneAtATimeInOrderOnOneOtherThread) {
     EXPECT_EQ(threads.front(), t);
     EXPECT_NE(std::this_thread::get_id(), t);
   }
-  EXPECT_EQ(50u, worker.jobsRun());
 }
 
 TEST(BackendWorkerTest, WaitUntilGivesUpAtTheDeadlineAndTheJobStillRuns) {
@@ -80,7 +78,7 @@ TEST(BackendWorkerTest, WaitUntilGivesUpAtTheDeadlineAndTheJobStillRuns) {
   const Clock::time_point start = Clock::now();
   EXPECT_FALSE(worker.waitUntil(job, start + milliseconds(50)));
   EXPECT_GE(Clock::now() - start, milliseconds(50));
-  EXPECT_FALSE(worker.started(job));
+  EXPECT_FALSE(ran);
   gate.release();
   EXPECT_TRUE(worker.waitUntil(job, Clock::now() + std::chrono::seconds(10)));
   EXPECT_TRUE(ran);
@@ -119,7 +117,6 @@ TEST(BackendWorkerTest, CancelDropsAQueuedJobButNotARunningOne) {
   BackendWorker::Ticket after = worker.submit([] {});
   worker.wait(after);
   EXPECT_FALSE(ran);
-  EXPECT_EQ(2u, worker.jobsRun());
 }
 
 TEST(BackendWorkerTest, DestructionDropsQueuedJobsAndWaitsForTheRunningOne) {

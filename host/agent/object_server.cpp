@@ -94,14 +94,6 @@ ObjectServer::ObjectServer(const MibObject& object, CSnmpHandler* handler, const
       ownWorker_(settings.worker == nullptr ? new BackendWorker(BackendWorker::kInline) : nullptr),
       worker_(settings.worker != nullptr ? settings.worker : ownWorker_.get()) {}
 
-BackendWorker::Ticket ObjectServer::submit(std::function<void()> fn, bool urgent) {
-  return worker_->submit(std::move(fn), urgent);
-}
-
-bool ObjectServer::waitUntil(const BackendWorker::Ticket& job, Clock::time_point deadline) {
-  return worker_->waitUntil(job, deadline);
-}
-
 Clock::time_point ObjectServer::deadline() const {
   return settings_.deadline ? settings_.deadline() : Clock::now() + settings_.waitTime;
 }
@@ -220,7 +212,7 @@ Lookup ScalarServer::read() {
     read = pending_;
   }
   if (start) {
-    read->ticket = submit([this, read] {
+    read->ticket = worker().submit([this, read] {
       read->result = readNow();
       std::lock_guard<std::mutex> lock(mu_);
       if (read->result.status == Lookup::kFound) {
@@ -230,7 +222,7 @@ Lookup ScalarServer::read() {
       if (pending_ == read) pending_.reset();
     });
   }
-  if (waitUntil(read->ticket, until)) {
+  if (worker().waitUntil(read->ticket, until)) {
     reportInTime();
     return read->result;
   }
@@ -286,7 +278,7 @@ int ScalarServer::write(uint32_t value, std::string* why) {
   };
   auto outcome = std::make_shared<Outcome>();
   // Before the reads queued: a write waits for the call under way only.
-  BackendWorker::Ticket job = submit(
+  BackendWorker::Ticket job = worker().submit(
       [this, value, outcome] {
         CVEM_SnmpContext ctx(SNMP_OP_SET, Agentpp::Oidx{0}, 1);
         CTLVPackage req;
@@ -298,7 +290,7 @@ int ScalarServer::write(uint32_t value, std::string* why) {
         outcome->rc = CallHandler([&] { return handler_->OnSetLeaf(ctx, req, rsp); }, &outcome->why);
       },
       true);
-  if (!waitUntil(job, deadline())) {
+  if (!worker().waitUntil(job, deadline())) {
     if (worker().cancel(job)) {
       *why = "the back end is busy: the write did not start within " + Milliseconds(settings_.waitTime);
       reportLate(*why);
@@ -342,11 +334,17 @@ void TableServer::prefetch() {
   if (!worker().threaded() || pending_ || !snapshot_.wouldReadAtStart()) return;
   if (snapshot_.held()) roll();
   if (current_->known.coversFirst()) return;
+  start(lock, readAfter(true, Agentpp::Oidx(), 0));
+}
+
+TableServer::Query TableServer::readAfter(bool fromStart, const Agentpp::Oidx& after, unsigned int rowsHint) const {
   Query q;
   q.whole = !batch_;
-  q.op = batch_ ? SNMP_OP_GETNEXT : SNMP_OP_WALK;
-  q.rows = batch_ ? std::max(settings_.batchRows, 1u) : 0;
-  start(lock, q);
+  q.op = batch_ || !fromStart ? SNMP_OP_GETNEXT : SNMP_OP_WALK;
+  q.fromStart = fromStart;
+  q.after = fromStart ? Agentpp::Oidx() : after;
+  q.rows = batch_ ? std::max(rowsHint, std::max(settings_.batchRows, 1u)) : 0;
+  return q;
 }
 
 void TableServer::roll() {
@@ -618,7 +616,7 @@ TableServer::Fetch TableServer::readUntil(std::unique_lock<std::mutex>& lock,
       const BackendWorker::Ticket ticket = pending_->ticket;
       const uint64_t serial = pending_->serial;
       lock.unlock();
-      const bool done = waitUntil(ticket, deadline_);
+      const bool done = worker().waitUntil(ticket, deadline_);
       lock.lock();
       if (done) {
         mineDone = serial == mine;
@@ -648,26 +646,16 @@ TableServer::Fetch TableServer::readUntil(std::unique_lock<std::mutex>& lock,
 void TableServer::readAhead(std::unique_lock<std::mutex>& lock, const Generation& gen, const Agentpp::Oidx& at) {
   if (!worker().threaded() || !batch_ || pending_ || &gen != current_.get() || !gen.ahead) return;
   if (at < gen.aheadFrom) return;  // not in the last batch yet
-  Query q;
-  q.op = SNMP_OP_GETNEXT;
-  q.fromStart = false;
-  q.after = gen.aheadAfter;
-  q.rows = std::max(settings_.batchRows, 1u);
-  current_->ahead = false;  // one read per batch
-  start(lock, q);
+  current_->ahead = false;         // one read per batch
+  start(lock, readAfter(false, gen.aheadAfter, 0));
 }
 
 TableServer::Fetch TableServer::nextRow(std::unique_lock<std::mutex>& lock, bool fromStart, const Agentpp::Oidx& after,
                                         unsigned int rowsHint, const Generation** gen, const Rows::value_type** row,
                                         std::string* why) {
-  Query q;
-  q.whole = !batch_;
-  q.op = batch_ ? SNMP_OP_GETNEXT : fromStart ? SNMP_OP_WALK : SNMP_OP_GETNEXT;
-  q.fromStart = fromStart;
-  q.after = fromStart ? Agentpp::Oidx() : after;
-  q.rows = batch_ ? std::max(rowsHint, std::max(settings_.batchRows, 1u)) : 0;
   const Fetch got = readUntil(
-      lock, [&](const Generation& g) { return coversAfter(g, fromStart, after); }, q, gen, why);
+      lock, [&](const Generation& g) { return coversAfter(g, fromStart, after); },
+      readAfter(fromStart, after, rowsHint), gen, why);
   if (got == kFailed) return kFailed;
   auto it = fromStart ? (*gen)->rows.begin() : (*gen)->rows.upper_bound(after);
   *row = it == (*gen)->rows.end() ? nullptr : &*it;

@@ -150,12 +150,9 @@ class ObjectServer {
   // Logs a problem with the answers' content once per distinct text.
   void warnOnce(const std::string& text);
 
-  // Runs fn on the back-end worker (urgent: before the queued jobs).
-  BackendWorker::Ticket submit(std::function<void()> fn, bool urgent = false);
-  // Waits for the job until deadline; true when it ran.
-  bool waitUntil(const BackendWorker::Ticket& job, Clock::time_point deadline);
   // The deadline of the request the current lookup belongs to.
   Clock::time_point deadline() const;
+  // The thread every call into the module runs on.
   BackendWorker& worker() const { return *worker_; }
   // Notes a lookup answered from an earlier read because the back end was
   // late: logged when the object starts being late, at debug level after.
@@ -261,7 +258,8 @@ class TableServer : public ObjectServer {
   typedef std::vector<std::pair<Agentpp::Oidx, Row>> RowList;
 
   // One read of the table: its rows and the indexes they cover. A refresh
-  // reads into a new generation; rows once in one are never changed.
+  // reads into a new generation; a row once stored is never changed (the
+  // generation it replaces only loses the rows the new one answers).
   struct Generation {
     Rows rows;
     RowIntervalSet known;    // the indexes rows covers completely
@@ -315,6 +313,10 @@ class TableServer : public ObjectServer {
   // enough, is in *gen.
   Fetch readUntil(std::unique_lock<std::mutex>& lock, const std::function<bool(const Generation&)>& covered,
                   const Query& q, const Generation** gen, std::string* why);
+  // The read of the rows after `after` (from the first row when
+  // fromStart): the whole table, or a batch of at least rowsHint rows.
+  // REQUIRES: mu_ held.
+  Query readAfter(bool fromStart, const Agentpp::Oidx& after, unsigned int rowsHint) const;
   // Queues q on the worker, into the current generation. REQUIRES: mu_ held
   // (released meanwhile), nothing pending.
   void start(std::unique_lock<std::mutex>& lock, const Query& q);

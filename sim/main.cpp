@@ -30,27 +30,10 @@ int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_IGN);
 
   zerva_sim::ArraySimServer server(flags.options);
-  if (!server.start(&error)) {
+  bool badOption = false;
+  if (!server.start(&error, &badOption)) {
     fprintf(stderr, "%s: %s\n", argv[0], error.c_str());
-    return 1;
-  }
-  for (const std::string& text : flags.faults) {
-    zerva_sim::FaultRule rule;
-    if (!server.array().parseFault(text, &rule, &error)) {
-      fprintf(stderr, "%s: --fault %s: %s\n", argv[0], text.c_str(), error.c_str());
-      server.stop();
-      return 2;
-    }
-    server.array().addFault(rule);
-  }
-  for (const std::string& text : flags.latencies) {
-    zerva_sim::LatencySetting setting;
-    if (!server.array().parseLatency(text, &setting, &error)) {
-      fprintf(stderr, "%s: --latency %s: %s\n", argv[0], text.c_str(), error.c_str());
-      server.stop();
-      return 2;
-    }
-    server.array().setLatency(setting);
+    return badOption ? 2 : 1;
   }
   const zerva_sim::Topology& t = server.array().topology();
   printf("zerva-array-sim listening on %s (%zu controllers, %zu ports, %zu LUNs, %zu file systems, switch %s)\n",

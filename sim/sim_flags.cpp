@@ -132,10 +132,10 @@ bool ParseSimFlags(int argc, const char* const* argv, SimFlags* out, std::string
         o.deviceConfig = value;
         break;
       case kFlagFault:
-        flags.faults.push_back(value);
+        flags.options.faults.push_back(value);
         break;
       case kFlagLatency:
-        flags.latencies.push_back(value);
+        flags.options.latencies.push_back(value);
         break;
     }
     return true;

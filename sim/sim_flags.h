@@ -11,10 +11,8 @@ namespace zerva_sim {
 
 struct SimFlags {
   SimOptions options;
-  std::vector<std::string> faults;     // --fault texts, in order
-  std::vector<std::string> latencies;  // --latency texts, in order
-  bool help = false;                   // -h / --help
-  bool version = false;                // --version
+  bool help = false;     // -h / --help
+  bool version = false;  // --version
 };
 
 // The usage text.

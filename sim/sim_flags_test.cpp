@@ -45,8 +45,8 @@ TEST(SimFlagsTest, ParsesEveryFlag) {
   EXPECT_EQ(f.options.switchOn, 0);
   EXPECT_EQ(f.options.seed, 9u);
   EXPECT_EQ(f.options.deviceConfig, "d.xml");
-  EXPECT_EQ(f.faults, (std::vector<std::string>{"close", "delay=5"}));
-  EXPECT_EQ(f.latencies, (std::vector<std::string>{"1", "GET_CUR_STATISTIC_DATA=5"}));
+  EXPECT_EQ(f.options.faults, (std::vector<std::string>{"close", "delay=5"}));
+  EXPECT_EQ(f.options.latencies, (std::vector<std::string>{"1", "GET_CUR_STATISTIC_DATA=5"}));
 }
 
 TEST(SimFlagsTest, RefusesBadFlagsClearly) {

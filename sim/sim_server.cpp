@@ -206,8 +206,9 @@ ArraySimServer::ArraySimServer(const SimOptions& options) : impl_(new Impl()) { 
 
 ArraySimServer::~ArraySimServer() { stop(); }
 
-bool ArraySimServer::start(std::string* error) {
+bool ArraySimServer::start(std::string* error, bool* badOption) {
   Impl& im = *impl_;
+  if (badOption != nullptr) *badOption = false;
   if (im.running) return *error = "already started", false;
   std::string why;
   Topology topology;
@@ -230,6 +231,23 @@ bool ArraySimServer::start(std::string* error) {
   if (im.options.switchOn >= 0) topology.switchOn = im.options.switchOn != 0;
   CommandCodes codes;
   if (!LoadCommandCodes(im.options.deviceConfig, &codes, &why)) return *error = why, false;
+  std::unique_ptr<ArraySimulator> sim(new ArraySimulator(std::move(topology), im.options.seed, codes));
+  for (const std::string& text : im.options.faults) {
+    FaultRule rule;
+    if (!sim->parseFault(text, &rule, &why)) {
+      if (badOption != nullptr) *badOption = true;
+      return *error = "fault " + text + ": " + why, false;
+    }
+    sim->addFault(rule);
+  }
+  for (const std::string& text : im.options.latencies) {
+    LatencySetting setting;
+    if (!sim->parseLatency(text, &setting, &why)) {
+      if (badOption != nullptr) *badOption = true;
+      return *error = "latency " + text + ": " + why, false;
+    }
+    sim->setLatency(setting);
+  }
   if (!CSnmpBackendAddress::parse(im.options.listen, im.bound, &why)) {
     return *error = "listen address '" + im.options.listen + "': " + why, false;
   }
@@ -242,7 +260,7 @@ bool ArraySimServer::start(std::string* error) {
     im.listenFd = -1;
     return false;
   }
-  im.sim.reset(new ArraySimulator(std::move(topology), im.options.seed, codes));
+  im.sim = std::move(sim);
   im.stopping = false;
   im.running = true;
   im.acceptor = std::thread([&im] { im.acceptLoop(); });

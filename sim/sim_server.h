@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace zerva_sim {
 
@@ -25,6 +26,10 @@ struct SimOptions {
   std::string listen;
   // Device configuration for the command codes; empty: the host's default.
   std::string deviceConfig;
+  // Faults and answer latencies in force from the first request, as
+  // --fault and --latency take them (command names of deviceConfig).
+  std::vector<std::string> faults;
+  std::vector<std::string> latencies;
 };
 
 class ArraySimulator;  // the model: topology, statistics, switch, faults
@@ -37,8 +42,10 @@ class ArraySimServer {
   ArraySimServer& operator=(const ArraySimServer&) = delete;
 
   // Loads the topology, binds and starts serving on its own thread(s).
-  // False with *error when the topology or the address is bad.
-  bool start(std::string* error);
+  // False with *error when the topology, the address, a fault or a latency
+  // is bad; *badOption (when given) then tells a bad fault or latency text
+  // from a file or address that does not work.
+  bool start(std::string* error, bool* badOption = nullptr);
   // Closes the listener and every connection; joins the threads.
   void stop();
   // The address actually bound ("tcp:127.0.0.1:40123" when port 0 was asked).

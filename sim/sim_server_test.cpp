@@ -1,6 +1,8 @@
 #include "sim/sim_server.h"
 
 #include <gtest/gtest.h>
+
+#include <algorithm>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -235,6 +237,49 @@ TEST(SimServerStartTest, RefusesBadAddressesAndTopologies) {
   b.topologyFile = "/nonexistent.conf";
   EXPECT_FALSE(ArraySimServer(b).start(&error));
   EXPECT_NE(error.find("/nonexistent.conf"), std::string::npos);
+}
+
+TEST(SimServerStartTest, FaultsAndLatenciesOfTheOptionsAreInForceFromTheStart) {
+  SimOptions o;
+  o.listen = "tcp:127.0.0.1:0";
+  o.faults = {"refuse=5,cmd=GET_PERFORMANCE_SWITCH"};
+  o.latencies = {"GET_CUR_STATISTIC_DATA=5", "2"};
+  ArraySimServer s(o);
+  std::string error;
+  bool badOption = true;
+  ASSERT_TRUE(s.start(&error, &badOption)) << error;
+  EXPECT_FALSE(badOption);
+  EXPECT_EQ(s.array().faults().size(), 1u);
+  std::vector<std::string> latencies;
+  for (const LatencySetting& l : s.array().latencies()) latencies.push_back(LatencyText(l));
+  std::sort(latencies.begin(), latencies.end());
+  LatencySetting stats;
+  stats.anyCommand = false;
+  stats.command = CommandCodes().getStats;
+  stats.ms = 5;
+  EXPECT_EQ(latencies, (std::vector<std::string>{LatencyText(stats), "2"}));
+}
+
+TEST(SimServerStartTest, ABadFaultOrLatencyIsABadOptionAndNothingListens) {
+  const std::string socket = "/tmp/zerva-sim-start-test." + std::to_string(getpid()) + ".sock";
+  for (const char* which : {"fault", "latency"}) {
+    SimOptions o;
+    o.listen = "unix:" + socket;
+    (std::string(which) == "fault" ? o.faults : o.latencies) = {"NO_SUCH_COMMAND=1"};
+    ArraySimServer s(o);
+    std::string error;
+    bool badOption = false;
+    EXPECT_FALSE(s.start(&error, &badOption));
+    EXPECT_TRUE(badOption) << which;
+    EXPECT_EQ(error.rfind(std::string(which) + " NO_SUCH_COMMAND=1: ", 0), 0u) << error;
+    EXPECT_NE(0, access(socket.c_str(), F_OK)) << which;  // nothing listens
+  }
+  SimOptions bad;
+  bad.listen = "udp:1";
+  std::string error;
+  bool badOption = true;
+  EXPECT_FALSE(ArraySimServer(bad).start(&error, &badOption));
+  EXPECT_FALSE(badOption);  // an address, not an option text
 }
 
 TEST(SimServerStartTest, TcpPortZeroReportsTheBoundPort) {

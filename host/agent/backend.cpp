@@ -44,21 +44,13 @@ bool Backend::start(const AgentOptions& options, std::string* error) {
     sim.features = options.simFeatures;
     sim.seed = options.simSeed;
     sim.deviceConfig = deviceConfig;
+    sim.latencies = options.simLatencies;
     sim.listen = "unix:" + tempDir_ + "/backend.sock";
     sim_.reset(new zerva_sim::ArraySimServer(sim));
     if (!sim_->start(&why)) {
       *error = "the embedded simulator does not start: " + why;
       stop();
       return false;
-    }
-    for (const std::string& text : options.simLatencies) {
-      zerva_sim::LatencySetting setting;
-      if (!sim_->array().parseLatency(text, &setting, &why)) {
-        *error = "zervaSimLatency " + text + ": " + why;
-        stop();
-        return false;
-      }
-      sim_->array().setLatency(setting);
     }
     address = sim_->address();
     description_ = "the embedded simulated array at " + address;

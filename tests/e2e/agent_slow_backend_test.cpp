@@ -107,7 +107,8 @@ TEST(SlowBackendTest, AnEmbeddedLatencyNamingNoCommandIsRefusedAtStart) {
   o.extraConfig = "zervaSimLatency NO_SUCH_COMMAND=1\n";
   AgentUnderTest agent;
   EXPECT_NE(0, agent.runToExit(o));
-  EXPECT_NE(std::string::npos, agent.log().find("zervaSimLatency NO_SUCH_COMMAND=1: ")) << agent.log();
+  EXPECT_NE(std::string::npos, agent.log().find("the embedded simulator does not start: latency NO_SUCH_COMMAND=1: "))
+      << agent.log();
 }
 
 }  // namespace

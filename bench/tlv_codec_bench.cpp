@@ -277,57 +277,37 @@ void BM_ProtoSerialize(benchmark::State& state, Variant v) {
   SetCommonCounters(state, f);
 }
 
-// Protocol Buffers without an arena: ParseFromArray into a new message on
-// the heap. With freeTimed the message's destruction is timed too (as
-// BM_DecodeAndClear); otherwise it is not (as BM_Decode).
-void ProtoParseLoop(benchmark::State& state, Variant v, bool freeTimed) {
+// Protocol Buffers: ParseFromArray into a new message, on the heap, or with
+// arena in a google::protobuf::Arena of its own that holds all its records
+// and cells and frees them at once. With freeTimed the message's
+// destruction is timed too (as BM_DecodeAndClear); otherwise it is not (as
+// BM_Decode).
+void ProtoParseLoop(benchmark::State& state, Variant v, bool arena, bool freeTimed) {
   Fixture& f = GetFixture(v);
-  const std::string wire(f.protoWire);
+  const int size = static_cast<int>(f.protoWire.size());
   for (auto _ : state) {
-    auto* msg = new zerva::bench::BenchPackage();
-    bool ok = msg->ParseFromArray(wire.data(), static_cast<int>(wire.size()));
+    std::unique_ptr<google::protobuf::Arena> heap(arena ? new google::protobuf::Arena() : nullptr);
+    auto* msg = google::protobuf::Arena::CreateMessage<zerva::bench::BenchPackage>(heap.get());
+    std::unique_ptr<zerva::bench::BenchPackage> owned(arena ? nullptr : msg);
+    bool ok = msg->ParseFromArray(f.protoWire.data(), size);
     benchmark::DoNotOptimize(ok);
     if (!freeTimed) state.PauseTiming();
-    if (!ok || msg->records_size() != static_cast<int>(f.pkg.size())) {
+    const bool parsed = ok && msg->records_size() == static_cast<int>(f.pkg.size());
+    owned.reset();
+    heap.reset();
+    if (!parsed) {
       state.SkipWithError("protobuf parse of the fixture failed");
-      delete msg;
       break;
     }
-    delete msg;
     if (!freeTimed) state.ResumeTiming();
   }
   SetCommonCounters(state, f);
 }
 
-// Protocol Buffers with a google::protobuf::Arena per message: the message
-// and all its records and cells are allocated from it, and freed at once
-// when the arena goes.
-void ProtoArenaParseLoop(benchmark::State& state, Variant v, bool freeTimed) {
-  Fixture& f = GetFixture(v);
-  const std::string wire(f.protoWire);
-  for (auto _ : state) {
-    auto* arena = new google::protobuf::Arena();
-    auto* msg = google::protobuf::Arena::CreateMessage<zerva::bench::BenchPackage>(arena);
-    bool ok = msg->ParseFromArray(wire.data(), static_cast<int>(wire.size()));
-    benchmark::DoNotOptimize(ok);
-    if (!freeTimed) state.PauseTiming();
-    if (!ok || msg->records_size() != static_cast<int>(f.pkg.size())) {
-      state.SkipWithError("protobuf arena parse of the fixture failed");
-      delete arena;
-      break;
-    }
-    delete arena;
-    if (!freeTimed) state.ResumeTiming();
-  }
-  SetCommonCounters(state, f);
-}
-
-void BM_ProtoParse(benchmark::State& state, Variant v) { ProtoParseLoop(state, v, /*freeTimed=*/false); }
-void BM_ProtoParseAndFree(benchmark::State& state, Variant v) { ProtoParseLoop(state, v, /*freeTimed=*/true); }
-void BM_ProtoArenaParse(benchmark::State& state, Variant v) { ProtoArenaParseLoop(state, v, /*freeTimed=*/false); }
-void BM_ProtoArenaParseAndFree(benchmark::State& state, Variant v) {
-  ProtoArenaParseLoop(state, v, /*freeTimed=*/true);
-}
+void BM_ProtoParse(benchmark::State& state, Variant v) { ProtoParseLoop(state, v, false, false); }
+void BM_ProtoParseAndFree(benchmark::State& state, Variant v) { ProtoParseLoop(state, v, false, true); }
+void BM_ProtoArenaParse(benchmark::State& state, Variant v) { ProtoParseLoop(state, v, true, false); }
+void BM_ProtoArenaParseAndFree(benchmark::State& state, Variant v) { ProtoParseLoop(state, v, true, true); }
 
 }  // namespace
 

@@ -19,10 +19,16 @@ TEST(TlvPoolTest, BlocksAreAlignedDistinctAndReused) {
     void* p = tlv::PoolAllocate(n);
     ASSERT_NE(p, nullptr);
     EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % 16, 0u) << n;
-    std::memset(p, 0xA5, n);
+    std::memset(p, static_cast<int>(blocks.size() & 0xFF), n);
     blocks.push_back(p);
   }
+  // No block overlaps another: each still holds its own bytes.
   size_t i = 0;
+  for (size_t n = 0; n <= tlv::kMaxPooledSize + 64; n += 7, ++i) {
+    const unsigned char* p = static_cast<const unsigned char*>(blocks[i]);
+    for (size_t k = 0; k < n; ++k) ASSERT_EQ(p[k], i & 0xFF) << "block " << i << " of " << n << " bytes";
+  }
+  i = 0;
   for (size_t n = 0; n <= tlv::kMaxPooledSize + 64; n += 7) tlv::PoolFree(blocks[i++], n);
   // The last block freed of a class is the first one handed out again.
   void* a = tlv::PoolAllocate(40);
@@ -38,6 +44,11 @@ TEST(TlvPoolTest, AceAllocatorKeepsTheSizeAndZeroesOnCalloc) {
   ASSERT_NE(p, nullptr);
   for (int i = 0; i < 100; ++i) ASSERT_EQ(p[i], 'x');
   alloc->free(p);
+  // free() found the size in the block's prefix: the block went back to the
+  // class of 100 bytes and its 16-byte prefix, and is the next one of it.
+  void* again = tlv::PoolAllocate(116);
+  EXPECT_EQ(again, p - 16);
+  tlv::PoolFree(again, 116);
   char* q = static_cast<char*>(alloc->calloc(3, 5, '\0'));
   for (int i = 0; i < 15; ++i) ASSERT_EQ(q[i], 0);
   alloc->free(q);
@@ -64,7 +75,7 @@ std::vector<unsigned char> Encode(CTLVPackage& pkg) {
   return wire;
 }
 
-TEST(TlvPoolTest, ThreadsEncodeAndDecodeAtOnceAndFreeEachOthersCells) {
+TEST(TlvPoolTest, ThreadsEncodeAndDecodeAtOnceAndTheirCellsOutliveThem) {
   constexpr int kThreads = 4;
   std::vector<CTLVPackage*> handedOver(kThreads, nullptr);
   std::vector<std::string> failures(kThreads);
@@ -105,10 +116,11 @@ TEST(TlvPoolTest, ThreadsEncodeAndDecodeAtOnceAndFreeEachOthersCells) {
     EXPECT_EQ(CTLVCell::ValueCast<unsigned int>()((*(*handedOver[t])[5])[1]), static_cast<unsigned int>(t + 5));
     delete handedOver[t];
   }
-  // Blocks of the exited threads are used again.
+  // Blocks of the exited threads are used again: no chunk is carved.
+  const unsigned long long chunks = tlv::GetPoolStats().chunks;
   CTLVPackage after;
   Fill(after, 9);
-  EXPECT_EQ(after.size(), 50u);
+  EXPECT_EQ(tlv::GetPoolStats().chunks, chunks);
 }
 
 TEST(TlvPoolTest, TagIndexIsMadeAtTheFirstLookupAndFollowsAppends) {
@@ -116,8 +128,13 @@ TEST(TlvPoolTest, TagIndexIsMadeAtTheFirstLookupAndFollowsAppends) {
   EXPECT_EQ(record.bucketCount(), 40u);
   record.append(tlv::NewUintCell(7, CTLVCell::TLV_TYPE_UINT, 1, 4));
   record.append(tlv::NewUintCell(7, CTLVCell::TLV_TYPE_UINT, 2, 4));
+  // The first lookup takes the index's blocks from the pool; the next ones none.
+  const unsigned long long before = tlv::GetPoolStats().allocations;
   EXPECT_TRUE(record.hasTag(7));
+  const unsigned long long made = tlv::GetPoolStats().allocations;
+  EXPECT_GT(made, before);
   EXPECT_FALSE(record.hasTag(8));
+  EXPECT_EQ(tlv::GetPoolStats().allocations, made);
   EXPECT_EQ(record.bucketCount(), 40u);
   // The first cell of a tag stays the indexed one.
   EXPECT_EQ(CTLVCell::ValueCast<unsigned int>()(record[7]), 1u);

@@ -191,7 +191,6 @@ unsigned int CTLVPackageV3<HEAD>::getRecord(unsigned char* buf, unsigned int siz
   // a cell header near the 64 KiB mark cannot wrap it back into the record.
   const unsigned short recordEnd16 = static_cast<unsigned short>(recordEnd);
   unsigned int pos = MIN_RECORD_SIZE;
-  unsigned long count = 0;
   // The record is made first and takes the cells as they are read; if the
   // record turns out bad it is destroyed with them (values scrubbed).
   std::unique_ptr<CTLVRecordV3> built(new CTLVRecordV3(id, CTLVRecordV3::DEFAULT_BUCKETS));
@@ -216,17 +215,16 @@ unsigned int CTLVPackageV3<HEAD>::getRecord(unsigned char* buf, unsigned int siz
                          "+" + std::to_string(MIN_RECORD_SIZE));
       break;
     }
-    CTLVCell* cell = new CTLVCell();
-    built->adopt(cell);
+    std::unique_ptr<CTLVCell> cell(new CTLVCell());
     cell->setFromWire(tagWord, buf + pos, sDataLen);
+    built->adopt(cell.release());
     pos += sDataLen;
-    ++count;
   }
 
   // The position alone decides, also after a loop left by an error above.
   if (pos != recordEnd) return 0;
 
-  built->setBucketCount(std::max<unsigned long>(count, CTLVRecordV3::DEFAULT_BUCKETS));
+  built->setBucketCount(std::max<unsigned long>(built->cellCount(), CTLVRecordV3::DEFAULT_BUCKETS));
   record = built.release();
   return recordEnd;
 }

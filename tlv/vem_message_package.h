@@ -204,8 +204,8 @@ class CTLVRecordV3 {
   CTLVRecordV3(unsigned long long id, unsigned long bucketCount)
       : m_ullId(id), m_ulBuckets(bucketCount), m_pIndex(nullptr) {}
   ~CTLVRecordV3() {
+    dropIndex();  // first: clear() then has no index to empty
     clear();
-    dropIndex();
   }
 
   // Records come from the TLV block pool; delete returns them there.
@@ -232,9 +232,8 @@ class CTLVRecordV3 {
   // True when the tag index holds the tag.
   bool hasTag(unsigned short tag) const { return index().find(tag) == 0; }
 
-  // As append, for the decoder: the cell goes at the end and is owned by the
-  // record (freed if that fails); it may be filled afterwards, but its tag
-  // must be set before the first lookup.
+  // append, inline for the decoder (append itself is the platform's
+  // out-of-line operation and calls this).
   void adopt(CTLVCell* cell) {
     std::unique_ptr<CTLVCell> guard(cell);
     m_cells.push_back(cell);

@@ -41,9 +41,10 @@ work="$(mktemp -d "${TMPDIR:-/tmp}/zerva-package.XXXXXX")"
 trap 'rm -rf "$work"' EXIT
 tree="$work/zerva-snmp-$version"
 mkdir -p "$tree"
-git -C "$src" ls-files -z --cached --others --exclude-standard |
-  (cd "$src" && xargs -0 cp --parents -t "$tree")
-[ -f "$tree/debian/control" ] || { echo "package.sh: copying the tree failed" >&2; exit 1; }
+# The files as they are in the tree (a tracked file deleted there is left out).
+git ls-files -z --cached --others --exclude-standard --deduplicate |
+  while IFS= read -r -d '' f; do if [ -e "$f" ]; then printf '%s\0' "$f"; fi; done |
+  xargs -0 cp --parents -t "$tree"
 
 echo "== dpkg-buildpackage (zerva-snmp $version)"
 (cd "$tree" && DEB_BUILD_OPTIONS="parallel=$(nproc) ${DEB_BUILD_OPTIONS:-}" \
@@ -54,6 +55,8 @@ echo "== dpkg-buildpackage (zerva-snmp $version)"
 }
 
 mkdir -p "$out"
+# Only this build's packages: an earlier version's would be installed too.
+rm -f "$out"/zerva-*.deb "$out"/zerva-*.ddeb "$out"/zerva-snmp_*.changes "$out"/zerva-snmp_*.buildinfo
 arch="$(dpkg --print-architecture)"
 changes="$work/zerva-snmp_${version}_${arch}.changes"
 for f in $(sed -n '/^Files:/,/^[^ ]/p' "$changes" | awk 'NF == 5 { print $5 }'); do

@@ -83,7 +83,7 @@ bool AgentRuntime::serve(std::string* summary, std::string* error) {
             [](const ObjectServer* a, const ObjectServer* b) { return a->prefix() < b->prefix(); });
   for (size_t i = 0; i + 1 < inOrder.size(); ++i) inOrder[i]->setNext(inOrder[i + 1]);
   const MibDescription& mib = module_.mib();
-  if (!mib.moduleOid.empty()) sysOR_.add(mib.moduleOid, "The MIB module " + mib.moduleName);
+  if (!mib.moduleArcs.empty()) sysOR_.add(mib.moduleArcs, "The MIB module " + mib.moduleName);
 
   *summary = "serving " + options.modulePath + " (MIB " + module_.mib().moduleName + " from " + module_.mibPath() +
              "): " + std::to_string(servers_.size()) + " handlers [" + prefixes + "] on " + where_ + ", back end " +

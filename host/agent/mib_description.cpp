@@ -333,8 +333,7 @@ bool ParseDocument(Checker& check, const pugi::xml_document& doc, MibDescription
   if (!Required(check, root, "module", "<mib>", &out->moduleName)) return false;
   if (root.attribute("oid")) {
     out->moduleOid = root.attribute("oid").value();
-    std::vector<unsigned long> arcs;
-    if (!ParseOid(out->moduleOid, &arcs)) {
+    if (!ParseOid(out->moduleOid, &out->moduleArcs)) {
       return check.Fail(root, "<mib>: oid " + Quoted(out->moduleOid) +
                                   " is not an OID (dotted decimal, no leading dot, at least two arcs)");
     }

@@ -54,6 +54,7 @@ struct MibDescription {
   // The module's MODULE-IDENTITY OID (the oid attribute of <mib>), dotted
   // decimal: the agent lists it in sysORTable. "" when the file names none.
   std::string moduleOid;
+  std::vector<unsigned long> moduleArcs;  // moduleOid's numbers
   std::vector<MibObject> objects;
 
   // The object registered under exactly this prefix, or null.

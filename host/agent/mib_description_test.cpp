@@ -256,9 +256,11 @@ TEST(MibDescriptionTest, TheModuleOidIsReadWhenGivenAndEmptyWhenNot) {
                                   "test.xml", mib, &error))
       << error;
   EXPECT_EQ(mib.moduleOid, "1.3.6.1.4.1.99");
+  EXPECT_EQ(mib.moduleArcs, (std::vector<unsigned long>{1, 3, 6, 1, 4, 1, 99}));
   MibDescription without;
   ASSERT_TRUE(ParseMibDescription(kValid, "test.xml", without, &error)) << error;
   EXPECT_EQ(without.moduleOid, "");
+  EXPECT_TRUE(without.moduleArcs.empty());
 }
 
 TEST(MibDescriptionTest, AModuleOidThatIsNotAnOidIsRefused) {

@@ -9,6 +9,7 @@
 
 #include <exception>
 #include <memory>
+#include <type_traits>
 
 #include "host/agent/agentx_registration.h"
 #include "vempub/vem_debug_kit.h"
@@ -444,21 +445,18 @@ void SetNetSnmpLogCapture(std::vector<std::string>* capture) { g_capture = captu
 
 SysOREntry::~SysOREntry() { remove(); }
 
-bool SysOREntry::add(const std::string& objectId, const std::string& description) {
+static_assert(std::is_same<::oid, unsigned long>::value, "Net-SNMP's oid is an unsigned long");
+
+void SysOREntry::add(const std::vector<unsigned long>& arcs, const std::string& description) {
   remove();
-  ::oid parsed[MAX_OID_LEN];
-  size_t length = MAX_OID_LEN;
-  if (objectId.empty() || !read_objid(("." + objectId).c_str(), parsed, &length)) return false;
-  oid_.assign(parsed, parsed + length);
+  oid_ = arcs;
   description_ = description;
-  register_sysORTable(parsed, length, description_.c_str());
-  return true;
+  register_sysORTable(oid_.data(), oid_.size(), description_.c_str());
 }
 
 void SysOREntry::remove() {
   if (oid_.empty()) return;
-  std::vector<::oid> arcs(oid_.begin(), oid_.end());
-  unregister_sysORTable(arcs.data(), arcs.size());
+  unregister_sysORTable(oid_.data(), oid_.size());
   oid_.clear();
 }
 

@@ -84,15 +84,15 @@ class SysOREntry {
   SysOREntry(const SysOREntry&) = delete;
   SysOREntry& operator=(const SysOREntry&) = delete;
 
-  // Lists objectId (dotted decimal) with the description; replaces the
-  // entry listed before. False when objectId is not an OID.
-  // REQUIRES: Net-SNMP's agent is initialised.
-  bool add(const std::string& objectId, const std::string& description);
+  // Lists the object identifier with the description; replaces the entry
+  // listed before. REQUIRES: Net-SNMP's agent is initialised; arcs is not
+  // empty.
+  void add(const std::vector<unsigned long>& arcs, const std::string& description);
   void remove();
 
  private:
   std::vector<unsigned long> oid_;
-  std::string description_;
+  std::string description_;  // the text Net-SNMP was given, kept while listed
 };
 
 // Runs a function from Net-SNMP's alarms, every period: in the agent's

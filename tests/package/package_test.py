@@ -92,6 +92,13 @@ def main(debdir):
     if os.geteuid() != 0:
         print("SKIP: the package test installs packages and starts services: run it as root")
         return 0
+    # It purges what it installs, configuration and state included: an
+    # installation it did not make is left alone unless the caller says so.
+    present = installed_packages()
+    if present and os.environ.get("ZERVA_PACKAGE_TEST_REPLACES") != "1":
+        print("SKIP: %s installed on this machine; the package test would purge them with their "
+              "configuration and state (set ZERVA_PACKAGE_TEST_REPLACES=1 to let it)" % " ".join(present))
+        return 0
     # Made readable for the services' user (the topology is read from here).
     work = tempfile.mkdtemp(prefix="zerva-pkg.")
     os.chmod(work, 0o755)
@@ -111,7 +118,7 @@ def install_serve_purge(debdir, work):
         return 1
     leftover = installed_packages()
     if leftover:
-        print("note: purging packages of an earlier run: %s" % " ".join(leftover))
+        print("note: purging the installed packages, as ZERVA_PACKAGE_TEST_REPLACES=1 allows: %s" % " ".join(leftover))
         run("dpkg", "--purge", *leftover)
 
     # Install.
@@ -155,8 +162,7 @@ def install_serve_purge(debdir, work):
     # The units.
     units = os.path.join(work, "units")
     os.makedirs(os.path.join(units, "zerva-snmp-agent.service.d"))
-    for unit in ("zerva-snmp-agent.service", "zerva-array-sim.service"):
-        shutil.copy(unit_runner.find_unit(unit), units)
+    shutil.copy(unit_runner.find_unit("zerva-snmp-agent.service"), units)
     shutil.copy("/usr/share/doc/zerva-snmp-agent/examples/agentx/zerva-snmp-agent.service.d-agentx.conf",
                 os.path.join(units, "zerva-snmp-agent.service.d", "agentx.conf"))
     for unit in ("zerva-array-sim.service", "zerva-snmp-agent.service"):
@@ -186,6 +192,8 @@ def install_serve_purge(debdir, work):
           agent_status == 0 and not os.path.exists("/run/zerva-snmp-agent/zerva-snmp-agent.pid"),
           "status %s\n%s" % (agent_status, agent.log()))
     check("the simulator stops with status 0 on SIGTERM", sim_status == 0, "status %s\n%s" % (sim_status, sim.log()))
+    agent.remove_runtime_directories()
+    sim.remove_runtime_directories()
 
     # Purge.
     got = run("dpkg", "--purge", "zerva-array-sim", "zerva-snmp-agent", "zerva-mibs")

@@ -10,6 +10,7 @@ import os
 import pwd
 import re
 import shlex
+import shutil
 import signal
 import subprocess
 
@@ -96,12 +97,14 @@ class Service:
                 raise FileNotFoundError(path)
         return env
 
+    def _paths(self, key, base):
+        return [os.path.join(base, name) for name in (self.value(key) or "").split()]
+
     def _directories(self, key, base):
         user = self.value("User", "root")
         group = self.value("Group", user)
         mode = int(self.value(key + "Mode", "0755"), 8)
-        for name in (self.value(key) or "").split():
-            path = os.path.join(base, name)
+        for path in self._paths(key, base):
             os.makedirs(path, exist_ok=True)
             os.chown(path, pwd.getpwnam(user).pw_uid, grp.getgrnam(group).gr_gid)
             os.chmod(path, mode)
@@ -153,6 +156,11 @@ class Service:
             self.process.kill()
             self.process.wait()
             return "did not stop on SIGTERM"
+
+    def remove_runtime_directories(self):
+        """Removes the RuntimeDirectory entries, as systemd does once the unit has stopped."""
+        for path in self._paths("RuntimeDirectory", "/run"):
+            shutil.rmtree(path, ignore_errors=True)
 
     def log(self):
         with open(self.log_path, errors="replace") as f:

@@ -479,11 +479,7 @@ TEST(AgentXTest, SubAgentOfAStockSnmpdGivesTheStandaloneWalk) {
   std::string error;
   ASSERT_TRUE(snmpd.startMaster(port, "", &error)) << error;
   AgentUnderTest agent;
-  AgentUnderTest::Options options = SmallEmbeddedArray();
-  options.communities = false;  // the master holds the access control
-  options.agentxMaster = snmpd.agentxSocket();
-  options.port = port;
-  ASSERT_TRUE(agent.start(options, &error)) << error << snmpd.log();
+  ASSERT_TRUE(agent.start(SubAgentOf(SmallEmbeddedArray(), snmpd, port), &error)) << error << snmpd.log();
   const std::vector<std::string> walk = Shape(agent.snmp().walk());
   EXPECT_GT(walk.size(), 30u * 16);
   ExpectSameShape(StandaloneShape(), walk);
@@ -499,13 +495,7 @@ class AgentXTwoInstancesTest : public ::testing::Test {
     ASSERT_TRUE(snmpd_.startMaster(port_, "", &error)) << error;
   }
   // The small embedded array as a sub-agent of the master.
-  AgentUnderTest::Options subAgent() const {
-    AgentUnderTest::Options options = SmallEmbeddedArray();
-    options.communities = false;  // the master holds the access control
-    options.agentxMaster = snmpd_.agentxSocket();
-    options.port = port_;
-    return options;
-  }
+  AgentUnderTest::Options subAgent() const { return SubAgentOf(SmallEmbeddedArray(), snmpd_, port_); }
   // What the first instance serves through the master now: the switch's GET
   // and the walk's names and types.
   struct Served {
@@ -582,10 +572,7 @@ TEST(AgentXTest, SubAgentStartedBeforeItsMasterServesOnceTheMasterIsThere) {
   const int port = FreeUdpPort();
   StockSnmpd snmpd(dir);
   AgentUnderTest agent;
-  AgentUnderTest::Options options = SmallEmbeddedArray();
-  options.communities = false;
-  options.agentxMaster = snmpd.agentxSocket();
-  options.port = port;
+  AgentUnderTest::Options options = SubAgentOf(SmallEmbeddedArray(), snmpd, port);
   options.extraConfig = "agentxPingInterval 1\n";  // how often it tries to reconnect
   std::string error;
   ASSERT_TRUE(agent.launch(options, &error)) << error;

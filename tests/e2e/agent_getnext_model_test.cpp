@@ -423,11 +423,7 @@ class AgentXModelTest : public ::testing::Test {
     const int port = zerva_test::FreeUdpPort();
     std::string error;
     ASSERT_TRUE(snmpd_.startMaster(port, OidText(Subtree()), &error)) << error;
-    AgentUnderTest::Options options = SmallArray();
-    options.communities = false;  // the master holds the access control
-    options.agentxMaster = snmpd_.agentxSocket();
-    options.port = port;
-    ASSERT_TRUE(agent_.start(options, &error)) << error << snmpd_.log();
+    ASSERT_TRUE(agent_.start(SubAgentOf(SmallArray(), snmpd_, port), &error)) << error << snmpd_.log();
     model_ = WalkModel(agent_);
     ASSERT_GT(model_.names.size(), 100u);
   }

@@ -116,10 +116,7 @@ class ServedAgent {
         return agent_.start(o, error);
       case Mode::kAgentX:
         if (!snmpd_.startMaster(port_, "", error)) return false;
-        o.communities = false;  // the master holds the access control
-        o.agentxMaster = snmpd_.agentxSocket();
-        o.port = port_;
-        return agent_.start(o, error);
+        return agent_.start(SubAgentOf(o, snmpd_, port_), error);
       case Mode::kDlmod: {
         const std::string lines =
             "rocommunity public 127.0.0.1\n" + StockSnmpd::DlmodLine() + "zervaBackend " + backend + "\n";

@@ -178,50 +178,85 @@ TEST(StandardGroupsTrapTest, AColdStartReachesSnmptrapdAtTheConfiguredTrap2sink)
   EXPECT_EQ(0, agent.stop());
 }
 
+// Waits (at most about 10 s) until snmpd answers a GET of sysObjectID.
+bool SnmpdAnswers(const Snmp& snmp) {
+  for (int i = 0; i < 100; ++i) {
+    if (ValueOf(snmp, kSysObjectId).rfind(".1.3.6.1.", 0) == 0) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  return false;
+}
+
+// rows with row added, sorted.
+std::vector<std::string> With(std::vector<std::string> rows, const std::string& row) {
+  rows.push_back(row);
+  std::sort(rows.begin(), rows.end());
+  return rows;
+}
+
+std::vector<std::string> Sorted(std::vector<std::string> rows) {
+  std::sort(rows.begin(), rows.end());
+  return rows;
+}
+
 TEST(StandardGroupsAgentXTest, AsSubAgentOnlyItsSysOREntryIsAddedToTheMastersGroups) {
   TempDir dir;
   const int port = FreeUdpPort();
   StockSnmpd snmpd(dir);
   std::string error;
   ASSERT_TRUE(snmpd.startMaster(port, "", &error)) << error;
+  const Snmp master(dir.path(), port);
+  ASSERT_TRUE(SnmpdAnswers(master)) << snmpd.log();
+  const std::vector<std::string> before = SysORRows(master);
+  ASSERT_FALSE(before.empty());
+  const std::string objectId = ValueOf(master, kSysObjectId);
   AgentUnderTest agent;
-  AgentUnderTest::Options options = SmallArray();
-  options.communities = false;  // the master holds the access control, and sees everything
-  options.agentxMaster = snmpd.agentxSocket();
-  options.port = port;
-  ASSERT_TRUE(agent.start(options, &error)) << error << snmpd.log();
-  const Snmp& snmp = agent.snmp();
+  ASSERT_TRUE(agent.start(SubAgentOf(SmallArray(), snmpd, port), &error)) << error << snmpd.log();
   // The entry comes with an AgentX AddAgentCaps after the registrations.
   std::vector<std::string> rows;
   for (int i = 0; i < 50; ++i) {
-    rows = SysORRows(snmp);
+    rows = SysORRows(master);
     if (HasRow(rows, kModuleRow)) break;
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
-  EXPECT_TRUE(HasRow(rows, kModuleRow)) << ::testing::PrintToString(rows);
-  // The system group is snmpd's.
-  EXPECT_EQ(ValueOf(snmp, kSysObjectId).rfind(".1.3.6.1.4.1.8072.3.2.", 0), 0u) << ValueOf(snmp, kSysObjectId);
+  EXPECT_EQ(With(before, kModuleRow), Sorted(rows));
+  // The system group stays snmpd's.
+  EXPECT_EQ(ValueOf(master, kSysObjectId), objectId);
+  EXPECT_EQ(objectId.rfind(".1.3.6.1.4.1.8072.3.2.", 0), 0u) << objectId;
   EXPECT_EQ(0, agent.stop());
-  // Gone from the master with the sub-agent.
-  rows = SysORRows(snmp);
-  EXPECT_FALSE(HasRow(rows, kModuleRow)) << ::testing::PrintToString(rows);
+  // Gone from the master with the sub-agent, the master's own rows left.
+  EXPECT_EQ(Sorted(before), Sorted(SysORRows(master)));
 }
 
 TEST(StandardGroupsDlmodTest, InsideSnmpdOnlyItsSysOREntryIsAddedToSnmpdsGroups) {
   if (ZERVA_AGENT_SANITIZED) GTEST_SKIP() << "a sanitized module cannot be loaded into an unsanitized snmpd";
+  const std::string access = "rocommunity public 127.0.0.1\n";
+  // The same snmpd without the module, then with it.
+  std::vector<std::string> plainRows;
+  std::string plainObjectId;
+  {
+    TempDir dir;
+    const int port = FreeUdpPort();
+    StockSnmpd snmpd(dir);
+    std::string error;
+    ASSERT_TRUE(snmpd.start(port, access, &error)) << error;
+    Snmp snmp(dir.path(), port);
+    ASSERT_TRUE(SnmpdAnswers(snmp)) << snmpd.log();
+    plainRows = SysORRows(snmp);
+    plainObjectId = ValueOf(snmp, kSysObjectId);
+    EXPECT_EQ(0, snmpd.stop());
+  }
+  ASSERT_FALSE(plainRows.empty());
   TempDir dir;
   const int port = FreeUdpPort();
   StockSnmpd snmpd(dir);
   std::string error;
-  ASSERT_TRUE(snmpd.start(
-      port, "rocommunity public 127.0.0.1\n" + StockSnmpd::DlmodLine() + "zervaSimLuns 10\nzervaSimFileSystems 2\n",
-      &error))
+  ASSERT_TRUE(snmpd.start(port, access + StockSnmpd::DlmodLine() + "zervaSimLuns 10\nzervaSimFileSystems 2\n", &error))
       << error;
   Snmp snmp(dir.path(), port);
   ASSERT_TRUE(snmp.ready()) << snmpd.log();
-  const std::vector<std::string> rows = SysORRows(snmp);
-  EXPECT_TRUE(HasRow(rows, kModuleRow)) << ::testing::PrintToString(rows);
-  EXPECT_EQ(ValueOf(snmp, kSysObjectId).rfind(".1.3.6.1.4.1.8072.3.2.", 0), 0u) << ValueOf(snmp, kSysObjectId);
+  EXPECT_EQ(With(plainRows, kModuleRow), Sorted(SysORRows(snmp)));
+  EXPECT_EQ(ValueOf(snmp, kSysObjectId), plainObjectId);
   EXPECT_EQ(0, snmpd.stop());
 }
 

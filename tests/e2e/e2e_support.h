@@ -31,6 +31,7 @@ using zerva_test::MibTables;
 using zerva_test::Oid;
 using zerva_test::OidText;
 using zerva_test::ParseOid;
+using zerva_test::SubAgentOf;
 using zerva_test::SwitchOid;
 using zerva_test::TableTruth;
 using zerva_test::Under;

@@ -142,6 +142,13 @@ std::string AgentUnderTest::log() const { return snmpd_ ? snmpd_->log() : ReadFi
 
 std::string AgentUnderTest::Program() { return ZERVA_AGENT_PROGRAM; }
 
+AgentUnderTest::Options SubAgentOf(AgentUnderTest::Options options, const StockSnmpd& master, int port) {
+  options.communities = false;
+  options.agentxMaster = master.agentxSocket();
+  options.port = port;
+  return options;
+}
+
 long NodeOfController(const std::string& controller) {
   for (unsigned int n = 0; n < 256; ++n) {
     if (zerva_sim::ControllerIdOfNode(n) == controller) return n;

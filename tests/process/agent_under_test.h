@@ -63,7 +63,7 @@ class AgentUnderTest {
     std::string agentxMaster;
     // The agent is the dlmod module of a stock snmpd on `port` instead of
     // the program: our tokens follow the dlmod line, and the communities
-    // see the subtree only (as the program serves nothing else). The
+    // see the subtree only unless wholeView. The
     // process, its log and its exit status are then snmpd's. REQUIRES: no
     // sanitizer build (the module cannot be loaded into snmpd then).
     bool dlmod = false;
@@ -137,6 +137,10 @@ class AgentUnderTest {
 // The node number of a controller ID ("1A" -> 4), by the simulator's own
 // naming; -1 when no node has that ID.
 long NodeOfController(const std::string& controller);
+
+// options for an AgentX sub-agent of master, which listens on port: the
+// master holds the access control, so the agent configures no community.
+AgentUnderTest::Options SubAgentOf(AgentUnderTest::Options options, const StockSnmpd& master, int port);
 
 }  // namespace zerva_test
 

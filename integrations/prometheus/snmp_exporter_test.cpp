@@ -23,6 +23,7 @@ namespace {
 using zerva_agent::MibColumn;
 using zerva_agent::MibObject;
 using zerva_e2e::AgentUnderTest;
+using zerva_test::IndexText;
 using zerva_test::Oid;
 using zerva_test::Process;
 using zerva_test::ReadFile;

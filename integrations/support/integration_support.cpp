@@ -118,15 +118,6 @@ std::string TextOf(const zerva_test::Value& value) {
   return text;
 }
 
-std::string IndexText(const MibObject& table, const Oid& rowIndex) {
-  if (table.indexEncoding == MibIndexEncoding::Integer) {
-    return rowIndex.size() == 1 ? std::to_string(rowIndex[0]) : zerva_test::OidText(rowIndex);
-  }
-  std::string text;
-  for (size_t i = 1; i < rowIndex.size(); ++i) text += static_cast<char>(rowIndex[i]);
-  return text;
-}
-
 std::string CellOf(const zerva_test::TableTruth& truth, unsigned int column, const Oid& rowIndex, bool* found) {
   const auto it = truth.instances.find(zerva_test::InstanceOid(truth.prefix, column, rowIndex));
   if (found != nullptr) *found = it != truth.instances.end();

@@ -44,10 +44,6 @@ std::string ReplaceOnce(const std::string& text, const std::string& from, const 
 // The text a ground-truth string value holds (Value keeps strings as hex).
 std::string TextOf(const zerva_test::Value& value);
 
-// The row index of a table as text: the number of an Integer index, the
-// text of a String index (its length arc left out).
-std::string IndexText(const zerva_agent::MibObject& table, const zerva_test::Oid& rowIndex);
-
 // The ground-truth value of one cell ("" with *found false when the row has
 // no instance in that column).
 std::string CellOf(const zerva_test::TableTruth& truth, unsigned int column, const zerva_test::Oid& rowIndex,

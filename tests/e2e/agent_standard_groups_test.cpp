@@ -121,13 +121,10 @@ TEST_F(StandardGroupsTest, TheSnmpGroupCountsRequestsAndTheEngineUsmAndVacmGroup
   EXPECT_GE(std::stol(ValueOf(snmp, kSnmpEngineBoots)), 1);
   // usmStats (six counters), usmUserSpinLock and VACM's groups (the
   // communities' security names).
-  int rc = 0;
-  EXPECT_EQ(LinesWith(snmp.tool("snmpwalk", "-v2c -c public", "-On .1.3.6.1.6.3.15.1.1", &rc), " = Counter32: ").size(),
-            6u);
-  EXPECT_EQ(
-      LinesWith(snmp.tool("snmpget", "-v2c -c public", "-On .1.3.6.1.6.3.15.1.2.1.0", &rc), " = INTEGER: ").size(), 1u);
-  EXPECT_FALSE(
-      LinesWith(snmp.tool("snmpwalk", "-v2c -c public", "-On .1.3.6.1.6.3.16.1.2.1.3", &rc), "STRING: ").empty());
+  EXPECT_EQ(LinesWith(snmp.tool("snmpwalk", "-v2c -c public", "-On .1.3.6.1.6.3.15.1.1"), " = Counter32: ").size(), 6u);
+  EXPECT_EQ(LinesWith(snmp.tool("snmpget", "-v2c -c public", "-On .1.3.6.1.6.3.15.1.2.1.0"), " = INTEGER: ").size(),
+            1u);
+  EXPECT_FALSE(LinesWith(snmp.tool("snmpwalk", "-v2c -c public", "-On .1.3.6.1.6.3.16.1.2.1.3"), "STRING: ").empty());
 }
 
 TEST_F(StandardGroupsTest, AWalkGoesOnFromTheModuleToTheStandardGroupsAfterIt) {

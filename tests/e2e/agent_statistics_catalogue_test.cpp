@@ -89,14 +89,6 @@ struct Observations {
   }
 };
 
-// The text of a string index ("2.48.65" -> "0A").
-std::string IndexText(const Oid& index, bool text) {
-  if (!text) return index.size() == 1 ? std::to_string(index[0]) : OidText(index);
-  std::string out;
-  for (size_t i = 1; i < index.size(); ++i) out += static_cast<char>(index[i]);
-  return out;
-}
-
 // Walks one table at the frozen model time into rows.
 void WalkTable(const AgentUnderTest& agent, const zerva_agent::MibObject& table, uint64_t modelMs, Observations* seen) {
   int rc = -1;
@@ -113,7 +105,6 @@ void WalkTable(const AgentUnderTest& agent, const zerva_agent::MibObject& table,
     return;
   }
   const std::string prefix = table.name.substr(0, table.name.size() - std::string("Table").size());
-  const bool textIndex = table.indexEncoding == zerva_agent::MibIndexEncoding::String;
   std::map<Oid, Row> rows;
   Oid entry = table.oid;
   entry.push_back(1);
@@ -128,7 +119,7 @@ void WalkTable(const AgentUnderTest& agent, const zerva_agent::MibObject& table,
     Row& row = rows[index];
     row.table = table.name;
     row.prefix = prefix;
-    row.index = IndexText(index, textIndex);
+    row.index = zerva_test::IndexText(table, index);
     row.modelMs = modelMs;
     // The statistics: the Gauge32 columns (an Unsigned32 index looks the
     // same on the wire).

@@ -260,4 +260,13 @@ std::string Diff(const std::map<Oid, Value>& expected, const std::map<Oid, Value
   return head.str() + out.str();
 }
 
+std::string IndexText(const zerva_agent::MibObject& table, const Oid& rowIndex) {
+  if (table.indexEncoding == zerva_agent::MibIndexEncoding::Integer) {
+    return rowIndex.size() == 1 ? std::to_string(rowIndex[0]) : OidText(rowIndex);
+  }
+  std::string text;
+  for (size_t i = 1; i < rowIndex.size(); ++i) text += static_cast<char>(rowIndex[i]);
+  return text;
+}
+
 }  // namespace zerva_test

@@ -48,6 +48,10 @@ TableTruth GroundTruth(const zerva_sim::ArraySimulator& sim, const zerva_agent::
 // "" when the two agree, else up to a few lines naming the differences.
 std::string Diff(const std::map<Oid, Value>& expected, const std::map<Oid, Value>& actual);
 
+// The row index of a table as text: the number of an Integer index, the
+// text of a String index (its length arc left out).
+std::string IndexText(const zerva_agent::MibObject& table, const Oid& rowIndex);
+
 }  // namespace zerva_test
 
 #endif  // ZERVA_TESTS_PROCESS_GROUND_TRUTH_H_
